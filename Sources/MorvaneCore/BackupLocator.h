@@ -1,0 +1,52 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace morvane {
+
+// Where the calendar database lies, in the live home folder and inside backups of any layout,
+// and the private working copies ("staged copies") that every reader opens instead of the
+// original. A registry of staged folders lets the process remove them all at its end.
+namespace BackupLocator {
+
+// The database's path inside a home folder.
+inline constexpr std::string_view relativeDBPath =
+    "Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb";
+
+// The live database: the home folder, "/", relativeDBPath.
+std::string liveDBPath();
+
+// Whether the folder holding the live database can be listed, which takes Full Disk Access on
+// a Mac. The database itself isn't touched.
+bool canReadLiveDatabase();
+
+// Walks down from `root` (a leading tilde expanded) to the first Calendar.sqlitedb, breadth
+// first over the root and three levels below it, looking for "Users/{user}/..." before the home
+// layout on each folder and skipping system folders. A root that is a plain file is returned as
+// it is. Throws BackupLocatorError::notFound with the expanded root.
+std::filesystem::path findDatabase(std::string_view root, std::string_view user);
+
+// Copies the database and its "-wal" and "-shm" files, where they exist, into a fresh private
+// "morvane-{UUID}" folder in the temporary folder, with mode 600, and returns the copy of the
+// database. Throws BackupLocatorError::copyFailed, leaving no folder behind.
+std::filesystem::path stageCopy(const std::filesystem::path& database);
+
+// Writes `data` as the file `name` in a fresh staged folder and returns it. Throws the
+// platform's error; once the folder exists it is registered, even if the write then fails.
+std::filesystem::path stageData(std::string_view data, const std::string& name);
+
+// Removes the staged folder holding `file` with everything in it. Errors are dropped. Only a
+// "morvane-" folder is ever removed, whether it is registered or not.
+void removeStagedCopy(const std::filesystem::path& file);
+
+// Removes every staged folder of the registry; errors are dropped.
+void removeAllStagedCopies();
+
+// The staged folders registered now, in no particular order.
+std::vector<std::filesystem::path> stagedFolders();
+
+} // namespace BackupLocator
+} // namespace morvane

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+// Whole-file reads and writes, with errors worded for the user (PlatformError). Every function
+// here either does all it says or throws; none leaves a half-written file under the final name
+// except writeFile, which is the plain, non-atomic write where a caller asks for one.
+namespace morvane::files {
+
+// The whole content of a file.
+std::string read(const std::filesystem::path& path);
+
+// Creates or truncates `path` and writes `bytes` to it, in place.
+void write(const std::filesystem::path& path, std::string_view bytes);
+
+// Writes `bytes` to a temporary file in the same folder, flushes it to the disk and renames it
+// over `path`, so that readers see the old content or the new, never a mixture.
+void writeAtomically(const std::filesystem::path& path, std::string_view bytes);
+
+// Creates a folder and any missing folders above it; an existing folder is fine.
+void createDirectories(const std::filesystem::path& path);
+
+// Sets the POSIX permission bits of `path`, e.g. 0600.
+void setPermissions(const std::filesystem::path& path, unsigned mode);
+
+// A fresh random (version 4) UUID in its standard upper-case text form.
+std::string randomUUID();
+
+} // namespace morvane::files

@@ -1,0 +1,65 @@
+#include "morvane/BackupsCommand.h"
+
+#include "MorvaneCore/BackupCatalog.h"
+#include "MorvaneCore/Json.h"
+#include "morvane/CommandLine.h"
+
+#include <algorithm>
+#include <ostream>
+
+namespace morvane::cli {
+namespace {
+
+// Width on a terminal, counting each code point as one column.
+size_t columns(const std::string& text) {
+    return static_cast<size_t>(std::count_if(
+        text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
+}
+
+void printJSON(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, std::ostream& out) {
+    json::Value list = json::Value::array();
+    for (const auto& source : sources) {
+        list.push_back({
+            {"id", source.id()},
+            {"kind", source.kind.caseName()},
+            {"title", source.title()},
+            {"subtitle", source.subtitle()},
+            {"date", json::isoDate(source.date)},
+        });
+    }
+    out << json::dump({{"sources", std::move(list)}, {"notes", notes}}, true) << '\n';
+}
+
+void printText(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, std::ostream& out) {
+    if (sources.empty()) out << "No Time Machine backups are reachable.\n";
+
+    std::vector<std::string> titles;
+    size_t width = 0;
+    for (const auto& source : sources) {
+        titles.push_back(source.title());
+        width = std::max(width, columns(titles.back()));
+    }
+    for (size_t i = 0; i < sources.size(); ++i) {
+        out << titles[i] << std::string(width - columns(titles[i]) + 2, ' ') << sources[i].subtitle() << '\n';
+    }
+    for (const auto& note : notes)
+        out << note << '\n';
+}
+
+} // namespace
+
+int runBackups(const BackupsOptions& options, std::ostream& out) {
+    std::vector<BackupSource> sources;
+    std::vector<std::string> notes;
+    BackupCatalog::listTimeMachine(sources, notes);
+    BackupCatalog::sortNewestFirst(sources);
+
+    if (options.json) {
+        printJSON(sources, notes, out);
+    } else {
+        printText(sources, notes, out);
+    }
+    return exitSuccess;
+}
+
+} // namespace morvane::cli

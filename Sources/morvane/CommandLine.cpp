@@ -1,0 +1,106 @@
+#include "morvane/CommandLine.h"
+
+#include "MorvanePlatform/Error.h"
+#include "morvane/BackupsCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace morvane::cli {
+namespace {
+
+// One row of the command table: its name, its one-line help, and how it adds its options to
+// the parser, giving back what runs it once parsing is done.
+struct Command {
+    const char* name;
+    const char* summary;
+    std::function<std::function<int(std::ostream&)>(CLI::App&)> attach;
+};
+
+std::vector<Command> commands() {
+    return {
+        {"backups", "List the Time Machine backups and local snapshots that can be read",
+         [](CLI::App& command) {
+             auto options = std::make_shared<BackupsOptions>();
+             command.add_flag("--json", options->json, "Print the list as JSON");
+             return [options](std::ostream& out) { return runBackups(*options, out); };
+         }},
+    };
+}
+
+size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// The command closest to a mistyped name, when one is close enough to be what was meant.
+const Command* nearest(const std::vector<Command>& table, const std::string& typed) {
+    const Command* best = nullptr;
+    size_t bestDistance = std::max<size_t>(2, typed.size() / 3) + 1;
+    for (const auto& command : table) {
+        const auto distance = editDistance(typed, command.name);
+        if (distance < bestDistance) {
+            best = &command;
+            bestDistance = distance;
+        }
+    }
+    return best;
+}
+
+} // namespace
+
+int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+    const auto table = commands();
+
+    if (argc >= 2) {
+        const std::string first = argv[1];
+        const bool known = std::any_of(table.begin(), table.end(), [&](const Command& c) { return first == c.name; });
+        if (!first.starts_with('-') && !known) {
+            err << "morvane: unknown command '" << first << "'.";
+            if (const auto* guess = nearest(table, first)) err << " Did you mean '" << guess->name << "'?";
+            err << "\nRun 'morvane --help' for the list of commands.\n";
+            return exitUsage;
+        }
+    }
+
+    CLI::App app("Morvane brings lost or changed calendar events back.", "morvane");
+    app.require_subcommand(1);
+    std::function<int(std::ostream&)> selected;
+    for (const auto& command : table) {
+        auto* subcommand = app.add_subcommand(command.name, command.summary);
+        auto runner = command.attach(*subcommand);
+        subcommand->final_callback([&selected, runner] { selected = runner; });
+    }
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const bool help = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
+        app.exit(error, out, err);
+        return help ? exitSuccess : exitUsage;
+    }
+
+    try {
+        return selected(out);
+    } catch (const Error& error) {
+        err << "morvane: " << error.description() << '\n';
+        return exitFailure;
+    }
+}
+
+} // namespace morvane::cli

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "MorvanePlatform/ToolLauncher.h"
+#include "MorvanePlatform/UserFolders.h"
+#include "MorvanePlatform/Volumes.h"
+#include "Support/TemporaryDirectory.h"
+
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+// Recording stand-ins for the platform services. Each is installed for a scope with
+// ScopedReplacement and records what the code under test asked of it.
+namespace morvane::testing {
+
+// Answers tool launches from a script of recorded outputs, keyed by the whole command line
+// ("/usr/bin/tmutil listbackups"), and records every command line launched. A command with no
+// recorded answer behaves like a tool missing from the machine.
+class RecordingToolLauncher final : public ToolLauncher {
+public:
+    void answer(const std::string& commandLine, LaunchResult result);
+    // Answers every command line that starts with `prefix` (a later exact answer wins).
+    void answerPrefix(const std::string& prefix, LaunchResult result);
+
+    LaunchResult launch(const std::string& path, const std::vector<std::string>& arguments) override;
+
+    std::vector<std::string> commandLines() const;
+    // How many launched command lines start with `prefix`.
+    size_t count(const std::string& prefix) const;
+
+private:
+    mutable std::mutex lock_;
+    std::map<std::string, LaunchResult> answers_;
+    std::vector<std::pair<std::string, LaunchResult>> prefixAnswers_;
+    std::vector<std::string> launched_;
+};
+
+// Devices of volumes, by path.
+class FakeVolumes final : public Volumes {
+public:
+    std::map<std::string, std::string> devices;
+    std::optional<std::string> deviceOf(const std::string& path) override;
+};
+
+// A home and a temporary folder of the test's choosing, and a fixed user name.
+class FakeUserFolders final : public UserFolders {
+public:
+    FakeUserFolders(std::filesystem::path home, std::filesystem::path temporary, std::string user = "jane")
+        : home_(std::move(home)), temporary_(std::move(temporary)), user_(std::move(user)) {}
+
+    std::filesystem::path home() const override { return home_; }
+    std::filesystem::path temporary() const override { return temporary_; }
+    std::string userName() const override { return user_; }
+    std::optional<std::filesystem::path> homeOf(const std::string& user) const override {
+        if (user == user_) return home_;
+        return std::nullopt;
+    }
+
+private:
+    std::filesystem::path home_;
+    std::filesystem::path temporary_;
+    std::string user_;
+};
+
+// A user whose home and temporary folder are fresh folders of their own, installed as the
+// current user for the scope: ".../home" and ".../tmp" inside one temporary directory.
+class TemporaryUser {
+public:
+    explicit TemporaryUser(std::string user = "jane");
+    TemporaryUser(const TemporaryUser&) = delete;
+    TemporaryUser& operator=(const TemporaryUser&) = delete;
+
+    const std::filesystem::path& home() const { return home_; }
+    const std::filesystem::path& temporary() const { return temporary_; }
+    const TemporaryDirectory& root() const { return root_; }
+
+private:
+    TemporaryDirectory root_;
+    std::filesystem::path home_;
+    std::filesystem::path temporary_;
+    FakeUserFolders folders_;
+    ScopedReplacement<UserFolders> installed_;
+};
+
+// The text of a recorded tool output kept beside the tests, in Tests/Data/.
+std::string recordedOutput(const std::string& name);
+
+} // namespace morvane::testing

@@ -1,0 +1,103 @@
+#include "morvane/CommandLine.h"
+
+#include "Support/Fakes.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace morvane {
+namespace {
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Outcome runCommandLine(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "morvane");
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
+    return {status, out.str(), err.str()};
+}
+
+class CommandLineTest : public ::testing::Test {
+protected:
+    void answerWithRecordedListings() {
+        tools.answer("/usr/bin/tmutil listlocalsnapshotdates /",
+                     {0, testing::recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+        tools.answer("/usr/bin/tmutil listbackups", {0, testing::recordedOutput("tools/tmutil-listbackups.txt")});
+    }
+
+    testing::TemporaryUser user;
+    testing::RecordingToolLauncher tools;
+    ScopedReplacement<ToolLauncher> installedTools{tools};
+};
+
+TEST_F(CommandLineTest, BackupsAsJSONListsNewestFirstWithUndatedLast) {
+    answerWithRecordedListings();
+    const auto result = runCommandLine({"backups", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+
+    const auto document = nlohmann::json::parse(result.out);
+    ASSERT_EQ(document.size(), 2u);
+    EXPECT_EQ(document["notes"], nlohmann::json::array());
+    const auto& sources = document["sources"];
+    ASSERT_EQ(sources.size(), 7u);
+    EXPECT_EQ(sources[0], (nlohmann::json{{"id", "snap:com.apple.TimeMachine.2024-03-01-111522.local"},
+                                          {"kind", "localSnapshot"},
+                                          {"title", "Mar 1, 2024, 11:15\u202FAM"},
+                                          {"subtitle", "Local snapshot"},
+                                          {"date", "2024-03-01T19:15:22Z"}}));
+    EXPECT_EQ(sources[2]["subtitle"], "Time Machine \u00B7 /Volumes/.timemachine/4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9/"
+                                      "2024-02-28-181544.backup");
+    EXPECT_EQ(sources[4]["kind"], "timeMachine");
+    EXPECT_EQ(sources[4]["date"], "2024-02-26T17:30:12Z");
+    EXPECT_EQ(sources[5]["id"],
+              "tm:/Volumes/Backup Disk [Old]/Backups.backupdb/Jane\u2019s MacBook (2019)/2023-11-02-081500");
+    EXPECT_EQ(sources[6]["date"], nullptr);
+    EXPECT_EQ(sources[6]["title"], sources[6]["id"]);
+}
+
+TEST_F(CommandLineTest, BackupsAsTextShowsTitlesSubtitlesAndNotes) {
+    tools.answer("/usr/bin/tmutil listlocalsnapshotdates /", {0, "Snapshot dates for disk /:\n2024-03-01-101500\n"});
+    tools.answer("/usr/bin/tmutil listbackups", {0, "No machine directory found for host.\n"});
+    const auto result = runCommandLine({"backups"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "Mar 1, 2024, 10:15\u202FAM  Local snapshot\n"
+                          "The Time Machine backup disk isn't connected; only local snapshots are listed.\n");
+}
+
+TEST_F(CommandLineTest, WithoutTmutilBackupsSaysNothingIsReachableAndSucceeds) {
+    const auto text = runCommandLine({"backups"});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_EQ(text.out, "No Time Machine backups are reachable.\n");
+
+    const auto json = runCommandLine({"backups", "--json"});
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(nlohmann::json::parse(json.out),
+              (nlohmann::json{{"sources", nlohmann::json::array()}, {"notes", nlohmann::json::array()}}));
+}
+
+TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {
+    const auto typo = runCommandLine({"bakups"});
+    EXPECT_EQ(typo.status, cli::exitUsage);
+    EXPECT_NE(typo.err.find("unknown command 'bakups'. Did you mean 'backups'?"), std::string::npos) << typo.err;
+
+    const auto unrelated = runCommandLine({"frobnicate"});
+    EXPECT_EQ(unrelated.status, cli::exitUsage);
+    EXPECT_EQ(unrelated.err.find("Did you mean"), std::string::npos);
+
+    EXPECT_EQ(runCommandLine({}).status, cli::exitUsage);
+    EXPECT_EQ(runCommandLine({"backups", "--jsn"}).status, cli::exitUsage);
+    EXPECT_TRUE(tools.commandLines().empty());
+
+    const auto help = runCommandLine({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("backups"), std::string::npos);
+}
+
+} // namespace
+} // namespace morvane
