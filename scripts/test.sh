@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything under AddressSanitizer and UndefinedBehaviorSanitizer, with warnings as
-# errors, and runs every test. Formatting is checked first: it is the cheapest failure.
+# errors, and runs every test, then each fuzz target briefly. Formatting is checked first:
+# it is the cheapest failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,3 +12,4 @@ if [ -n "$sources" ]; then
 fi
 
 cmake --workflow --preset test
+scripts/fuzz.sh
