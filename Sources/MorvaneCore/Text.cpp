@@ -15,7 +15,25 @@ bool isWhitespaceOrNewline(UChar32 c) {
 
 } // namespace
 
+bool isWellFormedUTF8(std::string_view bytes) {
+    const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+    const auto length = static_cast<int32_t>(bytes.size());
+    int32_t offset = 0;
+    while (offset < length) {
+        if (data[offset] < 0x80) {
+            ++offset;
+            continue;
+        }
+        UChar32 c = 0;
+        U8_NEXT(data, offset, length, c);
+        if (c < 0) return false;
+    }
+    return true;
+}
+
 std::string repairedUTF8(std::string_view bytes) {
+    // Nearly all text is well-formed already: only broken text takes the round trip through ICU.
+    if (isWellFormedUTF8(bytes)) return std::string(bytes);
     std::string result;
     icu::UnicodeString::fromUTF8(icu::StringPiece(bytes.data(), static_cast<int32_t>(bytes.size())))
         .toUTF8String(result);

@@ -7,6 +7,9 @@
 // Small text helpers shared by the readers. Texts are UTF-8 throughout.
 namespace morvane::text {
 
+// Whether the bytes are well-formed UTF-8 (no surrogates, no overlong forms).
+bool isWellFormedUTF8(std::string_view bytes);
+
 // Decodes bytes as UTF-8, replacing every ill-formed sequence with U+FFFD instead of refusing.
 std::string repairedUTF8(std::string_view bytes);
 

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "MorvaneCore/BackupStore.h"
+#include "MorvaneCore/Date.h"
+#include "MorvaneCore/SQLiteDB.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace morvane {
+
+// Reads a staged copy of the operating system's calendar database into the system's records.
+// Opening checks every table and column the readers need and refuses the whole database, with
+// one message naming every gap, when any is missing. The only write is `checkpoint`.
+// One thread at a time; failures throw SQLiteError.
+class CalendarDatabase {
+public:
+    // Throws "Unsupported Calendar.sqlitedb schema: {table} lacks {column}, ...; ..." besides
+    // the errors of opening.
+    explicit CalendarDatabase(const std::filesystem::path& path);
+
+    // The deleted occurrences of the series whose row is `master`, ascending.
+    std::vector<Date> exceptionDates(std::int64_t master);
+
+    // The occurrence cache: its window and, per series, the keys of the moments it holds, each
+    // counted where the series had it (a moved occurrence at its original date, a floating one
+    // at its wall-clock reading as UTC). Throws "OccurrenceCache window not recorded in this
+    // database." without a usable window.
+    OccurrenceSet occurrences();
+
+    // Throws "Database copy failed its integrity check: {what the check said}".
+    void verifyIntegrity();
+
+    // Folds the write-ahead log into the main file, so the file alone holds the database.
+    void checkpoint();
+
+    // SHA-256, in lower-case hex, over the rows of the tables that hold what the user's calendars
+    // say, streamed row by row. A persisted format: restore points are compared by it.
+    std::string contentFingerprint();
+
+private:
+    SQLiteDB db_;
+    // The expression read for an item's attachment flag: the column where it exists, else 0.
+    std::string hasAttachmentSQL_;
+};
+
+// The location of an event as one text: title, then the address without a repeat of the title,
+// on separate lines; nothing when both are empty.
+std::optional<std::string> locationText(const std::optional<std::string>& title,
+                                        const std::optional<std::string>& address);
+
+} // namespace morvane

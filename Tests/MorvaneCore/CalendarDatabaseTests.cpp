@@ -1,0 +1,347 @@
+#include "MorvaneCore/CalendarDatabase.h"
+
+#include "MorvaneCore/Errors.h"
+#include "MorvaneCore/SQLiteDB.h"
+#include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/SHA256.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Pinned.h"
+#include "Support/TemporaryDirectory.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CalendarDatabaseBuilder;
+using Journal = CalendarDatabaseBuilder::Journal;
+
+class CalendarDatabaseTest : public ::testing::Test {
+protected:
+    CalendarDatabaseBuilder& build(Journal journal = Journal::rollback) {
+        builder = std::make_unique<CalendarDatabaseBuilder>(path, journal);
+        return *builder;
+    }
+    CalendarDatabase open() {
+        builder->close();
+        return CalendarDatabase(path);
+    }
+    std::string failureOf(const std::function<void()>& work) {
+        try {
+            work();
+        } catch (const SQLiteError& error) {
+            return error.description();
+        }
+        return "no failure";
+    }
+
+    testing::TemporaryDirectory folder;
+    fs::path path = folder.path() / "Calendar.sqlitedb";
+    std::unique_ptr<CalendarDatabaseBuilder> builder;
+};
+
+TEST_F(CalendarDatabaseTest, OurColumnSetIsTheSystemsOne) {
+    const fs::path reference = fs::path(MORVANE_SHARED_TEST_DATA_DIR) / "calendar-schema/macos-26.sql";
+    if (!fs::exists(reference)) GTEST_SKIP() << "the shared test data is not beside this checkout";
+    auto& ours = build();
+    CalendarDatabaseBuilder theirs(folder.path() / "reference.sqlite");
+    theirs.execute("DROP TABLE Store; DROP TABLE Calendar; DROP TABLE CalendarItem; DROP TABLE Location; "
+                   "DROP TABLE Recurrence; DROP TABLE Alarm; DROP TABLE ExceptionDate; DROP TABLE OccurrenceCache; "
+                   "DROP TABLE OccurrenceCacheDays; DROP TABLE _SqliteDatabaseProperties;");
+    theirs.execute(files::read(reference));
+    theirs.close();
+    ours.close();
+
+    SQLiteDB mine(path.string());
+    SQLiteDB system((folder.path() / "reference.sqlite").string());
+    const std::string listTables = "SELECT name FROM sqlite_master WHERE type = 'table' AND name != 'sqlite_sequence'";
+    std::set<std::string> tables;
+    system.query(listTables, [&tables](const SQLiteDB::Row& row) { tables.insert(*row.text(0)); });
+    EXPECT_EQ(tables.size(), 10u);
+    for (const auto& table : tables)
+        EXPECT_EQ(mine.columns(table), system.columns(table)) << table;
+}
+
+TEST_F(CalendarDatabaseTest, RefusesASchemaWithGapsNamingThemAll) {
+    build().execute(
+        "DROP TRIGGER delete_event_alarms_recurs; ALTER TABLE Alarm DROP COLUMN disabled; DROP TABLE Location;"
+        "ALTER TABLE CalendarItem DROP COLUMN url; ALTER TABLE CalendarItem DROP COLUMN summary;"
+        "DROP TABLE _SqliteDatabaseProperties;");
+    builder->close();
+    EXPECT_EQ(failureOf([&] { CalendarDatabase database(path); }),
+              "Unsupported Calendar.sqlitedb schema: Alarm lacks disabled; CalendarItem lacks summary, url; "
+              "Location lacks title, address; _SqliteDatabaseProperties lacks key, value");
+}
+
+TEST_F(CalendarDatabaseTest, ToleratesAMissingAttachmentColumn) {
+    build().execute("ALTER TABLE CalendarItem DROP COLUMN has_attachment");
+    EXPECT_NO_THROW(open());
+}
+
+TEST_F(CalendarDatabaseTest, ExceptionDatesOfOneSeriesAscending) {
+    auto& db = build();
+    db.addExceptionDate(7, 300.0);
+    db.addExceptionDate(7, nullptr);
+    db.addExceptionDate(8, 50.0);
+    db.addExceptionDate(7, 100.5);
+    auto database = open();
+    const auto dates = database.exceptionDates(7);
+    ASSERT_EQ(dates.size(), 2u);
+    EXPECT_EQ(dates[0], Date{100.5});
+    EXPECT_EQ(dates[1], Date{300.0});
+    EXPECT_TRUE(database.exceptionDates(9).empty());
+}
+
+TEST_F(CalendarDatabaseTest, OccurrenceWindowMustBeRecordedAndOrdered) {
+    const std::string message = "OccurrenceCache window not recorded in this database.";
+    const std::vector<std::pair<testing::SQLValue, testing::SQLValue>> windows = {
+        {nullptr, nullptr}, {"100", "100"}, {"200", "100"}, {"abc", "100"}, {" 5", "100"}, {"5", "100x"}, {"", "9"},
+    };
+    for (const auto& [start, end] : windows) {
+        fs::remove(path);
+        auto& db = build();
+        db.setProperty("OccurrenceCacheStart", start);
+        db.setProperty("OccurrenceCacheEnd", end);
+        auto database = open();
+        EXPECT_EQ(failureOf([&] { database.occurrences(); }), message);
+    }
+
+    fs::remove(path);
+    build().setOccurrenceWindow(-5.5, 1e9, "Europe/Berlin");
+    auto database = open();
+    const auto set = database.occurrences();
+    EXPECT_EQ(set.window, (DateInterval{{-5.5}, {1e9}}));
+    EXPECT_TRUE(set.dates.empty());
+}
+
+TEST_F(CalendarDatabaseTest, OccurrencesAreKeyedWhereTheSeriesHadThem) {
+    auto& db = build();
+    db.setOccurrenceWindow(0, 1e9, "Europe/Berlin");
+    const auto calendar = db.addCalendar({.store = db.addStore({})});
+    const auto weekly = db.addItem({.calendar = calendar, .uniqueIdentifier = "weekly"});
+    db.addOccurrence(weekly, 1.5);
+    db.addOccurrence(weekly, -1.5 + 1000);
+    db.addOccurrence(weekly, 2.4999);
+    // A moved occurrence counts at its original date, under the series.
+    const auto moved = db.addItem(
+        {.calendar = calendar, .uniqueIdentifier = "weekly/RID=604800", .origItemID = weekly, .origDate = 604800.0});
+    db.addOccurrence(moved, 691200.0);
+    // With no master row or no original date, it is an ordinary occurrence.
+    const auto orphan = db.addItem(
+        {.calendar = calendar, .uniqueIdentifier = "orphan", .origItemID = std::int64_t{0}, .origDate = 5.0});
+    db.addOccurrence(orphan, 77.0);
+    db.insert("OccurrenceCache", {{"event_id", orphan}, {"occurrence_date", nullptr}});
+    db.insert("CalendarItem", {{"calendar_id", calendar}, {"unique_identifier", nullptr}, {"entity_type", 2}});
+    db.insert("OccurrenceCache",
+              {{"event_id", db.insert("CalendarItem", {{"unique_identifier", nullptr}})}, {"occurrence_date", 9.0}});
+
+    auto database = open();
+    const auto set = database.occurrences();
+    EXPECT_EQ(set.dates,
+              (std::map<std::string, std::set<std::int64_t>>{{"weekly", {2, 999, 2, 604800}}, {"orphan", {77}}}));
+}
+
+TEST_F(CalendarDatabaseTest, FloatingOccurrencesAreShiftedByTheCacheZone) {
+    // Berlin is UTC+1 in January and UTC+2 in July.
+    const double january = 726000000.0; // 2024-01-02
+    const double july = 741500000.0;    // 2024-06-30
+    for (const auto& [zone, januaryShift, julyShift] :
+         {std::tuple<std::string, int, int>{"Europe/Berlin", 3600, 7200},
+          // An unknown zone falls back to the machine's, pinned to Los Angeles.
+          std::tuple<std::string, int, int>{"Mars/Olympus_Mons", -28800, -25200}}) {
+        fs::remove(path);
+        auto& db = build();
+        db.setOccurrenceWindow(0, 1e9, zone);
+        const auto calendar = db.addCalendar({.store = db.addStore({})});
+        const auto floating = db.addItem({.calendar = calendar, .startTZ = "_float", .uniqueIdentifier = "f"});
+        const auto null = db.addItem({.calendar = calendar, .startTZ = nullptr, .uniqueIdentifier = "n"});
+        const auto zoned = db.addItem({.calendar = calendar, .startTZ = "Asia/Tokyo", .uniqueIdentifier = "z"});
+        for (const auto item : {floating, null, zoned}) {
+            db.addOccurrence(item, january);
+            db.addOccurrence(item, july + 0.5);
+        }
+        auto database = open();
+        const auto set = database.occurrences();
+        const auto expectedFloating = std::set<std::int64_t>{static_cast<std::int64_t>(january) + januaryShift,
+                                                             static_cast<std::int64_t>(july) + 1 + julyShift};
+        EXPECT_EQ(set.dates.at("f"), expectedFloating) << zone;
+        EXPECT_EQ(set.dates.at("n"), expectedFloating) << zone;
+        EXPECT_EQ(set.dates.at("z"), (std::set<std::int64_t>{726000000, 741500001})) << zone;
+    }
+}
+
+TEST_F(CalendarDatabaseTest, IntegrityCheckPassesAHealthyCopyAndReportsDamage) {
+    auto& db = build();
+    db.execute("CREATE TABLE filler (a, b); CREATE INDEX filler_b ON filler(b);"
+               "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) "
+               "INSERT INTO filler SELECT i, printf('%0100d', i) FROM n;");
+    open().verifyIntegrity();
+
+    // Damage pages in the middle of the file, where the index and table pages lie.
+    {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(fs::file_size(path) / 2));
+        const std::string garbage(8192, '\x7f');
+        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+    }
+    // Everything the check said is reported, its rows run together without anything between.
+    std::vector<std::string> complaints;
+    SQLiteDB(path.string()).query("PRAGMA quick_check", [&](const SQLiteDB::Row& row) {
+        complaints.push_back(*row.text(0));
+    });
+    ASSERT_FALSE(complaints.empty());
+    std::string joined;
+    for (const auto& complaint : complaints)
+        joined += complaint;
+    CalendarDatabase damaged(path);
+    EXPECT_EQ(failureOf([&] { damaged.verifyIntegrity(); }), "Database copy failed its integrity check: " + joined);
+}
+
+TEST_F(CalendarDatabaseTest, EmptyTablesFingerprintAsTheDigestOfNothing) {
+    build();
+    EXPECT_EQ(open().contentFingerprint(), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST_F(CalendarDatabaseTest, FingerprintLinesAreExact) {
+    auto& db = build();
+    db.addLocation({.title = "Home"});
+    auto database = open();
+    // "1", US, "Home", US, the empty set sign for NULL, US, line feed: 12 bytes.
+    const std::string line = "1\x1FHome\x1F\xE2\x88\x85\x1F\n";
+    ASSERT_EQ(line.size(), 12u);
+    EXPECT_EQ(database.contentFingerprint(), SHA256::hex(SHA256::of(line)));
+}
+
+TEST_F(CalendarDatabaseTest, FingerprintRendersNumbersAsSQLiteDoesAndRepairsText) {
+    auto& db = build();
+    db.insert("CalendarItem", {{"summary", std::string("Caf\xC3\xA9 \xFF", 7)},
+                               {"start_date", 730944000.0},
+                               {"end_date", 730947600.25},
+                               {"start_tz", "_float"},
+                               {"all_day", std::int64_t{0}},
+                               {"calendar_id", std::int64_t{3}},
+                               {"unique_identifier", std::string("a\0b", 3)},
+                               {"description", ""},
+                               {"hidden", std::int64_t{1}},
+                               {"entity_type", std::int64_t{3}}});
+    db.insert("Recurrence", {{"owner_id", std::int64_t{1}}, {"frequency", std::int64_t{2}}, {"end_date", 1e20}});
+    db.insert("ExceptionDate", {{"owner_id", std::int64_t{1}}, {"date", -0.5}});
+    db.insert("Alarm", {{"calendaritem_owner_id", std::int64_t{1}}, {"trigger_interval", std::int64_t{-900}}});
+    db.insert("Calendar", {{"title", "Work"}, {"UUID", "C-1"}, {"color", "#FF0000"}});
+    auto database = open();
+
+    const std::string null = "\xE2\x88\x85";
+    const std::string expected = "1\x1F"
+                                 "Caf\xC3\xA9 \xEF\xBF\xBD\x1F"
+                                 "730944000.0\x1F"
+                                 "730947600.25\x1F"
+                                 "_float\x1F"
+                                 "0\x1F"
+                                 "3\x1F"
+                                 "a\x1F"
+                                 "\x1F" +
+                                 null + "\x1F" + null + "\x1F" + null + "\x1F" + null +
+                                 "\x1F"
+                                 "1\x1F\n"
+                                 "1\x1F"
+                                 "2\x1F" +
+                                 null + "\x1F" + null +
+                                 "\x1F"
+                                 "1.0e+20\x1F" +
+                                 null +
+                                 "\x1F\n"
+                                 "1\x1F"
+                                 "-0.5\x1F\n"
+                                 "1\x1F"
+                                 "-900\x1F" +
+                                 null + "\x1F" + null + "\x1F" + null +
+                                 "\x1F\n"
+                                 "1\x1F"
+                                 "Work\x1F"
+                                 "C-1\x1F\n";
+    EXPECT_EQ(database.contentFingerprint(), SHA256::hex(SHA256::of(expected)));
+}
+
+TEST_F(CalendarDatabaseTest, FingerprintFollowsContentNotColoursOrFileOrder) {
+    auto fingerprint = [&](const std::function<void(CalendarDatabaseBuilder&)>& fill) {
+        fs::remove(path);
+        fill(build());
+        return open().contentFingerprint();
+    };
+    const auto base = fingerprint([](CalendarDatabaseBuilder& db) {
+        db.insert("Calendar", {{"ROWID", std::int64_t{1}}, {"title", "Home"}, {"UUID", "A"}, {"color", "#FF0000"}});
+        db.insert("Calendar", {{"ROWID", std::int64_t{2}}, {"title", "Work"}, {"UUID", "B"}});
+    });
+    // The same rows written in the other order, a new colour, other sync columns: unchanged.
+    EXPECT_EQ(base, fingerprint([](CalendarDatabaseBuilder& db) {
+                  db.insert("Calendar", {{"ROWID", std::int64_t{2}}, {"title", "Work"}, {"UUID", "B"}});
+                  db.insert("Calendar", {{"ROWID", std::int64_t{1}},
+                                         {"title", "Home"},
+                                         {"UUID", "A"},
+                                         {"color", "#00FF00"},
+                                         {"external_id", "x"}});
+                  db.addStore({});
+              }));
+    // A rename, or the same content under other row numbers: changed.
+    EXPECT_NE(base, fingerprint([](CalendarDatabaseBuilder& db) {
+                  db.insert("Calendar", {{"ROWID", std::int64_t{1}}, {"title", "Home!"}, {"UUID", "A"}});
+                  db.insert("Calendar", {{"ROWID", std::int64_t{2}}, {"title", "Work"}, {"UUID", "B"}});
+              }));
+    EXPECT_NE(base, fingerprint([](CalendarDatabaseBuilder& db) {
+                  db.insert("Calendar", {{"ROWID", std::int64_t{3}}, {"title", "Home"}, {"UUID", "A"}});
+                  db.insert("Calendar", {{"ROWID", std::int64_t{4}}, {"title", "Work"}, {"UUID", "B"}});
+              }));
+}
+
+TEST_F(CalendarDatabaseTest, CheckpointFoldsALiveLogWithoutChangingTheFingerprint) {
+    auto& db = build(Journal::wal);
+    const auto calendar = db.addCalendar({.store = db.addStore({})});
+    for (int i = 0; i < 50; ++i)
+        db.addItem({.calendar = calendar, .summary = "Event " + std::to_string(i)});
+    builder->close(/*keepLog=*/true);
+    const fs::path log = path.string() + "-wal";
+    ASSERT_GT(fs::file_size(log), 0u);
+
+    CalendarDatabase database(path);
+    const auto before = database.contentFingerprint();
+    database.checkpoint();
+    EXPECT_EQ(fs::file_size(log), 0u);
+    EXPECT_EQ(database.contentFingerprint(), before);
+}
+
+TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {
+    EXPECT_EQ(locationText("Work", "Work, Main Street 1"), "Work\nMain Street 1");
+    EXPECT_EQ(locationText("Work", "Work"), "Work");
+    EXPECT_EQ(locationText(" Work\n", "Work ,, Main Street 1,\n"), "Work\nMain Street 1");
+    EXPECT_EQ(locationText(std::nullopt, " Main Street 1 "), "Main Street 1");
+    EXPECT_EQ(locationText("Cafe", std::nullopt), "Cafe");
+    EXPECT_EQ(locationText("Home", "Main Street 1"), "Home\nMain Street 1");
+    EXPECT_EQ(locationText(" ", "\n"), std::nullopt);
+    EXPECT_EQ(locationText(std::nullopt, std::nullopt), std::nullopt);
+}
+
+TEST(BackupCalendar, DisplayNameSpellsOutTheSystemsPlaceholders) {
+    BackupCalendar calendar{.title = "DEFAULT_CALENDAR_NAME", .storeName = "Default", .storeType = 0};
+    EXPECT_EQ(calendar.displayName(), "Calendar (On My Mac)");
+    calendar.storeName = "iCloud";
+    calendar.storeType = 2;
+    EXPECT_EQ(calendar.displayName(), "Calendar (iCloud)");
+    calendar.title = "DEFAULT_TASK_CALENDAR_NAME";
+    EXPECT_EQ(calendar.displayName(), "Reminders (iCloud)");
+    // "Default" is spelt out only for a local store.
+    calendar = {.title = "Work", .storeName = "Default", .storeType = 1};
+    EXPECT_EQ(calendar.displayName(), "Work (Default)");
+}
+
+TEST(StoreType, KnowsTheStoredValuesButThree) {
+    EXPECT_EQ(storeType(0), StoreType::local);
+    EXPECT_EQ(storeType(2), StoreType::calDAV);
+    EXPECT_EQ(storeType(6), StoreType::reminders);
+    EXPECT_EQ(storeType(3), std::nullopt);
+    EXPECT_EQ(storeType(-1), std::nullopt);
+}
+
+} // namespace
+} // namespace morvane
