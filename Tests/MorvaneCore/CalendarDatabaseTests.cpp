@@ -5,6 +5,7 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/CalendarGenerator.h"
 #include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -309,6 +310,27 @@ TEST_F(CalendarDatabaseTest, CheckpointFoldsALiveLogWithoutChangingTheFingerprin
     database.checkpoint();
     EXPECT_EQ(fs::file_size(log), 0u);
     EXPECT_EQ(database.contentFingerprint(), before);
+}
+
+TEST_F(CalendarDatabaseTest, GeneratedCalendarsAreDeterministicAndReadable) {
+    auto fingerprint = [&](std::uint64_t seed) {
+        fs::remove(path);
+        const auto made = testing::generateCalendar(build(), 300, seed);
+        EXPECT_EQ(made.events, 300);
+        EXPECT_GT(made.series, 30);
+        EXPECT_GT(made.detached, 0);
+        EXPECT_GT(made.occurrences, 0);
+        auto database = open();
+        database.verifyIntegrity();
+        std::int64_t keys = 0;
+        for (const auto& [series, moments] : database.occurrences().dates)
+            keys += static_cast<std::int64_t>(moments.size());
+        EXPECT_EQ(keys, made.occurrences);
+        return database.contentFingerprint();
+    };
+    const auto first = fingerprint(7);
+    EXPECT_EQ(fingerprint(7), first);
+    EXPECT_NE(fingerprint(8), first);
 }
 
 TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "Support/CalendarDatabaseBuilder.h"
+
+#include <cstdint>
+
+namespace morvane::testing {
+
+// What a generated calendar database holds.
+struct GeneratedCalendar {
+    std::int64_t events = 0;      // items that are not detached occurrences
+    std::int64_t series = 0;      // of which repeating
+    std::int64_t detached = 0;    // detached occurrence items
+    std::int64_t exceptions = 0;  // exception dates
+    std::int64_t occurrences = 0; // occurrence cache rows
+};
+
+// Fills a database like a real user's: `events` events over the ten years from 2016, a fifth of
+// them repeating (daily, weekly, monthly or yearly, some with an end) with exception dates and
+// detached occurrences, alarms and locations, in several stores among which a subscribed and a
+// birthday calendar, and an occurrence cache for 2025. The same seed gives the same database.
+//
+// Repeating events advance by fixed steps (a month is 30 days, a year 365): the data is
+// realistic in size and shape, not a calendar to check recurrence expansion against.
+GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_t events, std::uint64_t seed);
+
+} // namespace morvane::testing
