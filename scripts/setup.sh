@@ -8,7 +8,7 @@ packages=(
     clang clang-format clang-tidy libclang-rt-14-dev
     libsqlite3-dev sqlite3 libicu-dev libssl-dev nlohmann-json3-dev libplist-dev libical-dev
     libcli11-dev qt6-base-dev qt6-qpa-plugins
-    libgtest-dev libgmock-dev libbenchmark-dev
+    libgtest-dev libgmock-dev libbenchmark-dev hyperfine time
 )
 
 missing=()
