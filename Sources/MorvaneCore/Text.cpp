@@ -1,8 +1,13 @@
 #include "MorvaneCore/Text.h"
 
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
+
+#include <algorithm>
+#include <limits>
 
 namespace morvane::text {
 namespace {
@@ -11,6 +16,14 @@ bool isWhitespaceOrNewline(UChar32 c) {
     if ((c >= 0x09 && c <= 0x0D) || c == 0x85) return true;
     const auto category = u_charType(c);
     return category == U_SPACE_SEPARATOR || category == U_LINE_SEPARATOR || category == U_PARAGRAPH_SEPARATOR;
+}
+
+bool isASCII(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+icu::UnicodeString unicode(std::string_view text) {
+    return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
 }
 
 } // namespace
@@ -91,6 +104,75 @@ std::string replacingAll(std::string_view text, std::string_view target, std::st
     }
     result.append(text.substr(start));
     return result;
+}
+
+std::string uppercased(std::string_view text) {
+    if (isASCII(text)) {
+        std::string result(text);
+        for (auto& c : result) {
+            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+        }
+        return result;
+    }
+    std::string result;
+    unicode(text).toUpper(icu::Locale::getRoot()).toUTF8String(result);
+    return result;
+}
+
+bool canonicallyEqual(std::string_view a, std::string_view b) {
+    if (a == b) return true;
+    // Pure ASCII is its own canonical form: different bytes are different texts.
+    if (isASCII(a) && isASCII(b)) return false;
+    UErrorCode status = U_ZERO_ERROR;
+    const auto* nfd = icu::Normalizer2::getNFDInstance(status);
+    if (U_FAILURE(status)) return false;
+    const auto left = nfd->normalize(unicode(a), status);
+    const auto right = nfd->normalize(unicode(b), status);
+    return U_SUCCESS(status) && left == right;
+}
+
+std::optional<std::int64_t> integer(std::string_view text) {
+    bool negative = false;
+    if (!text.empty() && (text.front() == '+' || text.front() == '-')) {
+        negative = text.front() == '-';
+        text.remove_prefix(1);
+    }
+    if (text.empty()) return std::nullopt;
+    // Accumulated as a negative number, whose range holds the minimum.
+    constexpr auto minimum = std::numeric_limits<std::int64_t>::min();
+    std::int64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') return std::nullopt;
+        const int digit = c - '0';
+        if (value < (minimum + digit) / 10) return std::nullopt;
+        value = value * 10 - digit;
+    }
+    if (negative) return value;
+    if (value == minimum) return std::nullopt;
+    return -value;
+}
+
+std::vector<std::string_view> nonEmptyPieces(std::string_view text, char separator) {
+    std::vector<std::string_view> pieces;
+    size_t start = 0;
+    while (start <= text.size()) {
+        const auto end = std::min(text.find(separator, start), text.size());
+        if (end > start) pieces.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return pieces;
+}
+
+std::vector<std::string_view> splittingOnce(std::string_view text, char separator) {
+    const auto at = text.find(separator);
+    if (at == std::string_view::npos) {
+        if (text.empty()) return {};
+        return {text};
+    }
+    std::vector<std::string_view> sides;
+    if (at > 0) sides.push_back(text.substr(0, at));
+    if (at + 1 < text.size()) sides.push_back(text.substr(at + 1));
+    return sides;
 }
 
 } // namespace morvane::text

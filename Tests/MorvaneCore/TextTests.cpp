@@ -1,5 +1,7 @@
 #include "MorvaneCore/Text.h"
+#include "Support/Pinned.h"
 
+#include <cstdint>
 #include <gtest/gtest.h>
 
 namespace morvane {
@@ -35,6 +37,44 @@ TEST(Text, ReplacesEveryOccurrence) {
     EXPECT_EQ(text::replacingAll("2024-03-01-101500.backup.backup", ".backup", ""), "2024-03-01-101500");
     EXPECT_EQ(text::replacingAll("aaa", "aa", "b"), "ba");
     EXPECT_EQ(text::replacingAll("abc", "", "x"), "abc");
+}
+
+TEST(Text, ReadsPlainSigned64BitDecimals) {
+    EXPECT_EQ(text::integer("42"), 42);
+    EXPECT_EQ(text::integer("+7"), 7);
+    EXPECT_EQ(text::integer("-0"), 0);
+    EXPECT_EQ(text::integer("-9223372036854775808"), INT64_MIN);
+    EXPECT_EQ(text::integer("9223372036854775807"), INT64_MAX);
+    for (const char* bad :
+         {"", "+", "-", "9223372036854775808", "-9223372036854775809", " 1", "1 ", "1.0", "0x1", "--1", "\u0661"}) {
+        EXPECT_EQ(text::integer(bad), std::nullopt) << bad;
+    }
+}
+
+TEST(Text, UppercasesByFullCaseMappingWhateverTheLocale) {
+    EXPECT_EQ(text::uppercased("begin:vEvent"), "BEGIN:VEVENT");
+    EXPECT_EQ(text::uppercased("stra\u00DFe"), "STRASSE");
+    testing::ScopedLocale turkish("tr_TR");
+    EXPECT_EQ(text::uppercased("x-wr-timezone \u00E9"), "X-WR-TIMEZONE \u00C9");
+}
+
+TEST(Text, ComparesByCanonicalEquivalence) {
+    EXPECT_TRUE(text::canonicallyEqual("Caf\u00E9", "Cafe\u0301"));
+    EXPECT_TRUE(text::canonicallyEqual("\u212B", "\u00C5")); // Angstrom sign and A with ring
+    EXPECT_FALSE(text::canonicallyEqual("\uFB01", "fi"));    // compatibility only
+    EXPECT_FALSE(text::canonicallyEqual("a", "A"));
+    EXPECT_TRUE(text::canonicallyEqual("", ""));
+}
+
+TEST(Text, SplitsIntoPieces) {
+    using Views = std::vector<std::string_view>;
+    EXPECT_EQ(text::nonEmptyPieces(";a;;b;", ';'), (Views{"a", "b"}));
+    EXPECT_EQ(text::splittingOnce("a=b=c", '='), (Views{"a", "b=c"}));
+    EXPECT_EQ(text::splittingOnce("a=", '='), (Views{"a"}));
+    EXPECT_EQ(text::splittingOnce("=b=c", '='), (Views{"b=c"}));
+    EXPECT_EQ(text::splittingOnce("abc", '='), (Views{"abc"}));
+    EXPECT_TRUE(text::splittingOnce("=", '=').empty());
+    EXPECT_TRUE(text::splittingOnce("", '=').empty());
 }
 
 } // namespace
