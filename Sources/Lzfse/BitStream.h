@@ -1,0 +1,118 @@
+#pragma once
+
+// The two bit streams of an LZFSE block are written forwards and read backwards: the last
+// value written is the first read. The writer appends to a byte vector; the reader walks a
+// payload from its end towards its start.
+
+#include "Lzfse/Format.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace morvane::lzfse {
+
+class BitWriter {
+public:
+    explicit BitWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+
+    // Appends the low `count` bits of `value`; count is at most 32 and value has no higher bits.
+    void write(std::uint64_t value, int count) {
+        accumulator_ |= value << pending_;
+        pending_ += count;
+        if (pending_ >= 32) {
+            const std::size_t at = out_.size();
+            out_.resize(at + 4);
+            format::store32(out_.data() + at, static_cast<std::uint32_t>(accumulator_));
+            accumulator_ >>= 32;
+            pending_ -= 32;
+        }
+    }
+
+    // Pads to a whole byte with zero bits and returns the stream's final-bits value: minus the
+    // number of padding bits, as the block header records it.
+    int finish() {
+        const int padding = (8 - pending_ % 8) % 8;
+        for (int written = 0; written < pending_; written += 8)
+            out_.push_back(static_cast<std::uint8_t>(accumulator_ >> written));
+        accumulator_ = 0;
+        pending_ = 0;
+        return -padding;
+    }
+
+private:
+    std::vector<std::uint8_t>& out_;
+    std::uint64_t accumulator_ = 0;
+    int pending_ = 0;
+};
+
+// Reads a payload backwards. Reading past the start of the payload is not checked on every
+// read: zero bits are shifted in instead and counted, and `overran()` tells afterwards whether
+// any were consumed. Callers bound their loops by the block's counts, so this always ends.
+class BackwardBitReader {
+public:
+    // `finalBits` is in -7..0. Returns false if the padding bits of the last byte are not zero
+    // or the payload is empty while claiming padding.
+    bool start(const std::uint8_t* begin, std::size_t size, int finalBits) {
+        begin_ = begin;
+        overrun_ = 0;
+        if (size == 0) {
+            accumulator_ = 0;
+            available_ = 0;
+            position_ = begin;
+            return finalBits == 0;
+        }
+        if (size >= 8) {
+            position_ = begin + size - 8;
+            accumulator_ = format::load64(position_);
+        } else {
+            position_ = begin;
+            accumulator_ = 0;
+            for (std::size_t i = 0; i < size; ++i)
+                accumulator_ |= std::uint64_t{begin[i]} << (8 * i);
+        }
+        available_ = static_cast<int>(8 * std::min<std::size_t>(size, 8)) + finalBits;
+        return available_ >= 64 || (accumulator_ >> available_) == 0;
+    }
+
+    // Makes at least 56 bits readable.
+    void refill() {
+        const int wanted = (63 - available_) >> 3;
+        if (wanted <= 0) return;
+        if (position_ - begin_ >= wanted) {
+            position_ -= wanted;
+            available_ += 8 * wanted;
+            accumulator_ = format::load64(position_);
+            return;
+        }
+        const int real = static_cast<int>(position_ - begin_);
+        if (real > 0) {
+            position_ = begin_;
+            available_ += 8 * real;
+            accumulator_ = format::load64(position_);
+        }
+        const int virtualBits = 8 * (wanted - real);
+        accumulator_ <<= virtualBits;
+        available_ += virtualBits;
+        overrun_ += virtualBits;
+    }
+
+    // Reads `count` bits (0..56, and no more than refill() guaranteed).
+    std::uint32_t read(int count) {
+        available_ -= count;
+        // A fresh reader may hold all 64 bits; a 0-bit read then leaves 64, which no shift takes.
+        return static_cast<std::uint32_t>((accumulator_ >> (available_ & 63)) & ((std::uint64_t{1} << count) - 1));
+    }
+
+    // Whether any bit before the start of the payload was read.
+    bool overran() const { return available_ < overrun_; }
+
+private:
+    const std::uint8_t* begin_ = nullptr;
+    const std::uint8_t* position_ = nullptr;
+    std::uint64_t accumulator_ = 0;
+    int available_ = 0; // readable bits, counted up from bit 0 of the accumulator
+    int overrun_ = 0;   // of which this many lie before the start of the payload
+};
+
+} // namespace morvane::lzfse
