@@ -1,6 +1,9 @@
 #include "MorvaneCore/BackupCatalog.h"
 
+#include "MorvaneCore/BackupCache.h"
 #include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/CalendarArchive.h"
+#include "MorvaneCore/CalendarDatabase.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
 #include "MorvaneCore/Paths.h"
@@ -10,8 +13,10 @@
 #include "MorvanePlatform/UserFolders.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <plist/plist.h>
+#include <thread>
 
 namespace morvane::BackupCatalog {
 namespace {
@@ -139,3 +144,104 @@ std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path) {
 }
 
 } // namespace morvane::BackupCatalog
+
+namespace morvane {
+
+void OpenedBackup::close() const {
+    if (stagedCopy) BackupLocator::removeStagedCopy(*stagedCopy);
+    if (mount) mount->unmount();
+}
+
+namespace BackupCatalog {
+namespace {
+
+constexpr auto inFlightPoll = std::chrono::milliseconds(300);
+
+// A calendar database staged at `staged`; the staged copy goes if it doesn't open.
+std::shared_ptr<CalendarDatabase> openStaged(const std::filesystem::path& staged) {
+    try {
+        return std::make_shared<CalendarDatabase>(staged);
+    } catch (...) {
+        BackupLocator::removeStagedCopy(staged);
+        throw;
+    }
+}
+
+OpenedBackup openPrepared(const BackupSource& source, const PreparedSource& prepared) {
+    using Case = BackupSource::Kind::Case;
+    const auto& path = source.kind.path();
+    switch (source.kind.which) {
+    case Case::localSnapshot:
+    case Case::timeMachine:
+    case Case::file: {
+        const auto found = BackupLocator::findDatabase(prepared.root, UserFolders::current().userName());
+        const auto staged = BackupLocator::stageCopy(found);
+        return {openStaged(staged), found.string(), staged, prepared.mount};
+    }
+    case Case::icsArchive: throw RestoreError("Folders of .ics files can't be opened by this version of Morvane.");
+    case Case::appSnapshot:
+    case Case::iCloudSnapshot:
+    case Case::timeMachineImport: {
+        if (path.ends_with(".calevents"))
+            throw RestoreError("Event store snapshots can't be opened by this version of Morvane.");
+        const auto staged = CalendarArchive::stageFile(path);
+        return {openStaged(staged), path, staged, nullptr};
+    }
+    }
+    throw RestoreError("Unknown kind of backup: " + source.id());
+}
+
+} // namespace
+
+OpenedBackup openUncached(const BackupSource& source) {
+    const auto prepared = prepare(source);
+    try {
+        return openPrepared(source, prepared);
+    } catch (...) {
+        if (prepared.mount) prepared.mount->unmount();
+        throw;
+    }
+}
+
+OpenedBackup open(const BackupSource& source) {
+    if (!BackupCache::isCacheable(source)) return openUncached(source);
+    auto& cache = BackupCache::shared();
+    const auto id = source.id();
+
+    for (;;) {
+        // Someone else is reading this source for the first time: wait, then use the cache.
+        while (cache.isOpening(id))
+            std::this_thread::sleep_for(inFlightPoll);
+
+        if (const auto staged = cache.stage(source)) {
+            try {
+                return {std::make_shared<CalendarDatabase>(*staged), source.subtitle() + " (cached)", *staged, nullptr};
+            } catch (const Error&) {
+                // A cached file that decompresses but doesn't open is replaced by the save below.
+                BackupLocator::removeStagedCopy(*staged);
+            }
+        }
+        if (cache.beginOpening(id)) break;
+        // Another thread began in the gap: go back to waiting for it.
+    }
+
+    OpenedBackup opened;
+    try {
+        opened = openUncached(source);
+    } catch (...) {
+        cache.endOpening(id);
+        throw;
+    }
+    if (auto database = std::dynamic_pointer_cast<CalendarDatabase>(opened.store); database && opened.stagedCopy)
+        cache.save(*database, *opened.stagedCopy, source);
+    cache.endOpening(id);
+    return opened;
+}
+
+void prepareCache(const BackupSource& source) {
+    if (!BackupCache::isCacheable(source) || BackupCache::shared().isCached(source)) return;
+    open(source).close();
+}
+
+} // namespace BackupCatalog
+} // namespace morvane

@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/BackupSource.h"
 #include "MorvaneCore/Date.h"
+#include "MorvaneCore/OpenedBackup.h"
 
 #include <cstdint>
 #include <memory>
@@ -67,6 +68,18 @@ struct SnapshotLocation {
 // The APFS snapshot and its volume's mount point behind a snapshot-based backup path of the form
 // .../.timemachine/{volume UUID}/{stamp}.backup/...; nothing for any other path or any problem.
 std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path);
+
+// Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
+// read once before comes from its cached copy, without the disk or a mount. Several threads
+// opening one uncached source are serialised: one reads it, the others then use the cache.
+// Throws what opening the source throws; nothing stays staged or mounted then.
+OpenedBackup open(const BackupSource& source);
+
+// Opens a source from the source itself, never through the cache.
+OpenedBackup openUncached(const BackupSource& source);
+
+// Fills the cache for a cacheable source that isn't cached yet, leaving nothing open.
+void prepareCache(const BackupSource& source);
 
 } // namespace BackupCatalog
 } // namespace morvane

@@ -1,5 +1,7 @@
 #include "MorvaneCore/BackupStore.h"
 
+#include "MorvaneCore/EventKeys.h"
+
 namespace morvane {
 
 std::optional<StoreType> storeType(std::int64_t value) {
@@ -13,6 +15,10 @@ std::optional<StoreType> storeType(std::int64_t value) {
     default: return std::nullopt;
     }
 }
+
+std::string_view BackupEvent::externalIdentifier() const { return seriesKey(uniqueIdentifier); }
+
+std::optional<KeptOccurrences> BackupStore::keptOccurrences(std::int64_t) { return std::nullopt; }
 
 std::string BackupCalendar::displayName() const {
     // The system stores placeholders for the calendars it creates itself.

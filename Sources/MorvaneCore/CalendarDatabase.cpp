@@ -6,6 +6,7 @@
 #include "MorvaneCore/TimeZones.h"
 #include "MorvanePlatform/SHA256.h"
 
+#include <algorithm>
 #include <charconv>
 #include <map>
 #include <sqlite3.h>
@@ -42,6 +43,30 @@ constexpr std::string_view fingerprintStatements[] = {
     "SELECT ROWID, title, UUID FROM Calendar ORDER BY ROWID",
 };
 
+constexpr std::string_view eventStatementHead =
+    "SELECT ci.ROWID, ci.summary, ci.start_date, ci.end_date, ci.all_day, ci.start_tz,\n"
+    "       ci.unique_identifier, ci.UUID, ci.has_recurrences, ci.orig_item_id, ci.orig_date,\n"
+    "       ci.last_modified, ci.description, ci.url, l.title, l.address,\n"
+    "       c.ROWID, c.UUID, c.title, c.external_id, s.name, s.type,\n"
+    "       ci.has_attendees, ";
+constexpr std::string_view eventStatementTail = ", c.color\n"
+                                                "FROM CalendarItem ci\n"
+                                                "JOIN Calendar c ON c.ROWID = ci.calendar_id\n"
+                                                "JOIN Store s ON s.ROWID = c.store_id\n"
+                                                "LEFT JOIN Location l ON l.ROWID = ci.location_id\n"
+                                                "WHERE ci.entity_type = 2\n"
+                                                "  AND COALESCE(ci.hidden, 0) = 0\n"
+                                                "  AND ci.unique_identifier IS NOT NULL";
+
+constexpr std::string_view alarmStatement =
+    "SELECT a.calendaritem_owner_id, a.trigger_interval, a.trigger_date, COALESCE(a.default_alarm, 0),\n"
+    "       CASE WHEN ci.all_day = 1 THEN s.default_all_day_alarm_offset ELSE s.default_alarm_offset END\n"
+    "FROM Alarm a\n"
+    "JOIN CalendarItem ci ON ci.ROWID = a.calendaritem_owner_id\n"
+    "JOIN Calendar c ON c.ROWID = ci.calendar_id\n"
+    "JOIN Store s ON s.ROWID = c.store_id\n"
+    "WHERE COALESCE(a.disabled, 0) = 0";
+
 constexpr std::string_view windowStatement =
     "SELECT key, value FROM _SqliteDatabaseProperties\n"
     "WHERE key IN ('OccurrenceCacheStart', 'OccurrenceCacheEnd', 'OccurrenceCacheTimeZone')";
@@ -76,6 +101,126 @@ CalendarDatabase::CalendarDatabase(const std::filesystem::path& path) : db_(path
     if (!gaps.empty()) throw SQLiteError("Unsupported Calendar.sqlitedb schema: " + gaps);
 
     hasAttachmentSQL_ = db_.columns("CalendarItem").count("has_attachment") > 0 ? "ci.has_attachment" : "0";
+}
+
+std::map<std::int64_t, RecurrenceRule> CalendarDatabase::recurrenceRules() {
+    std::map<std::int64_t, RecurrenceRule> rules;
+    db_.query("SELECT owner_id, frequency, interval, count, end_date, specifier FROM Recurrence ORDER BY ROWID",
+              [&rules](const SQLiteDB::Row& row) {
+                  const auto owner = row.integer(0);
+                  // The first usable row of an owner wins; one with an unknown frequency isn't usable.
+                  if (!owner || rules.count(*owner) > 0) return;
+                  const auto specifier = row.text(5);
+                  auto rule = RecurrenceRule::fromDatabase(
+                      row.integer(1).value_or(0), row.integer(2).value_or(1), row.integer(3).value_or(0), row.real(4),
+                      specifier ? std::optional<std::string_view>(*specifier) : std::nullopt);
+                  if (rule) rules.emplace(*owner, std::move(*rule));
+              });
+    return rules;
+}
+
+std::map<std::int64_t, std::vector<AlarmSpec>> CalendarDatabase::alarms() {
+    std::map<std::int64_t, std::vector<AlarmSpec>> alarms;
+    db_.query(alarmStatement, [&alarms](const SQLiteDB::Row& row) {
+        const auto owner = row.integer(0);
+        if (!owner) return;
+        if (row.integer(3) == 1) {
+            // The account's default alarm: the store's offset counts, not the row's own trigger.
+            if (const auto offset = row.integer(4)) alarms[*owner].push_back(AlarmSpec::relative(*offset));
+        } else if (const auto interval = row.integer(1)) {
+            alarms[*owner].push_back(AlarmSpec::relative(*interval));
+        } else if (const auto date = row.real(2)) {
+            alarms[*owner].push_back(AlarmSpec::absolute(Date{*date}));
+        }
+    });
+    return alarms;
+}
+
+std::vector<BackupEvent> CalendarDatabase::events(const std::optional<std::vector<StoreType>>& storeTypes) {
+    auto rules = recurrenceRules();
+    auto alarmsByOwner = alarms();
+
+    std::string sql = std::string(eventStatementHead) + hasAttachmentSQL_ + std::string(eventStatementTail);
+    if (storeTypes) {
+        std::string values;
+        for (const auto type : *storeTypes) {
+            values += (values.empty() ? "" : ",") + std::to_string(static_cast<std::int64_t>(type));
+        }
+        sql += " AND s.type IN (" + values + ")";
+    }
+
+    std::vector<BackupEvent> events;
+    std::map<std::int64_t, BackupCalendar> calendars;
+    db_.query(sql, [&](const SQLiteDB::Row& row) {
+        BackupEvent event;
+        event.rowID = row.integer(0).value_or(0);
+        event.uniqueIdentifier = row.text(6).value_or("");
+        event.uuid = row.text(7);
+        event.hasRecurrences = row.integer(8).value_or(0) != 0;
+        if (const auto master = row.integer(9); master && *master > 0) {
+            event.masterRowID = master;
+            if (const auto original = row.real(10)) event.originalDate = Date{*original};
+        }
+        if (const auto modified = row.real(11)) event.lastModified = Date{*modified};
+        event.hasAttendees = row.integer(22).value_or(0) != 0;
+        event.hasAttachment = row.integer(23).value_or(0) != 0;
+
+        // Built at a calendar's first row, copied for the rest.
+        const auto calendarRow = row.integer(16).value_or(0);
+        auto known = calendars.find(calendarRow);
+        if (known == calendars.end()) {
+            BackupCalendar calendar;
+            calendar.rowID = calendarRow;
+            calendar.uuid = row.text(17);
+            calendar.title = row.text(18).value_or("?");
+            calendar.externalID = row.text(19);
+            calendar.storeName = row.text(20).value_or("?");
+            calendar.storeType = row.integer(21).value_or(-1);
+            calendar.colorHex = row.text(24);
+            known = calendars.emplace(calendarRow, std::move(calendar)).first;
+        }
+        event.calendar = known->second;
+
+        auto& snapshot = event.snapshot;
+        snapshot.title = row.text(1).value_or("");
+        snapshot.start = Date{row.real(2).value_or(0)};
+        snapshot.end = Date{row.real(3).value_or(0)};
+        snapshot.isAllDay = row.integer(4).value_or(0) != 0;
+        // "_float" marks a floating time, as does no zone at all; the dates stay as stored.
+        if (auto zone = row.text(5); zone && *zone != "_float") snapshot.timeZone = std::move(zone);
+        snapshot.notes = row.text(12);
+        snapshot.url = row.text(13);
+        snapshot.location = locationText(row.text(14), row.text(15));
+        snapshot.calendarUUID = event.calendar.uuid;
+        snapshot.calendarName = event.calendar.displayName();
+        if (const auto rule = rules.find(event.rowID); rule != rules.end()) snapshot.recurrence = rule->second;
+        if (auto found = alarmsByOwner.find(event.rowID); found != alarmsByOwner.end()) {
+            snapshot.alarms = found->second;
+            std::stable_sort(snapshot.alarms.begin(), snapshot.alarms.end());
+        }
+        events.push_back(std::move(event));
+    });
+    return events;
+}
+
+std::vector<BackupCalendar> CalendarDatabase::calendars() {
+    std::vector<BackupCalendar> calendars;
+    db_.query("SELECT c.ROWID, c.UUID, c.title, c.external_id, s.name, s.type, c.color\n"
+              "FROM Calendar c LEFT JOIN Store s ON s.ROWID = c.store_id ORDER BY c.ROWID",
+              [&calendars](const SQLiteDB::Row& row) {
+                  calendars.push_back({.rowID = row.integer(0).value_or(0),
+                                       .uuid = row.text(1),
+                                       .title = row.text(2).value_or("?"),
+                                       .externalID = row.text(3),
+                                       .storeName = row.text(4).value_or("?"),
+                                       .storeType = row.integer(5).value_or(-1),
+                                       .colorHex = row.text(6)});
+              });
+    return calendars;
+}
+
+std::vector<BackupEvent> CalendarDatabase::loadEvents() {
+    return events(std::vector<StoreType>(restorableStoreTypes.begin(), restorableStoreTypes.end()));
 }
 
 std::vector<Date> CalendarDatabase::exceptionDates(std::int64_t master) {

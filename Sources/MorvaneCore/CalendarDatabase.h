@@ -5,6 +5,7 @@
 #include "MorvaneCore/SQLiteDB.h"
 
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,20 +17,31 @@ namespace morvane {
 // Opening checks every table and column the readers need and refuses the whole database, with
 // one message naming every gap, when any is missing. The only write is `checkpoint`.
 // One thread at a time; failures throw SQLiteError.
-class CalendarDatabase {
+class CalendarDatabase final : public BackupStore {
 public:
     // Throws "Unsupported Calendar.sqlitedb schema: {table} lacks {column}, ...; ..." besides
     // the errors of opening.
     explicit CalendarDatabase(const std::filesystem::path& path);
 
+    // The events and detached occurrences of the stores of the given types (all stores when
+    // absent), in the order the database gives them. Three statements, whatever the number of
+    // events: rules and alarms are read first and joined in memory.
+    std::vector<BackupEvent> events(const std::optional<std::vector<StoreType>>& storeTypes);
+
+    // Every calendar of every store, by row, with the mapping and fallbacks of `events`.
+    std::vector<BackupCalendar> calendars();
+
+    // The events of the local, Exchange and CalDAV stores.
+    std::vector<BackupEvent> loadEvents() override;
+
     // The deleted occurrences of the series whose row is `master`, ascending.
-    std::vector<Date> exceptionDates(std::int64_t master);
+    std::vector<Date> exceptionDates(std::int64_t master) override;
 
     // The occurrence cache: its window and, per series, the keys of the moments it holds, each
     // counted where the series had it (a moved occurrence at its original date, a floating one
     // at its wall-clock reading as UTC). Throws "OccurrenceCache window not recorded in this
     // database." without a usable window.
-    OccurrenceSet occurrences();
+    OccurrenceSet occurrences() override;
 
     // Throws "Database copy failed its integrity check: {what the check said}".
     void verifyIntegrity();
@@ -42,6 +54,9 @@ public:
     std::string contentFingerprint();
 
 private:
+    std::map<std::int64_t, RecurrenceRule> recurrenceRules();
+    std::map<std::int64_t, std::vector<AlarmSpec>> alarms();
+
     SQLiteDB db_;
     // The expression read for an item's attachment flag: the column where it exists, else 0.
     std::string hasAttachmentSQL_;

@@ -2,6 +2,7 @@
 
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
+#include "morvane/InspectCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -18,7 +19,7 @@ namespace {
 struct Command {
     const char* name;
     const char* summary;
-    std::function<std::function<int(std::ostream&)>(CLI::App&)> attach;
+    std::function<std::function<int(std::ostream&, std::ostream&)>(CLI::App&)> attach;
 };
 
 std::vector<Command> commands() {
@@ -27,7 +28,15 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<BackupsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
-             return [options](std::ostream& out) { return runBackups(*options, out); };
+             return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
+         }},
+        {"inspect", "Show what a calendar database holds: fingerprint, calendars, occurrence cache, events",
+         [](CLI::App& command) {
+             auto options = std::make_shared<InspectOptions>();
+             command.add_option("PATH", options->path, "A Calendar.sqlitedb, or a folder holding one")->required();
+             command.add_flag("--events", options->events, "List every event too");
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runInspect(*options, out, err); };
          }},
     };
 }
@@ -80,7 +89,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 
     CLI::App app("Morvane brings lost or changed calendar events back.", "morvane");
     app.require_subcommand(1);
-    std::function<int(std::ostream&)> selected;
+    std::function<int(std::ostream&, std::ostream&)> selected;
     for (const auto& command : table) {
         auto* subcommand = app.add_subcommand(command.name, command.summary);
         auto runner = command.attach(*subcommand);
@@ -96,7 +105,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
     }
 
     try {
-        return selected(out);
+        return selected(out, err);
     } catch (const Error& error) {
         err << "morvane: " << error.description() << '\n';
         return exitFailure;

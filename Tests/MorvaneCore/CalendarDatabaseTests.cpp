@@ -333,6 +333,173 @@ TEST_F(CalendarDatabaseTest, GeneratedCalendarsAreDeterministicAndReadable) {
     EXPECT_NE(fingerprint(8), first);
 }
 
+TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {
+    auto& db = build();
+    const auto store = db.addStore({.name = "iCloud", .type = std::int64_t{2}});
+    const auto calendar = db.addCalendar(
+        {.store = store, .title = "Work", .uuid = "CAL-1", .color = "#FF0000FF", .externalID = "/calendars/work/"});
+    const auto location = db.addLocation({.title = "Work", .address = "Work, Main Street 1"});
+    const auto full = db.addItem({.calendar = calendar,
+                                  .summary = "Review",
+                                  .start = 730944000.5,
+                                  .end = 730947600.0,
+                                  .startTZ = "Europe/Berlin",
+                                  .allDay = std::int64_t{7},
+                                  .uniqueIdentifier = "UID-1",
+                                  .uuid = "ITEM-1",
+                                  .hasRecurrences = std::int64_t{1},
+                                  .lastModified = 730000000.0,
+                                  .description = "Notes",
+                                  .url = "https://example.com",
+                                  .locationID = location,
+                                  .hasAttendees = std::int64_t{1},
+                                  .hasAttachment = std::int64_t{1}});
+    // Every column NULL that may be.
+    const auto bare = db.insert(
+        "CalendarItem", {{"calendar_id", calendar}, {"unique_identifier", "UID-2"}, {"entity_type", std::int64_t{2}}});
+    const auto floating = db.addItem({.calendar = calendar,
+                                      .startTZ = "_float",
+                                      .uniqueIdentifier = "UID-3",
+                                      .origItemID = std::int64_t{0},
+                                      .origDate = 5.0});
+    const auto detached = db.addItem(
+        {.calendar = calendar, .uniqueIdentifier = "UID-1/RID=730944000", .origItemID = full, .origDate = 730944000.0});
+    // Not events: a reminder, a hidden item, an item without identifier.
+    db.addItem({.calendar = calendar, .entityType = std::int64_t{3}});
+    db.addItem({.calendar = calendar, .hidden = std::int64_t{1}});
+    db.insert("CalendarItem", {{"calendar_id", calendar}, {"entity_type", std::int64_t{2}}});
+    auto database = open();
+
+    const auto events = database.events(std::nullopt);
+    ASSERT_EQ(events.size(), 4u);
+    const auto& first = events[0];
+    EXPECT_EQ(first.rowID, full);
+    EXPECT_EQ(first.uniqueIdentifier, "UID-1");
+    EXPECT_EQ(first.uuid, "ITEM-1");
+    EXPECT_TRUE(first.hasRecurrences);
+    EXPECT_FALSE(first.isDetachedOccurrence());
+    EXPECT_EQ(first.lastModified, Date{730000000.0});
+    EXPECT_TRUE(first.hasAttendees);
+    EXPECT_TRUE(first.hasAttachment);
+    EXPECT_EQ(first.calendar,
+              (BackupCalendar{calendar, "CAL-1", "Work", "/calendars/work/", "iCloud", 2, "#FF0000FF"}));
+    EXPECT_EQ(first.snapshot.title, "Review");
+    EXPECT_EQ(first.snapshot.start, Date{730944000.5});
+    EXPECT_EQ(first.snapshot.end, Date{730947600.0});
+    EXPECT_TRUE(first.snapshot.isAllDay); // any non-zero value
+    EXPECT_EQ(first.snapshot.timeZone, "Europe/Berlin");
+    EXPECT_EQ(first.snapshot.location, "Work\nMain Street 1");
+    EXPECT_EQ(first.snapshot.notes, "Notes");
+    EXPECT_EQ(first.snapshot.url, "https://example.com");
+    EXPECT_EQ(first.snapshot.calendarUUID, "CAL-1");
+    EXPECT_EQ(first.snapshot.calendarName, "Work (iCloud)");
+
+    const auto& empty = events[1];
+    EXPECT_EQ(empty.rowID, bare);
+    EXPECT_EQ(empty.snapshot.title, "");
+    EXPECT_EQ(empty.snapshot.start, Date{0});
+    EXPECT_EQ(empty.snapshot.end, Date{0});
+    EXPECT_FALSE(empty.snapshot.isAllDay);
+    EXPECT_EQ(empty.snapshot.timeZone, std::nullopt);
+    EXPECT_EQ(empty.snapshot.location, std::nullopt);
+    EXPECT_EQ(empty.uuid, std::nullopt);
+    EXPECT_EQ(empty.lastModified, std::nullopt);
+    EXPECT_FALSE(empty.hasAttendees);
+    EXPECT_TRUE(empty.snapshot.alarms.empty());
+    EXPECT_EQ(empty.snapshot.recurrence, std::nullopt);
+
+    EXPECT_EQ(events[2].rowID, floating);
+    EXPECT_EQ(events[2].snapshot.timeZone, std::nullopt);
+    EXPECT_FALSE(events[2].isDetachedOccurrence());
+    EXPECT_EQ(events[2].originalDate, std::nullopt);
+
+    EXPECT_EQ(events[3].rowID, detached);
+    EXPECT_EQ(events[3].masterRowID, full);
+    EXPECT_EQ(events[3].originalDate, Date{730944000.0});
+    EXPECT_EQ(events[3].externalIdentifier(), "UID-1");
+}
+
+TEST_F(CalendarDatabaseTest, CalendarsAndStoresFallBackAndFilterByStoreType) {
+    auto& db = build();
+    const auto local = db.addCalendar({.store = db.addStore({}), .title = "DEFAULT_CALENDAR_NAME"});
+    const auto odd = db.addCalendar({.store = db.addStore({.name = "Odd", .type = std::int64_t{3}})});
+    const auto bare = db.insert("Calendar", {{"store_id", db.addStore({.name = nullptr, .type = nullptr})}});
+    const auto birthdays = db.addCalendar({.store = db.addStore({.name = "Other", .type = std::int64_t{5}})});
+    for (const auto calendar : {local, odd, bare, birthdays})
+        db.addItem({.calendar = calendar});
+    auto database = open();
+
+    const auto all = database.events(std::nullopt);
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(all[0].calendar.displayName(), "Calendar (On My Mac)");
+    EXPECT_EQ(all[1].calendar.storeType, 3);
+    EXPECT_EQ(all[2].calendar, (BackupCalendar{bare, std::nullopt, "?", std::nullopt, "?", -1, std::nullopt}));
+    EXPECT_EQ(all[3].calendar.storeType, 5);
+
+    const auto restorable = database.loadEvents();
+    ASSERT_EQ(restorable.size(), 1u);
+    EXPECT_EQ(restorable[0].calendar.rowID, local);
+    EXPECT_TRUE(database.events(std::vector<StoreType>{}).empty());
+    EXPECT_EQ(database.calendars().size(), 4u);
+}
+
+TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSorted) {
+    auto& db = build();
+    const auto calendar = db.addCalendar({.store = db.addStore({.defaultAlarmOffset = std::int64_t{-600},
+                                                                .defaultAllDayAlarmOffset = std::int64_t{-32400}})});
+    const auto noDefaults = db.addCalendar({.store = db.addStore({.name = "Exchange", .type = std::int64_t{1}})});
+    const auto timed = db.addItem({.calendar = calendar});
+    const auto allDay = db.addItem({.calendar = calendar, .allDay = std::int64_t{1}});
+    const auto other = db.addItem({.calendar = noDefaults});
+    db.addAlarm({.owner = timed, .triggerInterval = std::int64_t{-60}});
+    db.addAlarm({.owner = timed, .triggerInterval = nullptr, .triggerDate = 730944000.0});
+    db.addAlarm({.owner = timed, .triggerInterval = std::int64_t{-3600}});
+    db.addAlarm({.owner = timed, .triggerInterval = std::int64_t{-5}, .defaultAlarm = std::int64_t{1}});
+    db.addAlarm({.owner = timed, .triggerInterval = std::int64_t{-7}, .disabled = std::int64_t{1}});
+    db.addAlarm({.owner = timed, .triggerInterval = nullptr});
+    db.addAlarm({.owner = allDay, .triggerInterval = nullptr, .defaultAlarm = std::int64_t{1}});
+    // A default alarm where the store has no default disappears, whatever its own trigger.
+    db.addAlarm({.owner = other, .triggerInterval = std::int64_t{-900}, .defaultAlarm = std::int64_t{1}});
+    auto database = open();
+
+    const auto events = database.events(std::nullopt);
+    EXPECT_EQ(events[0].snapshot.alarms,
+              (std::vector<AlarmSpec>{AlarmSpec::relative(-3600), AlarmSpec::relative(-600), AlarmSpec::relative(-60),
+                                      AlarmSpec::absolute(Date{730944000.0})}));
+    EXPECT_EQ(events[1].snapshot.alarms, std::vector<AlarmSpec>{AlarmSpec::relative(-32400)});
+    EXPECT_TRUE(events[2].snapshot.alarms.empty());
+}
+
+TEST_F(CalendarDatabaseTest, TheFirstUsableRuleOfAnEventWins) {
+    auto& db = build();
+    const auto calendar = db.addCalendar({.store = db.addStore({})});
+    const auto first = db.addItem({.calendar = calendar});
+    const auto second = db.addItem({.calendar = calendar});
+    db.addRecurrence(
+        {.owner = first, .frequency = std::int64_t{2}, .interval = std::int64_t{2}, .specifier = "D=0MO,0WE"});
+    db.addRecurrence({.owner = first, .frequency = std::int64_t{1}});
+    db.addRecurrence({.owner = second, .frequency = std::int64_t{9}});
+    db.addRecurrence({.owner = second, .frequency = nullptr, .interval = nullptr, .count = nullptr});
+    db.addRecurrence({.owner = second, .frequency = std::int64_t{3}, .interval = nullptr, .count = std::int64_t{5}});
+    auto database = open();
+
+    const auto events = database.events(std::nullopt);
+    ASSERT_TRUE(events[0].snapshot.recurrence.has_value());
+    EXPECT_EQ(events[0].snapshot.recurrence->description(), "FREQ=WEEKLY;INTERVAL=2;BYDAY=MO,WE");
+    ASSERT_TRUE(events[1].snapshot.recurrence.has_value());
+    EXPECT_EQ(*events[1].snapshot.recurrence, *RecurrenceRule::fromDatabase(3, 1, 5, std::nullopt, std::nullopt));
+}
+
+TEST_F(CalendarDatabaseTest, TextColumnsAreRepairedAndCutAtNul) {
+    auto& db = build();
+    const auto calendar = db.addCalendar({.store = db.addStore({})});
+    db.addItem({.calendar = calendar, .summary = std::string("Caf\xE9 \xFF"), .description = std::string("a\0b", 3)});
+    auto database = open();
+    const auto events = database.events(std::nullopt);
+    EXPECT_EQ(events[0].snapshot.title, "Caf\uFFFD \uFFFD");
+    EXPECT_EQ(events[0].snapshot.notes, "a");
+}
+
 TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {
     EXPECT_EQ(locationText("Work", "Work, Main Street 1"), "Work\nMain Street 1");
     EXPECT_EQ(locationText("Work", "Work"), "Work");

@@ -46,6 +46,50 @@ std::optional<std::string> FakeVolumes::deviceOf(const std::string& path) {
     return std::nullopt;
 }
 
+void ManualMainThread::run(const std::function<void()>& work) {
+    if (std::this_thread::get_id() == owner_) {
+        work();
+        return;
+    }
+    // Wait until the owner has run it: background threads see their changes applied in order.
+    bool finished = false;
+    std::function<void()> job = [&] {
+        work();
+        std::lock_guard guard(lock_);
+        finished = true;
+    };
+    std::unique_lock guard(lock_);
+    queue_.push_back(&job);
+    changed_.notify_all();
+    changed_.wait(guard, [&] { return finished; });
+}
+
+bool ManualMainThread::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (done()) return true;
+        std::function<void()>* job = nullptr;
+        {
+            std::unique_lock guard(lock_);
+            if (!changed_.wait_until(guard, deadline, [this] { return !queue_.empty(); })) return done();
+            job = queue_.front();
+            queue_.pop_front();
+        }
+        (*job)();
+        changed_.notify_all();
+    }
+}
+
+void RecordingSystemLog::write(const std::string& line) {
+    std::lock_guard guard(lock_);
+    lines_.push_back(line);
+}
+
+std::vector<std::string> RecordingSystemLog::lines() const {
+    std::lock_guard guard(lock_);
+    return lines_;
+}
+
 TemporaryUser::TemporaryUser(std::string user)
     : home_(root_.makeFolder("home")), temporary_(root_.makeFolder("tmp")),
       folders_(home_, temporary_, std::move(user)), installed_(folders_) {}

@@ -1,15 +1,22 @@
 #pragma once
 
+#include "MorvanePlatform/MainThread.h"
+#include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
 #include "MorvanePlatform/UserFolders.h"
 #include "MorvanePlatform/Volumes.h"
 #include "Support/TemporaryDirectory.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Recording stand-ins for the platform services. Each is installed for a scope with
@@ -63,6 +70,34 @@ private:
     std::filesystem::path home_;
     std::filesystem::path temporary_;
     std::string user_;
+};
+
+// The test's own thread stands in for the main thread: work handed over from background threads
+// waits in a queue until the test pumps it.
+class ManualMainThread final : public MainThread {
+public:
+    void run(const std::function<void()>& work) override;
+
+    // Runs queued work until `done` holds, failing after `timeout`. Returns whether it held.
+    bool pumpUntil(const std::function<bool()>& done,
+                   std::chrono::milliseconds timeout = std::chrono::milliseconds(20000));
+
+private:
+    std::thread::id owner_ = std::this_thread::get_id();
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::deque<std::function<void()>*> queue_; // guarded by lock_
+};
+
+// Lines written to the system log.
+class RecordingSystemLog final : public SystemLog {
+public:
+    void write(const std::string& line) override;
+    std::vector<std::string> lines() const;
+
+private:
+    mutable std::mutex lock_;
+    std::vector<std::string> lines_;
 };
 
 // A user whose home and temporary folder are fresh folders of their own, installed as the

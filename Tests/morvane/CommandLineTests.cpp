@@ -1,5 +1,7 @@
 #include "morvane/CommandLine.h"
 
+#include "MorvaneCore/BackupLocator.h"
+#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -79,6 +81,66 @@ TEST_F(CommandLineTest, WithoutTmutilBackupsSaysNothingIsReachableAndSucceeds) {
     EXPECT_EQ(json.status, 0);
     EXPECT_EQ(nlohmann::json::parse(json.out),
               (nlohmann::json{{"sources", nlohmann::json::array()}, {"notes", nlohmann::json::array()}}));
+}
+
+TEST_F(CommandLineTest, InspectReportsWhatADatabaseHoldsFromAStagedCopy) {
+    // A copied home folder: the database lies at its usual place inside.
+    const auto folder = user.root().path() / "picked";
+    const auto file = folder / std::string(BackupLocator::relativeDBPath);
+    {
+        testing::CalendarDatabaseBuilder db(file);
+        const auto calendar = db.addCalendar({.store = db.addStore({}), .title = "DEFAULT_CALENDAR_NAME"});
+        const auto series = db.addItem({.calendar = calendar,
+                                        .summary = "Standup",
+                                        .start = 730944000.0,
+                                        .end = 730945800.0,
+                                        .uniqueIdentifier = "S-1"});
+        db.addRecurrence({.owner = series, .frequency = std::int64_t{1}});
+        db.addAlarm({.owner = series, .triggerInterval = std::int64_t{-900}});
+        db.addItem({.calendar = calendar,
+                    .uniqueIdentifier = "S-1/RID=731030400",
+                    .origItemID = series,
+                    .origDate = 731030400.0});
+        db.setOccurrenceWindow(730000000, 760000000, "America/Los_Angeles");
+        db.close();
+    }
+    const auto result = runCommandLine({"inspect", folder.c_str(), "--events", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto report = nlohmann::json::parse(result.out);
+    EXPECT_EQ(report["fingerprint"].get<std::string>().size(), 64u);
+    EXPECT_EQ(report["eventCount"], 1);
+    EXPECT_EQ(report["calendars"][0]["displayName"], "Calendar (On My Mac)");
+    EXPECT_EQ(report["occurrenceWindow"]["start"], "2024-02-19T01:46:40Z");
+    ASSERT_EQ(report["events"].size(), 2u);
+    const auto& standup = report["events"][0];
+    EXPECT_EQ(standup["title"], "Standup");
+    EXPECT_EQ(standup["start"], 730944000.0);
+    EXPECT_EQ(standup["recurrence"], "FREQ=DAILY");
+    EXPECT_EQ(standup["alarms"], nlohmann::json::array({"15m before"}));
+    EXPECT_EQ(standup["masterRowID"], nullptr);
+    EXPECT_EQ(report["events"][1]["masterRowID"], 1);
+    EXPECT_EQ(report["events"][1]["originalDate"], 731030400.0);
+    // Only a staged copy was opened, and it is gone.
+    EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
+
+    const auto text = runCommandLine({"inspect", file.c_str()});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_NE(text.out.find("Events: 1\n"), std::string::npos) << text.out;
+}
+
+TEST_F(CommandLineTest, InspectOfSomethingUnreadableFailsWithTheReason) {
+    const auto missing = runCommandLine({"inspect", (user.root().path() / "nothing").c_str()});
+    EXPECT_EQ(missing.status, cli::exitFailure);
+    EXPECT_EQ(missing.err,
+              "morvane: No Calendar.sqlitedb found under " + (user.root().path() / "nothing").string() + "\n");
+
+    const auto notes = user.root().write("notes.txt", std::string(4096, 'x'));
+    const auto garbage = runCommandLine({"inspect", notes.c_str()});
+    EXPECT_EQ(garbage.status, cli::exitFailure);
+    EXPECT_TRUE(garbage.err.starts_with("morvane: Unsupported Calendar.sqlitedb schema: ") ||
+                garbage.err.starts_with("morvane: Prepare failed: file is not a database"))
+        << garbage.err;
+    EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 }
 
 TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "MorvanePlatform/Replaceable.h"
+
+#include <string>
+
+namespace morvane {
+
+// The system log, for the few lines a program writes where no user reads them at once.
+class SystemLog : public Replaceable<SystemLog> {
+public:
+    virtual ~SystemLog() = default;
+    virtual void write(const std::string& line) = 0;
+
+    // The real log: syslog.
+    static SystemLog& system();
+};
+
+} // namespace morvane

@@ -1,0 +1,182 @@
+#include "MorvaneCore/TimeMachineImports.h"
+
+#include "MorvaneCore/BackupCache.h"
+#include "MorvaneCore/BackupCatalog.h"
+#include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/CalendarDatabase.h"
+#include "MorvaneCore/DateFormatting.h"
+#include "MorvaneCore/Errors.h"
+#include "MorvanePlatform/Files.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Fakes.h"
+
+#include <gtest/gtest.h>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+using Kind = BackupSource::Kind;
+using Case = CalendarArchive::SnapshotResult::Case;
+
+class TimeMachineImportsTest : public ::testing::Test {
+protected:
+    void TearDown() override { BackupLocator::removeAllStagedCopies(); }
+
+    // A folder-based backup: {root}/Backups.backupdb/Mac/{stamp}/Macintosh HD/Users/jane/...
+    std::string backup(const std::string& stamp, int events = 1) {
+        const auto folder = user.root().path() / "Backups.backupdb" / "Mac" / stamp;
+        testing::CalendarDatabaseBuilder db(folder / "Macintosh HD" / "Users" / "jane" /
+                                            std::string(BackupLocator::relativeDBPath));
+        const auto calendar = db.addCalendar({.store = db.addStore({})});
+        for (int i = 0; i < events; ++i)
+            db.addItem({.calendar = calendar});
+        db.close();
+        return folder.string();
+    }
+
+    void listBackups(const std::vector<std::string>& stamps, const std::vector<std::string>& local = {}) {
+        std::string backups;
+        for (const auto& stamp : stamps)
+            backups += "/Volumes/B/Backups.backupdb/Mac/" + stamp + "\n";
+        std::string snapshots = "Snapshot dates for disk /:\n";
+        for (const auto& stamp : local)
+            snapshots += stamp + "\n";
+        tools.answer("/usr/bin/tmutil listbackups", {0, backups});
+        tools.answer("/usr/bin/tmutil listlocalsnapshotdates /", {0, snapshots});
+    }
+
+    std::vector<std::string> pendingPaths() {
+        std::vector<std::string> paths;
+        for (const auto& source : TimeMachineImports::pending(*archive).sources)
+            paths.push_back(source.id());
+        return paths;
+    }
+
+    BackupSource source(const std::string& path, const std::string& stamp) {
+        return {Kind::timeMachine(path), dates::parseStamp(stamp)};
+    }
+
+    testing::TemporaryUser user;
+    testing::RecordingToolLauncher tools;
+    ScopedReplacement<ToolLauncher> installedTools{tools};
+    std::shared_ptr<CalendarArchive> archive = TimeMachineImports::forAppStoreEdition();
+};
+
+TEST_F(TimeMachineImportsTest, BothSidesOfTheSandboxNameOneFolder) {
+    EXPECT_EQ(TimeMachineImports::appStoreContainer(), user.home() / "Library/Containers/com.quillfen.morvane");
+    EXPECT_EQ(archive->directory(), user.home() / "Library/Containers/com.quillfen.morvane/Data/Library/"
+                                                  "Application Support/Morvane/Time Machine");
+    EXPECT_EQ(TimeMachineImports::forThisApp()->directory(), archive->directory());
+    EXPECT_FALSE(fs::exists(archive->directory()));
+}
+
+TEST_F(TimeMachineImportsTest, OnlyTheLatestBackupOfEachLocalDayIsPending) {
+    listBackups({"2024-03-01-090000", "2024-03-01-170000", "2024-03-01-130000", "2024-03-01-235959",
+                 "2024-03-02-000000", "Latest"},
+                {"2024-02-28-120000", "2024-03-02-000000"});
+    // The local snapshot of the same moment as a disk backup is listed first and stays.
+    EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"snap:com.apple.TimeMachine.2024-02-28-120000.local",
+                                                        "tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-235959",
+                                                        "snap:com.apple.TimeMachine.2024-03-02-000000.local"}));
+}
+
+TEST_F(TimeMachineImportsTest, CheckedStampsAreNoLongerPendingButANewerBackupOfTheDayIs) {
+    listBackups({"2024-03-01-130000"});
+    fs::create_directories(archive->directory());
+    TimeMachineImports::markChecked("2024-03-01-130000", *archive);
+    EXPECT_TRUE(pendingPaths().empty());
+    listBackups({"2024-03-01-130000", "2024-03-01-170000"});
+    EXPECT_EQ(pendingPaths(), std::vector<std::string>{"tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-170000"});
+}
+
+TEST_F(TimeMachineImportsTest, ADamagedCheckedFileCountsAsEmptyAndMarksStaySorted) {
+    listBackups({"2024-03-01-130000"});
+    fs::create_directories(archive->directory());
+    for (const char* stored : {"[]", "not json", "[1, 2]", "{\"a\": 1}"}) {
+        files::write(archive->directory() / "checked.json", stored);
+        EXPECT_EQ(pendingPaths().size(), 1u) << stored;
+    }
+    for (const char* stamp : {"2024-03-02-101500", "2024-01-01-000000", "2024-03-02-101500", "2024-02-01-000000"})
+        TimeMachineImports::markChecked(stamp, *archive);
+    EXPECT_EQ(files::read(archive->directory() / "checked.json"),
+              R"(["2024-01-01-000000","2024-02-01-000000","2024-03-02-101500"])");
+}
+
+TEST_F(TimeMachineImportsTest, ImportingFilesTheBackupAndMarksItLast) {
+    const auto path = backup("2024-03-01-101500", 4);
+    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
+    EXPECT_EQ(result.which, Case::saved);
+    EXPECT_EQ(result.entry.eventCount, 4);
+    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive), std::vector<std::string>{"2024-03-01-101500"});
+
+    // The same content a day later: unchanged, and marked all the same.
+    const auto same = backup("2024-03-02-101500", 4);
+    EXPECT_EQ(TimeMachineImports::importBackup(source(same, "2024-03-02-101500"), *archive).which, Case::unchanged);
+    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive).size(), 2u);
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+}
+
+TEST_F(TimeMachineImportsTest, AFailedImportMarksNothingAndLeavesNothingBehind) {
+    try {
+        TimeMachineImports::importBackup({Kind::timeMachine(backup("Latest")), std::nullopt}, *archive);
+        FAIL() << "imported a backup without a date";
+    } catch (const RestoreError& error) {
+        EXPECT_EQ(error.description(), "This backup has no date.");
+    }
+
+    const auto damaged = backup("2024-03-01-101500");
+    files::write(fs::path(damaged) / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath),
+                 std::string(4096, 'x'));
+    EXPECT_THROW(TimeMachineImports::importBackup(source(damaged, "2024-03-01-101500"), *archive), SQLiteError);
+    EXPECT_TRUE(TimeMachineImports::checkedStamps(*archive).empty());
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+}
+
+TEST_F(TimeMachineImportsTest, ABackupIsReadFromTheDiskOnceAndThenFromTheCache) {
+    const auto path = backup("2024-03-01-101500", 2);
+    const auto tm = source(path, "2024-03-01-101500");
+    EXPECT_FALSE(BackupCache::shared().isCached(tm));
+
+    auto first = BackupCatalog::open(tm);
+    EXPECT_EQ(first.location, fs::path(path) / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath));
+    first.close();
+    first.close();
+    EXPECT_TRUE(BackupCache::shared().isCached(tm));
+
+    // The cache file depends on the id alone, so another date hits it too.
+    fs::remove_all(fs::path(path));
+    auto second = BackupCatalog::open({tm.kind, std::nullopt});
+    EXPECT_TRUE(second.location.ends_with(" (cached)")) << second.location;
+    EXPECT_EQ(second.mount, nullptr);
+    second.close();
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    // A truncated cache file is removed, and opening goes back to the (now missing) backup.
+    files::write(BackupCache::shared().url(tm), "trunc");
+    EXPECT_THROW(BackupCatalog::open(tm), Error);
+    EXPECT_FALSE(fs::exists(BackupCache::shared().url(tm)));
+}
+
+TEST_F(TimeMachineImportsTest, OnlyTimeMachineSourcesGoThroughTheCache) {
+    const auto path = backup("2024-03-01-101500");
+    const BackupSource file(Kind::file(path), std::nullopt);
+    EXPECT_TRUE(BackupCache::shared().isCached(file));
+    BackupCatalog::prepareCache(file);
+    auto opened = BackupCatalog::open(file);
+    EXPECT_FALSE(opened.location.ends_with("(cached)"));
+    opened.close();
+    EXPECT_FALSE(fs::exists(BackupCache::shared().directory()));
+    EXPECT_EQ(BackupCache::shared().url(file).filename().string().size(), 32u + 8u);
+}
+
+TEST_F(TimeMachineImportsTest, StoresThatArentDatabasesYetSayTheyCantBeOpened) {
+    // .ics folders and event store documents open once their readers exist.
+    EXPECT_THROW(BackupCatalog::open({Kind::icsArchive(user.root().path().string()), std::nullopt}), RestoreError);
+    EXPECT_THROW(BackupCatalog::open({Kind::appSnapshot("/x/2024-03-01-101500.calevents"), std::nullopt}),
+                 RestoreError);
+}
+
+} // namespace
+} // namespace morvane
