@@ -69,6 +69,14 @@ std::string iso8601(Date date) { return format(date, isoPattern, posixLocale, "U
 
 std::optional<Date> parseISO8601(std::string_view text) { return parseStrictly(text, isoPattern, "UTC"); }
 
+std::string longDate(Date date) {
+    std::unique_ptr<icu::DateFormat> formatter(icu::DateFormat::createDateInstance(icu::DateFormat::kLong));
+    if (!formatter) return {};
+    icu::UnicodeString text;
+    formatter->format(toUDate(date), text);
+    return utf8(text);
+}
+
 std::string abbreviatedDateTime(Date date) {
     std::unique_ptr<icu::DateFormat> formatter(
         icu::DateFormat::createDateTimeInstance(icu::DateFormat::kMedium, icu::DateFormat::kShort));

@@ -27,6 +27,10 @@ std::optional<Date> parseISO8601(std::string_view text);
 // in the current zone, e.g. "Mar 1, 2024, 10:15 AM" in en_US.
 std::string abbreviatedDateTime(Date date);
 
+// The date alone in the long date style of the user's locale, in the current zone, e.g.
+// "March 1, 2024" in en_US.
+std::string longDate(Date date);
+
 // Formats with an explicit pattern and locale; `zoneID` names an ICU zone, or is empty for the
 // current zone.
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID = {});

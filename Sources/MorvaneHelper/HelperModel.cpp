@@ -5,6 +5,7 @@
 #include "MorvaneCore/TimeMachineImports.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
+#include "MorvanePlatform/Workspace.h"
 
 #include <filesystem>
 #include <thread>
@@ -77,5 +78,7 @@ void HelperModel::importAll() {
         });
     }).detach();
 }
+
+void HelperModel::openMorvane() { Workspace::current().openApplication(std::string(TimeMachineImports::appBundleID)); }
 
 } // namespace morvane

@@ -70,6 +70,9 @@ public:
     // backup never stops the others. Ignored with nothing pending, or while busy.
     void importAll();
 
+    // Starts the App Store edition, when the desktop knows it.
+    void openMorvane();
+
 private:
     explicit HelperModel(std::shared_ptr<CalendarArchive> archive);
 

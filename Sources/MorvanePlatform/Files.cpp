@@ -77,14 +77,17 @@ std::string read(const std::filesystem::path& path) {
     }
 }
 
-void write(const std::filesystem::path& path, std::string_view bytes) {
+// The real operations, behind FileSystem.
+namespace posix {
+
+void writeInPlace(const std::filesystem::path& path, std::string_view bytes) {
     OpenFile file(path, O_WRONLY | O_CREAT | O_TRUNC);
     if (!file.isOpen()) throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
     writeAll(file.get(), bytes, path);
     if (file.close() != 0) throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
 }
 
-void writeAtomically(const std::filesystem::path& path, std::string_view bytes) {
+void writeAndRename(const std::filesystem::path& path, std::string_view bytes) {
     const auto folder = path.parent_path();
     auto temporary = path;
     temporary += ".tmp-" + randomUUID();
@@ -109,16 +112,18 @@ void writeAtomically(const std::filesystem::path& path, std::string_view bytes) 
     syncFolder(folder);
 }
 
-void createDirectories(const std::filesystem::path& path) {
+void makeFolders(const std::filesystem::path& path) {
     std::error_code error;
     std::filesystem::create_directories(path, error);
     if (error) throw PlatformError::fromErrno(error.value(), "Couldn't create folder", path.string());
 }
 
-void setPermissions(const std::filesystem::path& path, unsigned mode) {
+void changeMode(const std::filesystem::path& path, unsigned mode) {
     if (::chmod(path.c_str(), static_cast<mode_t>(mode)) != 0)
         throw PlatformError::fromErrno(errno, "Couldn't set the permissions of", path.string());
 }
+
+} // namespace posix
 
 std::string randomUUID() {
     std::array<unsigned char, 16> bytes{};
@@ -145,4 +150,42 @@ std::string randomUUID() {
     return text;
 }
 
+void write(const std::filesystem::path& path, std::string_view bytes) { FileSystem::current().write(path, bytes); }
+
+void writeAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    FileSystem::current().writeAtomically(path, bytes);
+}
+
+void createDirectories(const std::filesystem::path& path) { FileSystem::current().createDirectories(path); }
+
+void setPermissions(const std::filesystem::path& path, unsigned mode) {
+    FileSystem::current().setPermissions(path, mode);
+}
+
 } // namespace morvane::files
+
+namespace morvane {
+namespace {
+
+class PosixFileSystem final : public FileSystem {
+public:
+    void write(const std::filesystem::path& path, std::string_view bytes) override {
+        files::posix::writeInPlace(path, bytes);
+    }
+    void writeAtomically(const std::filesystem::path& path, std::string_view bytes) override {
+        files::posix::writeAndRename(path, bytes);
+    }
+    void createDirectories(const std::filesystem::path& path) override { files::posix::makeFolders(path); }
+    void setPermissions(const std::filesystem::path& path, unsigned mode) override {
+        files::posix::changeMode(path, mode);
+    }
+};
+
+} // namespace
+
+FileSystem& FileSystem::system() {
+    static PosixFileSystem fileSystem;
+    return fileSystem;
+}
+
+} // namespace morvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MorvanePlatform/Replaceable.h"
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -29,3 +31,21 @@ void setPermissions(const std::filesystem::path& path, unsigned mode);
 std::string randomUUID();
 
 } // namespace morvane::files
+
+namespace morvane {
+
+// The operations above that change the disk, as a service: the functions in `files` forward to
+// the current one, so a test can wrap the real one and fail its Nth call.
+class FileSystem : public Replaceable<FileSystem> {
+public:
+    virtual ~FileSystem() = default;
+    virtual void write(const std::filesystem::path& path, std::string_view bytes) = 0;
+    virtual void writeAtomically(const std::filesystem::path& path, std::string_view bytes) = 0;
+    virtual void createDirectories(const std::filesystem::path& path) = 0;
+    virtual void setPermissions(const std::filesystem::path& path, unsigned mode) = 0;
+
+    // The real implementation: POSIX calls.
+    static FileSystem& system();
+};
+
+} // namespace morvane

@@ -30,8 +30,9 @@ void printJSON(const std::vector<BackupSource>& sources, const std::vector<std::
     out << json::dump({{"sources", std::move(list)}, {"notes", notes}}, true) << '\n';
 }
 
-void printText(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, std::ostream& out) {
-    if (sources.empty()) out << "No Time Machine backups are reachable.\n";
+void printText(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes,
+               const std::string& whenEmpty, std::ostream& out) {
+    if (sources.empty()) out << whenEmpty << '\n';
 
     std::vector<std::string> titles;
     size_t width = 0;
@@ -48,17 +49,22 @@ void printText(const std::vector<BackupSource>& sources, const std::vector<std::
 
 } // namespace
 
+void printSources(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, bool json,
+                  const std::string& whenEmpty, std::ostream& out) {
+    if (json) {
+        printJSON(sources, notes, out);
+    } else {
+        printText(sources, notes, whenEmpty, out);
+    }
+}
+
 int runBackups(const BackupsOptions& options, std::ostream& out) {
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
     BackupCatalog::listTimeMachine(sources, notes);
     BackupCatalog::sortNewestFirst(sources);
 
-    if (options.json) {
-        printJSON(sources, notes, out);
-    } else {
-        printText(sources, notes, out);
-    }
+    printSources(sources, notes, options.json, "No Time Machine backups are reachable.", out);
     return exitSuccess;
 }
 

@@ -1,6 +1,10 @@
 #pragma once
 
+#include "MorvaneCore/BackupSource.h"
+
 #include <iosfwd>
+#include <string>
+#include <vector>
 
 namespace morvane::cli {
 
@@ -11,5 +15,11 @@ struct BackupsOptions {
 // `morvane backups [--json]`: the Time Machine sources, newest first, and the notes of the
 // listing. Listing never fails, so this always succeeds.
 int runBackups(const BackupsOptions& options, std::ostream& out);
+
+// Prints sources and notes: as JSON, `{"sources": [...], "notes": [...]}`, each source with `id`,
+// `kind`, `title`, `subtitle` and `date`; as text, a line per source (title and subtitle), then
+// the notes, with `whenEmpty` first when there are no sources.
+void printSources(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, bool json,
+                  const std::string& whenEmpty, std::ostream& out);
 
 } // namespace morvane::cli

@@ -3,6 +3,7 @@
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/InspectCommand.h"
+#include "morvane/TimeMachineCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -37,6 +38,18 @@ std::vector<Command> commands() {
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runInspect(*options, out, err); };
+         }},
+        {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
+         [](CLI::App& command) {
+             auto options = std::make_shared<TimeMachineOptions>();
+             command.require_subcommand(1);
+             auto* pending = command.add_subcommand("pending", "List the backups still to copy, oldest first");
+             pending->add_flag("--json", options->json, "Print the list as JSON");
+             pending->callback([options] { options->action = TimeMachineOptions::Action::pending; });
+             command.add_subcommand("import", "Copy every pending backup")->callback([options] {
+                 options->action = TimeMachineOptions::Action::import;
+             });
+             return [options](std::ostream& out, std::ostream& err) { return runTimeMachine(*options, out, err); };
          }},
     };
 }

@@ -1,10 +1,12 @@
 #include "morvane/InspectCommand.h"
 
 #include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/CalendarArchive.h"
 #include "MorvaneCore/CalendarDatabase.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
 #include "MorvaneCore/Json.h"
+#include "MorvaneCore/Paths.h"
 #include "MorvanePlatform/UserFolders.h"
 #include "morvane/CommandLine.h"
 
@@ -128,7 +130,14 @@ void printText(const Report& report, bool withEvents, std::ostream& out) {
 int runInspect(const InspectOptions& options, std::ostream& out, std::ostream& err) {
     std::filesystem::path staged;
     try {
-        staged = BackupLocator::stageCopy(BackupLocator::findDatabase(options.path, UserFolders::current().userName()));
+        // A stored restore point is decompressed into its staged copy; anything else is found
+        // as a database file or a folder holding one, and copied.
+        if (options.path.ends_with(".calsnap")) {
+            staged = CalendarArchive::stageFile(paths::expandingTilde(options.path));
+        } else {
+            staged =
+                BackupLocator::stageCopy(BackupLocator::findDatabase(options.path, UserFolders::current().userName()));
+        }
         const auto report = read(staged, options.events);
         BackupLocator::removeStagedCopy(staged);
         options.json ? printJSON(report, options.events, out) : printText(report, options.events, out);

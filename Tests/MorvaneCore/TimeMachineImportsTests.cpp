@@ -10,7 +10,9 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace morvane {
 namespace {
@@ -157,6 +159,96 @@ TEST_F(TimeMachineImportsTest, ABackupIsReadFromTheDiskOnceAndThenFromTheCache) 
     files::write(BackupCache::shared().url(tm), "trunc");
     EXPECT_THROW(BackupCatalog::open(tm), Error);
     EXPECT_FALSE(fs::exists(BackupCache::shared().url(tm)));
+}
+
+TEST_F(TimeMachineImportsTest, AFailedWriteLeavesTheStoreAsBeforeOrWithTheWholeNewEntry) {
+    const auto earlier = source(backup("2024-03-01-101500", 1), "2024-03-01-101500");
+    const auto later = source(backup("2024-03-02-101500", 2), "2024-03-02-101500");
+    TimeMachineImports::importBackup(earlier, *archive);
+    const auto indexBefore = files::read(archive->directory() / "index.json");
+    const auto checkedBefore = files::read(archive->directory() / "checked.json");
+
+    for (int failing = 1;; ++failing) {
+        testing::FailingFileSystem fileSystem(failing);
+        bool threw = false;
+        {
+            ScopedReplacement<FileSystem> installed(fileSystem);
+            try {
+                TimeMachineImports::importBackup(later, *archive);
+            } catch (const Error&) {
+                threw = true;
+            }
+        }
+        EXPECT_TRUE(BackupLocator::stagedFolders().empty()) << failing;
+        EXPECT_TRUE(fs::is_empty(user.temporary())) << failing;
+        const auto entries = archive->entries();
+        if (entries.size() == 1) {
+            // Nothing new is listed: the index and the marks are as they were.
+            EXPECT_TRUE(threw) << failing;
+            EXPECT_EQ(files::read(archive->directory() / "index.json"), indexBefore) << failing;
+            EXPECT_EQ(files::read(archive->directory() / "checked.json"), checkedBefore) << failing;
+        } else {
+            // The new entry is listed whole: its file is there and decompresses to its content.
+            ASSERT_EQ(entries.size(), 2u) << failing;
+            const auto staged = archive->stage(entries.front());
+            EXPECT_EQ(CalendarDatabase(staged).contentFingerprint(), entries.front().fingerprint) << failing;
+            BackupLocator::removeStagedCopy(staged);
+            // A failed mark leaves the backup pending; the next import marks it and stores nothing.
+            if (threw) {
+                EXPECT_EQ(TimeMachineImports::importBackup(later, *archive).which, Case::unchanged) << failing;
+            }
+        }
+        if (!fileSystem.failed()) break;
+        // Start the next round from the store as it was.
+        if (archive->entries().size() == 2) archive->remove(archive->entries().front());
+        files::write(archive->directory() / "checked.json", checkedBefore);
+        ASSERT_LT(failing, 50) << "the import never ran to its end";
+    }
+}
+
+TEST_F(TimeMachineImportsTest, SnapshotBasedBackupsAreMountedReadAndUnmounted) {
+    const std::string uuid = "4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9";
+    const auto volume = user.root().makeFolder("Backup Disk");
+    const auto content = fs::path(backup("content", 3)) / "Macintosh HD";
+    tools.answer("/usr/sbin/diskutil info -plist " + uuid,
+                 {0, "<plist><dict><key>MountPoint</key><string>" + volume.string() + "</string></dict></plist>"});
+    // Mounting makes the snapshot's volume appear at the mount point; unmounting takes it away.
+    tools.simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
+        fs::copy(content, arguments.back(), fs::copy_options::recursive);
+        return LaunchResult{0, ""};
+    });
+    tools.simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
+        for (const auto& entry : fs::directory_iterator(arguments.back()))
+            fs::remove_all(entry.path());
+        return LaunchResult{0, ""};
+    });
+    const auto path = "/Volumes/.timemachine/" + uuid + "/2024-03-01-101500.backup/2024-03-01-101500.backup";
+
+    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
+    EXPECT_EQ(result.which, Case::saved);
+    EXPECT_EQ(result.entry.eventCount, 3);
+    EXPECT_EQ(tools.count("/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.backup " +
+                          volume.string() + " "),
+              1u);
+    EXPECT_EQ(tools.count("/sbin/umount "), 1u);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    // Several threads opening it through the cache: one mounts and reads, the others wait and
+    // then read the cached copy.
+    std::vector<std::thread> threads;
+    std::atomic<int> cached{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            auto opened = BackupCatalog::open(source(path, "2024-03-01-101500"));
+            if (opened.location.ends_with(" (cached)")) ++cached;
+            opened.close();
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(tools.count("/sbin/mount_apfs "), 2u);
+    EXPECT_EQ(cached.load(), 3);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
 }
 
 TEST_F(TimeMachineImportsTest, OnlyTimeMachineSourcesGoThroughTheCache) {

@@ -3,6 +3,7 @@
 #include "MorvaneCore/BackupLocator.h"
 #include "MorvaneCore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/QueuedMainThread.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 
@@ -47,11 +48,12 @@ protected:
     }
 
     bool settled() { return !model->phase().isBusy(); }
+    bool pump(const std::function<bool()>& done) { return mainThread.pumpUntil(done, std::chrono::seconds(60)); }
 
     testing::TemporaryUser user;
     testing::RecordingToolLauncher tools;
     ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::ManualMainThread mainThread;
+    QueuedMainThread mainThread;
     ScopedReplacement<MainThread> installedMainThread{mainThread};
     testing::RecordingSystemLog log;
     ScopedReplacement<SystemLog> installedLog{log};
@@ -79,17 +81,17 @@ TEST_F(HelperModelTest, ARunImportsEveryPendingBackupAndKeepsItsResultOnScreen) 
     model->refresh();
     EXPECT_EQ(model->phase(), Phase::scanning());
     model->refresh(); // ignored while scanning
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return settled(); }));
+    ASSERT_TRUE(pump([&] { return settled(); }));
     EXPECT_EQ(model->phase(), Phase::idle());
     ASSERT_EQ(model->pending().size(), 4u);
 
     phases.clear();
     model->importAll();
     model->importAll(); // ignored while importing
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return model->phase().which == Phase::Case::finished; }));
+    ASSERT_TRUE(pump([&] { return model->phase().which == Phase::Case::finished; }));
     // The rescan that follows a run shows as scanning, then puts the result back.
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return !phases.empty() && phases.back() == Phase::finished(2, 4, 1); }));
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return settled(); }));
+    ASSERT_TRUE(pump([&] { return !phases.empty() && phases.back() == Phase::finished(2, 4, 1); }));
+    ASSERT_TRUE(pump([&] { return settled(); }));
 
     const std::vector<Phase> expected = {
         Phase::importing(0, 4, ""),
@@ -115,7 +117,7 @@ TEST_F(HelperModelTest, ARunImportsEveryPendingBackupAndKeepsItsResultOnScreen) 
 
     // A later refresh keeps the run's result.
     model->refresh();
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return settled(); }));
+    ASSERT_TRUE(pump([&] { return settled(); }));
     EXPECT_EQ(model->phase(), Phase::finished(2, 4, 1));
 }
 
@@ -123,7 +125,7 @@ TEST_F(HelperModelTest, LosingFullDiskAccessEmptiesTheListAndLeavesThePhase) {
     grantBothPermissions();
     backups({{"2024-03-01-101500", 1}});
     model->refresh();
-    ASSERT_TRUE(mainThread.pumpUntil([&] { return settled(); }));
+    ASSERT_TRUE(pump([&] { return settled(); }));
     EXPECT_EQ(model->pending().size(), 1u);
 
     fs::remove_all(fs::path(BackupLocator::liveDBPath()).parent_path());

@@ -1,6 +1,9 @@
 #include "Support/Fakes.h"
 
+#include "MorvanePlatform/Error.h"
 #include "MorvanePlatform/Files.h"
+
+#include <cerrno>
 
 namespace morvane::testing {
 
@@ -14,13 +17,29 @@ void RecordingToolLauncher::answerPrefix(const std::string& prefix, LaunchResult
     prefixAnswers_.emplace_back(prefix, std::move(result));
 }
 
+void RecordingToolLauncher::simulate(const std::string& prefix,
+                                     std::function<LaunchResult(const std::vector<std::string>&)> tool) {
+    std::lock_guard guard(lock_);
+    simulations_.emplace_back(prefix, std::move(tool));
+}
+
 LaunchResult RecordingToolLauncher::launch(const std::string& path, const std::vector<std::string>& arguments) {
     std::string commandLine = path;
     for (const auto& argument : arguments)
         commandLine += " " + argument;
 
+    std::function<LaunchResult(const std::vector<std::string>&)> simulation;
+    {
+        std::lock_guard guard(lock_);
+        launched_.push_back(commandLine);
+        for (const auto& [prefix, tool] : simulations_) {
+            if (commandLine.starts_with(prefix)) simulation = tool;
+        }
+    }
+    // Outside the lock: a simulated tool may take its time, or launch others.
+    if (simulation) return simulation(arguments);
+
     std::lock_guard guard(lock_);
-    launched_.push_back(commandLine);
     if (auto found = answers_.find(commandLine); found != answers_.end()) return found->second;
     for (const auto& [prefix, result] : prefixAnswers_) {
         if (commandLine.starts_with(prefix)) return result;
@@ -46,38 +65,28 @@ std::optional<std::string> FakeVolumes::deviceOf(const std::string& path) {
     return std::nullopt;
 }
 
-void ManualMainThread::run(const std::function<void()>& work) {
-    if (std::this_thread::get_id() == owner_) {
-        work();
-        return;
-    }
-    // Wait until the owner has run it: background threads see their changes applied in order.
-    bool finished = false;
-    std::function<void()> job = [&] {
-        work();
-        std::lock_guard guard(lock_);
-        finished = true;
-    };
-    std::unique_lock guard(lock_);
-    queue_.push_back(&job);
-    changed_.notify_all();
-    changed_.wait(guard, [&] { return finished; });
+void FailingFileSystem::count(const std::filesystem::path& path) {
+    if (++calls_ == failingCall_) throw PlatformError::fromErrno(ENOSPC, "Couldn't write", path.string());
 }
 
-bool ManualMainThread::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (done()) return true;
-        std::function<void()>* job = nullptr;
-        {
-            std::unique_lock guard(lock_);
-            if (!changed_.wait_until(guard, deadline, [this] { return !queue_.empty(); })) return done();
-            job = queue_.front();
-            queue_.pop_front();
-        }
-        (*job)();
-        changed_.notify_all();
-    }
+void FailingFileSystem::write(const std::filesystem::path& path, std::string_view bytes) {
+    count(path);
+    FileSystem::system().write(path, bytes);
+}
+
+void FailingFileSystem::writeAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    count(path);
+    FileSystem::system().writeAtomically(path, bytes);
+}
+
+void FailingFileSystem::createDirectories(const std::filesystem::path& path) {
+    count(path);
+    FileSystem::system().createDirectories(path);
+}
+
+void FailingFileSystem::setPermissions(const std::filesystem::path& path, unsigned mode) {
+    count(path);
+    FileSystem::system().setPermissions(path, mode);
 }
 
 void RecordingSystemLog::write(const std::string& line) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
@@ -31,6 +32,9 @@ public:
     void answer(const std::string& commandLine, LaunchResult result);
     // Answers every command line that starts with `prefix` (a later exact answer wins).
     void answerPrefix(const std::string& prefix, LaunchResult result);
+    // Answers command lines that start with `prefix` by running `tool` on the arguments, for
+    // tools whose effect a test needs (a mount that makes files appear).
+    void simulate(const std::string& prefix, std::function<LaunchResult(const std::vector<std::string>&)> tool);
 
     LaunchResult launch(const std::string& path, const std::vector<std::string>& arguments) override;
 
@@ -42,6 +46,7 @@ private:
     mutable std::mutex lock_;
     std::map<std::string, LaunchResult> answers_;
     std::vector<std::pair<std::string, LaunchResult>> prefixAnswers_;
+    std::vector<std::pair<std::string, std::function<LaunchResult(const std::vector<std::string>&)>>> simulations_;
     std::vector<std::string> launched_;
 };
 
@@ -72,21 +77,25 @@ private:
     std::string user_;
 };
 
-// The test's own thread stands in for the main thread: work handed over from background threads
-// waits in a queue until the test pumps it.
-class ManualMainThread final : public MainThread {
+// The real file system, but its Nth changing call (write, atomic write, folder creation,
+// permission change), counting from 1, fails with a PlatformError as a full disk would.
+class FailingFileSystem final : public FileSystem {
 public:
-    void run(const std::function<void()>& work) override;
+    explicit FailingFileSystem(int failingCall) : failingCall_(failingCall) {}
 
-    // Runs queued work until `done` holds, failing after `timeout`. Returns whether it held.
-    bool pumpUntil(const std::function<bool()>& done,
-                   std::chrono::milliseconds timeout = std::chrono::milliseconds(20000));
+    void write(const std::filesystem::path& path, std::string_view bytes) override;
+    void writeAtomically(const std::filesystem::path& path, std::string_view bytes) override;
+    void createDirectories(const std::filesystem::path& path) override;
+    void setPermissions(const std::filesystem::path& path, unsigned mode) override;
+
+    // Whether the failing call was reached.
+    bool failed() const { return calls_ >= failingCall_; }
 
 private:
-    std::thread::id owner_ = std::this_thread::get_id();
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::deque<std::function<void()>*> queue_; // guarded by lock_
+    void count(const std::filesystem::path& path);
+
+    const int failingCall_;
+    int calls_ = 0;
 };
 
 // Lines written to the system log.

@@ -1,0 +1,141 @@
+// The helper's flow without its window, end to end: folder-based backups in a temporary tree,
+// listed by a recorded tmutil, imported into the App Store edition's store in a temporary home.
+#include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvanePlatform/Files.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Fakes.h"
+#include "morvane/CommandLine.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TimeMachineCommandTest : public ::testing::Test {
+protected:
+    void SetUp() override { fs::create_directories(fs::path(BackupLocator::liveDBPath()).parent_path()); }
+    void TearDown() override { BackupLocator::removeAllStagedCopies(); }
+
+    struct Outcome {
+        int status;
+        std::string out;
+        std::string err;
+    };
+
+    Outcome run(std::vector<const char*> arguments) {
+        arguments.insert(arguments.begin(), "morvane");
+        std::ostringstream out;
+        std::ostringstream err;
+        const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
+        return {status, out.str(), err.str()};
+    }
+
+    // Dated backup folders as Time Machine writes them, each holding a whole volume; `events`
+    // below zero makes the database unreadable. `live` leaves the write-ahead log beside it.
+    void backups(const std::vector<std::tuple<std::string, int, bool>>& list) {
+        std::string listing;
+        for (const auto& [stamp, events, live] : list) {
+            const auto folder = user.root().path() / "Backups.backupdb" / "Jane's Mac" / stamp;
+            const auto database = folder / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath);
+            if (!fs::exists(database)) {
+                if (events < 0) {
+                    user.root().write(database.lexically_relative(user.root().path()), std::string(4096, 'x'));
+                } else {
+                    testing::CalendarDatabaseBuilder db(database,
+                                                        live ? testing::CalendarDatabaseBuilder::Journal::wal
+                                                             : testing::CalendarDatabaseBuilder::Journal::rollback);
+                    const auto calendar = db.addCalendar({.store = db.addStore({})});
+                    for (int i = 0; i < events; ++i)
+                        db.addItem({.calendar = calendar, .summary = "E" + std::to_string(i)});
+                    db.close(/*keepLog=*/live);
+                }
+            }
+            listing += folder.string() + "\n";
+        }
+        tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+    }
+
+    fs::path store() const { return TimeMachineImports::forAppStoreEdition()->directory(); }
+
+    testing::TemporaryUser user;
+    testing::RecordingToolLauncher tools;
+    ScopedReplacement<ToolLauncher> installedTools{tools};
+    testing::RecordingSystemLog log;
+    ScopedReplacement<SystemLog> installedLog{log};
+};
+
+TEST_F(TimeMachineCommandTest, PendingListsTheLatestBackupOfEachDayOldestFirst) {
+    backups({{"2024-03-02-090000", 1, false}, {"2024-03-01-170000", 1, false}, {"2024-03-02-180000", 1, false}});
+    const auto result = run({"timemachine", "pending", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto document = nlohmann::json::parse(result.out);
+    ASSERT_EQ(document["sources"].size(), 2u);
+    EXPECT_EQ(document["sources"][0]["date"], "2024-03-02T01:00:00Z");
+    EXPECT_EQ(document["sources"][1]["date"], "2024-03-03T02:00:00Z");
+
+    const auto text = run({"timemachine", "pending"});
+    EXPECT_NE(text.out.find("Found 2 backups to copy (one per day), March 1, 2024 to March 2, 2024. This can take a "
+                            "few minutes.\n"),
+              std::string::npos)
+        << text.out;
+}
+
+TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNew) {
+    backups({{"2024-03-01-101500", 2, false}, {"2024-03-02-101500", 3, true}, {"2024-03-03-101500", 3, false}});
+    const auto first = run({"timemachine", "import"});
+    EXPECT_EQ(first.status, 0) << first.err;
+    EXPECT_NE(first.out.find("Copying backup 1 of 3  Mar 1, 2024, 10:15\u202FAM\n"), std::string::npos) << first.out;
+    EXPECT_NE(first.out.find("Done. Added 2 restore points.\n"), std::string::npos) << first.out;
+    EXPECT_NE(first.out.find("2 restore points from Time Machine are in Morvane, on its timeline."), std::string::npos);
+
+    EXPECT_EQ(files::read(store() / "checked.json"),
+              R"(["2024-03-01-101500","2024-03-02-101500","2024-03-03-101500"])");
+    const auto index = nlohmann::json::parse(files::read(store() / "index.json"));
+    ASSERT_EQ(index.size(), 2u);
+    EXPECT_EQ(index[0]["stamp"], "2024-03-01-101500");
+    EXPECT_EQ(index[1]["eventCount"], 3); // read through the live log
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    // The restore point opens as a database with the original's content.
+    const auto inspected = run({"inspect", (store() / "2024-03-02-101500.calsnap").c_str(), "--json"});
+    ASSERT_EQ(inspected.status, 0) << inspected.err;
+    EXPECT_EQ(nlohmann::json::parse(inspected.out)["fingerprint"], index[1]["fingerprint"]);
+
+    const auto second = run({"timemachine", "import"});
+    EXPECT_EQ(second.status, 0);
+    EXPECT_EQ(second.out, "2 restore points from Time Machine are in Morvane, on its timeline. Run the helper again "
+                          "any time to bring in newer backups.\n");
+}
+
+TEST_F(TimeMachineCommandTest, AnUnreadableBackupFailsTheRunAndIsTriedAgainNextTime) {
+    backups({{"2024-03-01-101500", -1, false}});
+    const auto first = run({"timemachine", "import"});
+    EXPECT_EQ(first.status, cli::exitFailure);
+    EXPECT_NE(first.out.find("The backups couldn't be read.\n1 backup couldn't be read. Is the backup disk still "
+                             "connected? Click Import Backups to try it again.\n"),
+              std::string::npos)
+        << first.out;
+    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    const auto again = run({"timemachine", "import"});
+    EXPECT_EQ(again.status, cli::exitFailure);
+    EXPECT_EQ(log.lines().size(), 2u);
+}
+
+TEST_F(TimeMachineCommandTest, WithoutAccessToTheCalendarsNothingIsImported) {
+    fs::remove_all(fs::path(BackupLocator::liveDBPath()).parent_path());
+    backups({{"2024-03-01-101500", 1, false}});
+    const auto result = run({"timemachine", "import"});
+    EXPECT_EQ(result.status, cli::exitFailure);
+    EXPECT_NE(result.err.find("Full Disk Access"), std::string::npos);
+    EXPECT_EQ(tools.count("/usr/bin/tmutil"), 0u);
+}
+
+} // namespace
+} // namespace morvane
