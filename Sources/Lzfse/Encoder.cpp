@@ -35,7 +35,7 @@ using namespace format;
 constexpr int hashBits = 14;
 constexpr int hashWays = 4;
 constexpr std::size_t goodMatch = 40;
-constexpr std::size_t prefetchDistance = 4; // at most rawThreshold - 4, to stay inside the input
+constexpr std::size_t prefetchDistance = 8;
 constexpr std::size_t maxMatchLength = 100 * maxM;
 constexpr std::size_t literalFlush = 8 * maxL;
 // The block limits, kept a little under the decoders' so that a block never ends up full.
@@ -139,22 +139,31 @@ struct FseCoder {
         fse::buildEncoderTable(frequencies, symbols, stateBits, table.data());
     }
 
+    // Branch-free: which way a state goes is data, and mispredicting it cost more than the coding.
     void encode(BitWriter& writer, int symbol) {
         const fse::EncoderSymbol& e = table[symbol];
-        if (state >= e.threshold) {
-            writer.write(state & ((1u << e.bits) - 1), e.bits);
-            state = static_cast<std::uint32_t>(e.deltaHigh + static_cast<int>(state >> e.bits));
-        } else {
-            writer.write(state & ((1u << (e.bits - 1)) - 1), e.bits - 1);
-            state = static_cast<std::uint32_t>(e.deltaLow + static_cast<int>(state >> (e.bits - 1)));
-        }
+        const int low = state < e.threshold;
+        const int bits = e.bits - low;
+        writer.write(state & ((1u << bits) - 1), bits);
+        state = static_cast<std::uint32_t>((low ? e.deltaLow : e.deltaHigh) + static_cast<int>(state >> bits));
     }
 };
 
 template <std::size_t N>
 void countInto(std::array<std::uint32_t, N>& counts, const std::vector<std::uint8_t>& symbols) {
-    for (const std::uint8_t s : symbols)
-        ++counts[s];
+    // Four partial counts, so that runs of one symbol don't wait on their own increments.
+    std::array<std::array<std::uint32_t, N>, 4> partial{};
+    std::size_t i = 0;
+    for (; i + 4 <= symbols.size(); i += 4) {
+        ++partial[0][symbols[i]];
+        ++partial[1][symbols[i + 1]];
+        ++partial[2][symbols[i + 2]];
+        ++partial[3][symbols[i + 3]];
+    }
+    for (; i < symbols.size(); ++i)
+        ++partial[0][symbols[i]];
+    for (std::size_t s = 0; s < N; ++s)
+        counts[s] = partial[0][s] + partial[1][s] + partial[2][s] + partial[3][s];
 }
 
 class FseEncoder {
@@ -198,7 +207,7 @@ void FseEncoder::run() {
     for (std::size_t i = 0; i < searchEnd; ++i) {
         // The table is far bigger than the first-level cache: ask for a later position's bucket
         // now, so that it is there when its turn comes.
-        __builtin_prefetch(&table_[hash4(load32(src_ + i + prefetchDistance))]);
+        __builtin_prefetch(&table_[hash4(load32(src_ + std::min(i + prefetchDistance, size_ - 4)))]);
         const std::uint32_t value = load32(src_ + i);
         Bucket& bucket = table_[hash4(value)];
         const std::size_t limit = std::min(searchEnd - i, maxMatchLength);

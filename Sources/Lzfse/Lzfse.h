@@ -35,4 +35,10 @@ std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input);
 std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input,
                                      std::size_t maxOutputSize = std::numeric_limits<std::size_t>::max());
 
+// The same, into `output`, whose content is replaced and whose storage is reused: for callers
+// that decompress many streams, this saves allocating and clearing the output every time. On
+// failure `output` is left empty.
+void decompress(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
+                std::size_t maxOutputSize = std::numeric_limits<std::size_t>::max());
+
 } // namespace morvane::lzfse
