@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: make-calendar-database OUT.sqlite [ROWS]\n");
         return 2;
     }
-    const long rows = argc > 2 ? std::atol(argv[2]) : 425000;
+    const long rows = argc > 2 ? std::atol(argv[2]) : 395000;
     std::remove(argv[1]);
     sqlite3* db = nullptr;
     check(sqlite3_open(argv[1], &db), db, "open");
