@@ -291,14 +291,17 @@ void FseBlockDecoder::decode(const BlockLayout& layout, const std::uint8_t* p, c
             damaged("a match reaches before the start of the data");
 
         // Literals and far matches are copied 16 bytes at a time, past their end into what the
-        // next copy overwrites (or the slack); near matches repeat a pattern and go exactly.
-        for (std::size_t i = 0; i < l; i += 16)
+        // next copy overwrites (or the slack); near matches repeat a pattern and go exactly. The
+        // first 16 go unconditionally: most runs are that short, and testing costs more.
+        std::memcpy(dst, literal, 16);
+        for (std::size_t i = 16; i < l; i += 16)
             std::memcpy(dst + i, literal + i, 16);
         dst += l;
         literal += l;
         if (distance >= 16) {
             const std::uint8_t* from = dst - distance;
-            for (std::size_t i = 0; i < m; i += 16)
+            std::memcpy(dst, from, 16);
+            for (std::size_t i = 16; i < m; i += 16)
                 std::memcpy(dst + i, from + i, 16);
         } else {
             copyMatch(dst, distance, m);
