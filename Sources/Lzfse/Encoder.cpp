@@ -145,7 +145,7 @@ struct FseCoder {
         const int low = state < e.threshold;
         const int bits = e.bits - low;
         writer.write(state & ((1u << bits) - 1), bits);
-        state = static_cast<std::uint32_t>((low ? e.deltaLow : e.deltaHigh) + static_cast<int>(state >> bits));
+        state = static_cast<std::uint32_t>(e.delta[low] + static_cast<int>(state >> bits));
     }
 };
 
@@ -204,16 +204,29 @@ void FseEncoder::run() {
     std::optional<Match> pending;
     // The last 8 bytes are always literals, so every read below stays inside the input.
     const std::size_t searchEnd = size_ > rawThreshold ? size_ - rawThreshold : 0;
-    for (std::size_t i = 0; i < searchEnd; ++i) {
-        // The table is far bigger than the first-level cache: ask for a later position's bucket
-        // now, so that it is there when its turn comes.
+    // The table is far bigger than the first-level cache: each position asks for a later
+    // position's bucket, so that it is there when its turn comes.
+    const auto prefetch = [&](std::size_t i) {
         __builtin_prefetch(&table_[hash4(load32(src_ + std::min(i + prefetchDistance, size_ - 4)))]);
+    };
+    for (std::size_t i = 0; i < searchEnd; ++i) {
+        if (i < skipUntil_) {
+            // Inside a taken match positions are only recorded: a loop of independent inserts,
+            // whose cache misses overlap.
+            for (const std::size_t stop = std::min(skipUntil_, searchEnd); i < stop; ++i) {
+                prefetch(i);
+                const std::uint32_t value = load32(src_ + i);
+                insert(table_[hash4(value)], static_cast<std::int32_t>(i), value);
+            }
+            if (i == searchEnd) break;
+        }
+        prefetch(i);
         const std::uint32_t value = load32(src_ + i);
         Bucket& bucket = table_[hash4(value)];
         const std::size_t limit = std::min(searchEnd - i, maxMatchLength);
         std::size_t bestLength = 0;
         std::size_t bestRef = 0;
-        if (i >= skipUntil_ && limit >= 4) {
+        if (limit >= 4) {
             for (unsigned ways = matchingWays(bucket, value); ways != 0; ways &= ways - 1) {
                 const int w = std::countr_zero(ways);
                 if (bucket.position[w] < 0) continue;
@@ -227,7 +240,6 @@ void FseEncoder::run() {
             }
         }
         insert(bucket, static_cast<std::int32_t>(i), value);
-        if (i < skipUntil_) continue;
 
         if (bestLength == 0) {
             if (i - literalStart_ > literalFlush) {
