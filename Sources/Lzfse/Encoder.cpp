@@ -110,8 +110,9 @@ std::size_t commonLength(const std::uint8_t* a, const std::uint8_t* b, std::size
 int lSymbol(std::uint32_t l) { return l < 16 ? static_cast<int>(l) : l < 20 ? 16 : l < 28 ? 17 : l < 60 ? 18 : 19; }
 int mSymbol(std::uint32_t m) { return m < 16 ? static_cast<int>(m) : m < 24 ? 16 : m < 56 ? 17 : m < 312 ? 18 : 19; }
 // Symbols come in groups of 4 sharing an extra-bit count g; group g starts at 4 * (2^g - 1).
+// (d + 4) >> 2 is at least 1 for any distance; `| 1` only makes that plain.
 int dSymbol(std::uint32_t d) {
-    const int g = std::bit_width((d + 4) >> 2) - 1;
+    const int g = std::bit_width(((d + 4) >> 2) | 1u) - 1;
     return 4 * g + static_cast<int>((d - 4 * ((1u << g) - 1)) >> g);
 }
 
