@@ -51,8 +51,8 @@ void decode(benchmark::State& state, const std::string& path) {
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * raw.size()));
 }
 
-const std::string small = MORVANE_SHARED_TEST_DATA_DIR "/lzfse/calendar_20k.sqlite";
-const std::string large = MORVANE_BENCH_DATA_DIR "/calendar_50mb.sqlite";
+constexpr const char* small = MORVANE_SHARED_TEST_DATA_DIR "/lzfse/calendar_20k.sqlite";
+constexpr const char* large = MORVANE_BENCH_DATA_DIR "/calendar_50mb.sqlite";
 
 BENCHMARK_CAPTURE(encode, calendar_20k, small)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(decode, calendar_20k, small)->Unit(benchmark::kMillisecond);
