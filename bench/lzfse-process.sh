@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Times whole `lzfse` processes, encode and decode, on the calendar databases: the median wall
-# time of RUNS (default 11) runs each, as MB/s of uncompressed data, with the compression ratio.
-# Any tool that takes the same arguments is timed the same way, side by side, and checked to
-# round-trip first:
+# Times whole `lzfse` processes, encode and decode, on the calendar databases: the median of
+# RUNS (default 11) runs each, as MB/s of uncompressed data, with the compression ratio. Both the
+# wall time and the CPU time (user + system) are given: on a quiet machine they agree, on a
+# shared one the wall time also counts waiting for a core. Any tool that takes the same
+# arguments is timed the same way, side by side, and checked to round-trip first:
 #
 #     cmake --workflow --preset bench && bench/lzfse-process.sh [TOOL ...]
 #
@@ -16,17 +17,18 @@ files=(../shared/testdata/lzfse/calendar_20k.sqlite build/bench/bench-data/calen
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Median wall time in nanoseconds of $runs runs of the command.
-median_ns() {
+# "wall cpu": the median wall and CPU (user + system) seconds of $runs runs of the command.
+medians() {
+    local TIMEFORMAT='%R %U %S'
     for ((run = 0; run < runs; run++)); do
-        start=$(date +%s%N)
-        "$@" > /dev/null
-        end=$(date +%s%N)
-        echo $((end - start))
-    done | sort -n | awk '{ t[NR] = $1 } END { print t[int((NR + 1) / 2)] }'
+        { time "$@" > /dev/null; } 2>&1
+    done > "$work/times"
+    median() { sort -n | awk '{ t[NR] = $1 } END { print t[int((NR + 1) / 2)] }'; }
+    echo "$(awk '{ print $1 }' "$work/times" | median) $(awk '{ print $2 + $3 }' "$work/times" | median)"
 }
 
-printf '%-24s %-22s %10s %10s %7s %12s %12s\n' tool input bytes compressed ratio "encode MB/s" "decode MB/s"
+printf '%-10s %-22s %10s %10s %6s %19s %19s\n' tool input bytes compressed ratio \
+    "encode MB/s wall/cpu" "decode MB/s wall/cpu"
 for tool in "${tools[@]}"; do
     for file in "${files[@]}"; do
         if [ ! -f "$file" ]; then
@@ -40,11 +42,11 @@ for tool in "${tools[@]}"; do
         fi
         raw=$(stat -c %s "$file")
         packed=$(stat -c %s "$work/packed")
-        encode=$(median_ns "$tool" -encode -i "$file")
-        decode=$(median_ns "$tool" -decode -i "$work/packed")
+        read -r encodeWall encodeCpu < <(medians "$tool" -encode -i "$file")
+        read -r decodeWall decodeCpu < <(medians "$tool" -decode -i "$work/packed")
         awk -v tool="$(basename "$tool")" -v file="$(basename "$file")" -v raw="$raw" -v packed="$packed" \
-            -v enc="$encode" -v dec="$decode" 'BEGIN {
-                printf "%-24s %-22s %10d %10d %7.3f %12.1f %12.1f\n", tool, file, raw, packed, raw / packed,
-                    raw / enc * 1000, raw / dec * 1000 }'
+            -v ew="$encodeWall" -v ec="$encodeCpu" -v dw="$decodeWall" -v dc="$decodeCpu" 'BEGIN {
+                printf "%-10s %-22s %10d %10d %6.3f %9.1f /%8.1f %9.1f /%8.1f\n", tool, file, raw, packed,
+                    raw / packed, raw / ew / 1e6, raw / ec / 1e6, raw / dw / 1e6, raw / dc / 1e6 }'
     done
 done
