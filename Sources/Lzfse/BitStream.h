@@ -1,14 +1,14 @@
 #pragma once
 
 // The two bit streams of an LZFSE block are written forwards and read backwards: the last
-// value written is the first read. The writer appends to a byte vector; the reader walks a
-// payload from its end towards its start.
+// value written is the first read. The writer fills a buffer sized by its caller; the reader
+// walks a payload from its end towards its start.
 
 #include "Lzfse/Format.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace morvane::lzfse {
 
