@@ -31,7 +31,8 @@ std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input);
 
 // Decompresses one complete stream, which must end with its end-of-stream block and nothing
 // after it. Throws LzfseError on any damage, or when the output would exceed `maxOutputSize`;
-// nothing is returned then.
+// nothing is returned then. A valid block of a hundred bytes may expand to 23 MB, so callers
+// reading streams from outside pass a limit that fits what they expect.
 std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input,
                                      std::size_t maxOutputSize = std::numeric_limits<std::size_t>::max());
 
