@@ -1,47 +1,52 @@
 #pragma once
 
 // The two bit streams of an LZFSE block are written forwards and read backwards: the last
-// value written is the first read. The writer appends to a byte vector; the reader walks a
-// payload from its end towards its start.
+// value written is the first read. The writer fills a buffer sized by its caller; the reader
+// walks a payload from its end towards its start.
 
 #include "Lzfse/Format.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace morvane::lzfse {
 
+// Writes into a buffer the caller has sized: up to 8 bytes past the last whole byte written
+// may be touched. Between two flushes at most 56 bits may be written.
 class BitWriter {
 public:
-    explicit BitWriter(std::vector<std::uint8_t>& out) : out_(out) {}
+    explicit BitWriter(std::uint8_t* out) : start_(out), next_(out) {}
 
-    // Appends the low `count` bits of `value`; count is at most 32 and value has no higher bits.
+    // Adds the low `count` bits of `value`; value has no higher bits.
     void write(std::uint64_t value, int count) {
         accumulator_ |= value << pending_;
         pending_ += count;
-        if (pending_ >= 32) {
-            const std::size_t at = out_.size();
-            out_.resize(at + 4);
-            format::store32(out_.data() + at, static_cast<std::uint32_t>(accumulator_));
-            accumulator_ >>= 32;
-            pending_ -= 32;
-        }
     }
 
-    // Pads to a whole byte with zero bits and returns the stream's final-bits value: minus the
-    // number of padding bits, as the block header records it.
-    int finish() {
-        const int padding = (8 - pending_ % 8) % 8;
-        for (int written = 0; written < pending_; written += 8)
-            out_.push_back(static_cast<std::uint8_t>(accumulator_ >> written));
+    // Stores the whole bytes written so far.
+    void flush() {
+        format::store64(next_, accumulator_);
+        const int bytes = pending_ >> 3;
+        next_ += bytes;
+        accumulator_ >>= 8 * bytes;
+        pending_ &= 7;
+    }
+
+    // Pads to a whole byte with zero bits. Returns the number of bytes written, and in
+    // `finalBits` minus the number of padding bits, as the block header records it.
+    std::size_t finish(int& finalBits) {
+        flush();
+        finalBits = pending_ == 0 ? 0 : pending_ - 8;
+        if (pending_ > 0) ++next_;
         accumulator_ = 0;
         pending_ = 0;
-        return -padding;
+        return static_cast<std::size_t>(next_ - start_);
     }
 
 private:
-    std::vector<std::uint8_t>& out_;
+    std::uint8_t* const start_;
+    std::uint8_t* next_;
     std::uint64_t accumulator_ = 0;
     int pending_ = 0;
 };

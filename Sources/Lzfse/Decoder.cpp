@@ -291,14 +291,17 @@ void FseBlockDecoder::decode(const BlockLayout& layout, const std::uint8_t* p, c
             damaged("a match reaches before the start of the data");
 
         // Literals and far matches are copied 16 bytes at a time, past their end into what the
-        // next copy overwrites (or the slack); near matches repeat a pattern and go exactly.
-        for (std::size_t i = 0; i < l; i += 16)
+        // next copy overwrites (or the slack); near matches repeat a pattern and go exactly. The
+        // first 16 go unconditionally: most runs are that short, and testing costs more.
+        std::memcpy(dst, literal, 16);
+        for (std::size_t i = 16; i < l; i += 16)
             std::memcpy(dst + i, literal + i, 16);
         dst += l;
         literal += l;
         if (distance >= 16) {
             const std::uint8_t* from = dst - distance;
-            for (std::size_t i = 0; i < m; i += 16)
+            std::memcpy(dst, from, 16);
+            for (std::size_t i = 16; i < m; i += 16)
                 std::memcpy(dst + i, from + i, 16);
         } else {
             copyMatch(dst, distance, m);
@@ -311,7 +314,9 @@ void FseBlockDecoder::decode(const BlockLayout& layout, const std::uint8_t* p, c
 
 } // namespace
 
-std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::size_t maxOutputSize) {
+namespace {
+
+void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out, std::size_t maxOutputSize) {
     const std::uint8_t* const data = input.data();
     const std::size_t size = input.size();
 
@@ -331,8 +336,9 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::s
 
     // Sizes come from headers that a hostile stream can inflate, so the output grows block by
     // block (each checked before it is trusted) unless the total is plausible for the input.
-    std::vector<std::uint8_t> out;
-    if (total <= 1024 * std::uint64_t{size} + (std::uint64_t{1} << 20)) out.reserve(total + outputSlack);
+    // The output only ever grows here, so a reused one is not cleared again.
+    if (total <= 1024 * std::uint64_t{size} + (std::uint64_t{1} << 20) && out.size() < total + outputSlack)
+        out.resize(total + outputSlack);
     std::unique_ptr<FseBlockDecoder> fseDecoder;
     std::size_t produced = 0;
     for (std::size_t at = 0;;) {
@@ -341,7 +347,7 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::s
         at += block.size();
         if (block.magic == magicEnd) break;
 
-        out.resize(produced + block.rawBytes + outputSlack);
+        if (out.size() < produced + block.rawBytes + outputSlack) out.resize(produced + block.rawBytes + outputSlack);
         std::uint8_t* const dst = out.data() + produced;
         switch (block.magic) {
         case magicRaw: std::memcpy(dst, p + rawHeaderSize, block.rawBytes); break;
@@ -355,7 +361,23 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::s
         produced += block.rawBytes;
     }
     out.resize(produced);
-    return out;
+}
+
+} // namespace
+
+void decompress(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output, std::size_t maxOutputSize) {
+    try {
+        decompressInto(input, output, maxOutputSize);
+    } catch (...) {
+        output.clear();
+        throw;
+    }
+}
+
+std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input, std::size_t maxOutputSize) {
+    std::vector<std::uint8_t> output;
+    decompressInto(input, output, maxOutputSize);
+    return output;
 }
 
 } // namespace morvane::lzfse

@@ -6,6 +6,9 @@
 
 #include <array>
 #include <bit>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <memory>
 #include <optional>
 
@@ -32,6 +35,7 @@ using namespace format;
 constexpr int hashBits = 14;
 constexpr int hashWays = 4;
 constexpr std::size_t goodMatch = 40;
+constexpr std::size_t prefetchDistance = 8;
 constexpr std::size_t maxMatchLength = 100 * maxM;
 constexpr std::size_t literalFlush = 8 * maxL;
 // The block limits, kept a little under the decoders' so that a block never ends up full.
@@ -42,7 +46,7 @@ constexpr std::size_t rawThreshold = 8;
 // Positions in the hash table are 32-bit, so longer inputs are coded in independent segments.
 constexpr std::size_t segmentSize = std::size_t{1} << 30;
 
-struct Bucket {
+struct alignas(32) Bucket {
     std::array<std::int32_t, hashWays> position;
     std::array<std::uint32_t, hashWays> value;
 };
@@ -54,6 +58,39 @@ struct Match {
 
     std::size_t length() const { return end - begin; }
 };
+
+// Bit w set when way w of the bucket holds `value`.
+unsigned matchingWays(const Bucket& bucket, std::uint32_t value) {
+#if defined(__SSE2__)
+    const __m128i ways = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bucket.value.data()));
+    return static_cast<unsigned>(
+        _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(ways, _mm_set1_epi32(static_cast<int>(value))))));
+#else
+    unsigned ways = 0;
+    for (int w = 0; w < hashWays; ++w)
+        ways |= unsigned{bucket.value[w] == value} << w;
+    return ways;
+#endif
+}
+
+// Puts the position first in its bucket, dropping the oldest.
+void insert(Bucket& bucket, std::int32_t position, std::uint32_t value) {
+#if defined(__SSE2__)
+    auto* positions = reinterpret_cast<__m128i*>(bucket.position.data());
+    auto* values = reinterpret_cast<__m128i*>(bucket.value.data());
+    _mm_storeu_si128(positions,
+                     _mm_or_si128(_mm_slli_si128(_mm_loadu_si128(positions), 4), _mm_cvtsi32_si128(position)));
+    _mm_storeu_si128(
+        values, _mm_or_si128(_mm_slli_si128(_mm_loadu_si128(values), 4), _mm_cvtsi32_si128(static_cast<int>(value))));
+#else
+    for (int w = hashWays - 1; w > 0; --w) {
+        bucket.position[w] = bucket.position[w - 1];
+        bucket.value[w] = bucket.value[w - 1];
+    }
+    bucket.position[0] = position;
+    bucket.value[0] = value;
+#endif
+}
 
 std::uint32_t hash4(std::uint32_t value) { return (value * 2654435761u) >> (32 - hashBits); }
 
@@ -72,8 +109,11 @@ std::size_t commonLength(const std::uint8_t* a, const std::uint8_t* b, std::size
 
 int lSymbol(std::uint32_t l) { return l < 16 ? static_cast<int>(l) : l < 20 ? 16 : l < 28 ? 17 : l < 60 ? 18 : 19; }
 int mSymbol(std::uint32_t m) { return m < 16 ? static_cast<int>(m) : m < 24 ? 16 : m < 56 ? 17 : m < 312 ? 18 : 19; }
+// Symbols come in groups of 4 sharing an extra-bit count g; group g starts at 4 * (2^g - 1).
+// (d + 4) >> 2 is at least 1 for any distance; `| 1` only makes that plain.
 int dSymbol(std::uint32_t d) {
-    return static_cast<int>(std::upper_bound(dBase.begin(), dBase.end(), d) - dBase.begin()) - 1;
+    const int g = std::bit_width(((d + 4) >> 2) | 1u) - 1;
+    return 4 * g + static_cast<int>((d - 4 * ((1u << g) - 1)) >> g);
 }
 
 // Appends a frequency in the header's prefix code.
@@ -88,6 +128,7 @@ void writeFrequency(BitWriter& writer, std::uint32_t f) {
         writer.write(7 | ((f - 8) << 4), 8);
     else
         writer.write(15 | ((f - 24) << 4), 14);
+    writer.flush();
 }
 
 // One FSE coder: the symbol table and the running state, which starts at 0.
@@ -99,22 +140,31 @@ struct FseCoder {
         fse::buildEncoderTable(frequencies, symbols, stateBits, table.data());
     }
 
+    // Branch-free: which way a state goes is data, and mispredicting it cost more than the coding.
     void encode(BitWriter& writer, int symbol) {
         const fse::EncoderSymbol& e = table[symbol];
-        if (state >= e.threshold) {
-            writer.write(state & ((1u << e.bits) - 1), e.bits);
-            state = static_cast<std::uint32_t>(e.deltaHigh + static_cast<int>(state >> e.bits));
-        } else {
-            writer.write(state & ((1u << (e.bits - 1)) - 1), e.bits - 1);
-            state = static_cast<std::uint32_t>(e.deltaLow + static_cast<int>(state >> (e.bits - 1)));
-        }
+        const int low = state < e.threshold;
+        const int bits = e.bits - low;
+        writer.write(state & ((1u << bits) - 1), bits);
+        state = static_cast<std::uint32_t>(e.delta[low] + static_cast<int>(state >> bits));
     }
 };
 
 template <std::size_t N>
 void countInto(std::array<std::uint32_t, N>& counts, const std::vector<std::uint8_t>& symbols) {
-    for (const std::uint8_t s : symbols)
-        ++counts[s];
+    // Four partial counts, so that runs of one symbol don't wait on their own increments.
+    std::array<std::array<std::uint32_t, N>, 4> partial{};
+    std::size_t i = 0;
+    for (; i + 4 <= symbols.size(); i += 4) {
+        ++partial[0][symbols[i]];
+        ++partial[1][symbols[i + 1]];
+        ++partial[2][symbols[i + 2]];
+        ++partial[3][symbols[i + 3]];
+    }
+    for (; i < symbols.size(); ++i)
+        ++partial[0][symbols[i]];
+    for (std::size_t s = 0; s < N; ++s)
+        counts[s] = partial[0][s] + partial[1][s] + partial[2][s] + partial[3][s];
 }
 
 class FseEncoder {
@@ -155,15 +205,32 @@ void FseEncoder::run() {
     std::optional<Match> pending;
     // The last 8 bytes are always literals, so every read below stays inside the input.
     const std::size_t searchEnd = size_ > rawThreshold ? size_ - rawThreshold : 0;
+    // The table is far bigger than the first-level cache: each position asks for a later
+    // position's bucket, so that it is there when its turn comes.
+    const auto prefetch = [&](std::size_t i) {
+        __builtin_prefetch(&table_[hash4(load32(src_ + std::min(i + prefetchDistance, size_ - 4)))]);
+    };
     for (std::size_t i = 0; i < searchEnd; ++i) {
+        if (i < skipUntil_) {
+            // Inside a taken match positions are only recorded: a loop of independent inserts,
+            // whose cache misses overlap.
+            for (const std::size_t stop = std::min(skipUntil_, searchEnd); i < stop; ++i) {
+                prefetch(i);
+                const std::uint32_t value = load32(src_ + i);
+                insert(table_[hash4(value)], static_cast<std::int32_t>(i), value);
+            }
+            if (i == searchEnd) break;
+        }
+        prefetch(i);
         const std::uint32_t value = load32(src_ + i);
         Bucket& bucket = table_[hash4(value)];
         const std::size_t limit = std::min(searchEnd - i, maxMatchLength);
         std::size_t bestLength = 0;
         std::size_t bestRef = 0;
-        if (i >= skipUntil_ && limit >= 4) {
-            for (int w = 0; w < hashWays; ++w) {
-                if (bucket.value[w] != value || bucket.position[w] < 0) continue;
+        if (limit >= 4) {
+            for (unsigned ways = matchingWays(bucket, value); ways != 0; ways &= ways - 1) {
+                const int w = std::countr_zero(ways);
+                if (bucket.position[w] < 0) continue;
                 const std::size_t ref = static_cast<std::size_t>(bucket.position[w]);
                 if (i - ref > maxD) continue;
                 const std::size_t length = 4 + commonLength(src_ + i + 4, src_ + ref + 4, limit - 4);
@@ -173,13 +240,7 @@ void FseEncoder::run() {
                 }
             }
         }
-        for (int w = hashWays - 1; w > 0; --w) {
-            bucket.position[w] = bucket.position[w - 1];
-            bucket.value[w] = bucket.value[w - 1];
-        }
-        bucket.position[0] = static_cast<std::int32_t>(i);
-        bucket.value[0] = value;
-        if (i < skipUntil_) continue;
+        insert(bucket, static_cast<std::int32_t>(i), value);
 
         if (bestLength == 0) {
             if (i - literalStart_ > literalFlush) {
@@ -307,46 +368,52 @@ void FseEncoder::writeFseBlock() {
         fse::normalise(literalCounts.data(), literalSymbols, literalStates, literalFrequencies);
     }
 
+    // Room for the largest header and payloads this block can have, plus the writers' 8 bytes
+    // of overreach; trimmed once the sizes are known.
     const std::size_t headerAt = out_.size();
-    out_.resize(headerAt + packedFixedHeaderSize);
+    out_.resize(headerAt + packedMaxHeaderSize + literalCount * literalStateBits / 8 + matchCount * 7 + 32);
+    std::size_t headerSize;
     {
-        BitWriter writer(out_);
+        BitWriter writer(out_.data() + headerAt + packedFixedHeaderSize);
         for (const std::uint16_t f : frequencies)
             writeFrequency(writer, f);
-        writer.finish();
+        int unused;
+        headerSize = packedFixedHeaderSize + writer.finish(unused);
     }
-    const std::size_t headerSize = out_.size() - headerAt;
 
     // Both payloads are written back to front, so that decoders read them front to back.
-    const std::size_t literalAt = out_.size();
     std::array<std::uint32_t, 4> literalStates{};
     int literalBits;
+    std::size_t literalPayloadSize;
     {
         FseCoder coders[4] = {{literalFrequencies, literalSymbols, literalStateBits},
                               {literalFrequencies, literalSymbols, literalStateBits},
                               {literalFrequencies, literalSymbols, literalStateBits},
                               {literalFrequencies, literalSymbols, literalStateBits}};
-        BitWriter writer(out_);
+        BitWriter writer(out_.data() + headerAt + headerSize);
         for (std::size_t i = literalCount; i > 0; i -= 4) {
             coders[3].encode(writer, literals_[i - 1]);
             coders[2].encode(writer, literals_[i - 2]);
             coders[1].encode(writer, literals_[i - 3]);
             coders[0].encode(writer, literals_[i - 4]);
+            writer.flush();
         }
-        literalBits = writer.finish();
+        literalPayloadSize = writer.finish(literalBits);
         for (int k = 0; k < 4; ++k)
             literalStates[k] = coders[k].state;
     }
-    const std::size_t lmdAt = out_.size();
     int lmdBits;
+    std::size_t lmdPayloadSize;
     FseCoder lCoder(lFrequencies, format::lSymbols, lStateBits);
     FseCoder mCoder(mFrequencies, format::mSymbols, mStateBits);
     FseCoder dCoder(dFrequencies, format::dSymbols, dStateBits);
     {
-        BitWriter writer(out_);
+        BitWriter writer(out_.data() + headerAt + headerSize + literalPayloadSize);
         // Decoders load 8 bytes from the end of this payload before reading anything.
         writer.write(0, 32);
+        writer.flush();
         writer.write(0, 32);
+        writer.flush();
         for (std::size_t t = matchCount; t-- > 0;) {
             const int ds = dSymbols[t], ms = mSymbols[t], ls = lSymbols[t];
             writer.write(dCoded[t] - dBase[ds], dExtraBits[ds]);
@@ -355,20 +422,20 @@ void FseEncoder::writeFseBlock() {
             mCoder.encode(writer, ms);
             writer.write(l_[t] - lBase[ls], lExtraBits[ls]);
             lCoder.encode(writer, ls);
+            writer.flush();
         }
-        lmdBits = writer.finish();
+        lmdPayloadSize = writer.finish(lmdBits);
     }
-    const std::uint64_t literalPayloadSize = lmdAt - literalAt;
-    const std::uint64_t lmdPayloadSize = out_.size() - lmdAt;
+    out_.resize(headerAt + headerSize + literalPayloadSize + lmdPayloadSize);
 
     std::uint8_t* const header = out_.data() + headerAt;
     store32(header, magicPackedFse);
     store32(header + 4, static_cast<std::uint32_t>(rawBytes));
-    store64(header + 8, literalCount | (literalPayloadSize << 20) | (std::uint64_t{matchCount} << 40) |
+    store64(header + 8, literalCount | (std::uint64_t{literalPayloadSize} << 20) | (std::uint64_t{matchCount} << 40) |
                             (std::uint64_t(literalBits + 7) << 60));
     store64(header + 16, literalStates[0] | (std::uint64_t{literalStates[1]} << 10) |
                              (std::uint64_t{literalStates[2]} << 20) | (std::uint64_t{literalStates[3]} << 30) |
-                             (lmdPayloadSize << 40) | (std::uint64_t(lmdBits + 7) << 60));
+                             (std::uint64_t{lmdPayloadSize} << 40) | (std::uint64_t(lmdBits + 7) << 60));
     store64(header + 24, headerSize | (std::uint64_t{lCoder.state} << 32) | (std::uint64_t{mCoder.state} << 42) |
                              (std::uint64_t{dCoder.state} << 52));
 }

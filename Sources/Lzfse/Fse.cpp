@@ -100,9 +100,10 @@ void buildEncoderTable(const std::uint16_t* frequencies, int symbols, int stateB
             continue;
         }
         const int k = stateBits - (std::bit_width(static_cast<unsigned>(f)) - 1);
-        table[symbol] = {static_cast<std::int16_t>(k), static_cast<std::uint16_t>((f << k) - states),
-                         static_cast<std::int16_t>(first + (states >> k) - f),
-                         static_cast<std::int16_t>(first + (2 * states >> k) - f)};
+        table[symbol] = {static_cast<std::int16_t>(k),
+                         static_cast<std::uint16_t>((f << k) - states),
+                         {static_cast<std::int16_t>(first + (states >> k) - f),
+                          static_cast<std::int16_t>(first + (2 * states >> k) - f)}};
         first += f;
     }
 }

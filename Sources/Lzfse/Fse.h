@@ -39,14 +39,12 @@ void buildLiteralTable(const std::uint16_t* frequencies, int stateBits, LiteralE
 void buildValueTable(const std::uint16_t* frequencies, int symbols, int stateBits, const std::uint8_t* extraBits,
                      const std::uint32_t* valueBase, ValueEntry* table);
 
-// How to encode one symbol from encoder state x (in [0, 2^stateBits)): if x >= threshold,
-// write the low `bits` bits of x and move to deltaHigh + (x >> bits); otherwise write the low
-// `bits - 1` bits and move to deltaLow + (x >> (bits - 1)).
+// How to encode one symbol from encoder state x (in [0, 2^stateBits)): with low = (x < threshold),
+// write the low `bits - low` bits of x and move to delta[low] + (x >> (bits - low)).
 struct EncoderSymbol {
     std::int16_t bits;
     std::uint16_t threshold;
-    std::int16_t deltaHigh;
-    std::int16_t deltaLow;
+    std::int16_t delta[2];
 };
 
 // The frequencies must add up to exactly 2^stateBits. Symbols with frequency 0 get no entry

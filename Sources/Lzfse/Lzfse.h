@@ -31,8 +31,15 @@ std::vector<std::uint8_t> compress(std::span<const std::uint8_t> input);
 
 // Decompresses one complete stream, which must end with its end-of-stream block and nothing
 // after it. Throws LzfseError on any damage, or when the output would exceed `maxOutputSize`;
-// nothing is returned then.
+// nothing is returned then. A valid block of a hundred bytes may expand to 23 MB, so callers
+// reading streams from outside pass a limit that fits what they expect.
 std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> input,
                                      std::size_t maxOutputSize = std::numeric_limits<std::size_t>::max());
+
+// The same, into `output`, whose content is replaced and whose storage is reused: for callers
+// that decompress many streams, this saves allocating and clearing the output every time. On
+// failure `output` is left empty.
+void decompress(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& output,
+                std::size_t maxOutputSize = std::numeric_limits<std::size_t>::max());
 
 } // namespace morvane::lzfse

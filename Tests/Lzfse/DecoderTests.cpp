@@ -29,7 +29,7 @@ Bytes lzvnBlock(std::uint32_t rawBytes, std::string_view payloadHex) {
     return out;
 }
 
-const Bytes endBlock = hexBytes("62 76 78 24");
+Bytes endBlock() { return hexBytes("62 76 78 24"); }
 
 Bytes concat(std::initializer_list<Bytes> parts) {
     Bytes out;
@@ -100,24 +100,24 @@ TEST(LzfseDecoder, DecodesEveryReferenceStreamExactly) {
 }
 
 TEST(LzfseDecoder, ReadsEmptyStreamsInBothForms) {
-    EXPECT_TRUE(decompress(endBlock).empty());
-    EXPECT_TRUE(decompress(concat({rawBlock(""), endBlock})).empty());
-    EXPECT_TRUE(decompress(concat({rawBlock(""), lzvnBlock(0, "06 00 00 00 00 00 00 00"), endBlock})).empty());
+    EXPECT_TRUE(decompress(endBlock()).empty());
+    EXPECT_TRUE(decompress(concat({rawBlock(""), endBlock()})).empty());
+    EXPECT_TRUE(decompress(concat({rawBlock(""), lzvnBlock(0, "06 00 00 00 00 00 00 00"), endBlock()})).empty());
 }
 
 TEST(LzfseDecoder, FollowsMatchesIntoEarlierBlocksOfAnyKind) {
     // LZVN: 0E and 16 are no-ops; 38 0D is L=0, M=10, D=13, reaching into the stored block.
-    EXPECT_EQ(
-        decompress(concat({rawBlock("hello world, "), lzvnBlock(10, "0E 16 38 0D 06 00 00 00 00 00 00 00"), endBlock})),
-        decodeText("hello world, hello worl"));
+    EXPECT_EQ(decompress(concat(
+                  {rawBlock("hello world, "), lzvnBlock(10, "0E 16 38 0D 06 00 00 00 00 00 00 00"), endBlock()})),
+              decodeText("hello world, hello worl"));
     // LZFSE: one literal, then 5 bytes from 3 back, overlapping itself and the stored block.
-    EXPECT_EQ(decompress(concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock})),
+    EXPECT_EQ(decompress(concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock()})),
               decodeText("abcdefxefxef"));
     // Two triples of L=1, M=2, D=2: the second copies what the first produced.
-    EXPECT_EQ(
-        decompress(concat({rawBlock("ab"),
-                           UnpackedBlock{.rawBytes = 6, .matches = 2, .mSymbol = 2, .dSymbol = 2}.bytes(), endBlock})),
-        decodeText("abxbxxxx"));
+    EXPECT_EQ(decompress(
+                  concat({rawBlock("ab"),
+                          UnpackedBlock{.rawBytes = 6, .matches = 2, .mSymbol = 2, .dSymbol = 2}.bytes(), endBlock()})),
+              decodeText("abxbxxxx"));
 }
 
 TEST(LzfseDecoder, ReadsBlocksOfDifferentKindsInOneStream) {
@@ -126,7 +126,7 @@ TEST(LzfseDecoder, ReadsBlocksOfDifferentKindsInOneStream) {
     const Bytes lzvn = readBytes(vectorFolder() / "short_text.txt.lzfse");
     const Bytes fse = readBytes(vectorFolder() / "text_4096.txt.lzfse");
     Bytes stream = concat({rawBlock("start|"), Bytes(lzvn.begin(), lzvn.end() - 4), Bytes(fse.begin(), fse.end() - 4),
-                           rawBlock("|end"), endBlock});
+                           rawBlock("|end"), endBlock()});
     Bytes expected = decodeText("start|");
     for (const char* name : {"short_text.txt", "text_4096.txt"}) {
         const Bytes part = readBytes(vectorFolder() / name);
@@ -150,27 +150,27 @@ void expectDamaged(const Bytes& stream, std::string_view why) {
 TEST(LzfseDecoder, RejectsDamagedStoredAndLzvnBlocks) {
     const Bytes hello = rawBlock("hello world, ");
     expectDamaged(rawBlock("abc"), "no end block");
-    expectDamaged(concat({endBlock, hexBytes("00")}), "a byte after the end block");
-    expectDamaged(concat({hexBytes("62 76 78 33 00 00 00 00"), endBlock}), "unknown block kind bvx3");
-    expectDamaged(concat({Bytes(hello.begin(), hello.end() - 1), endBlock}), "stored block shorter than its length");
-    expectDamaged(concat({hello, lzvnBlock(10, "1E 38 0D 06 00 00 00 00 00 00 00"), endBlock}), "undefined opcode");
-    expectDamaged(concat({hello, lzvnBlock(3, "F3 06 00 00 00 00 00 00 00"), endBlock}),
+    expectDamaged(concat({endBlock(), hexBytes("00")}), "a byte after the end block");
+    expectDamaged(concat({hexBytes("62 76 78 33 00 00 00 00"), endBlock()}), "unknown block kind bvx3");
+    expectDamaged(concat({Bytes(hello.begin(), hello.end() - 1), endBlock()}), "stored block shorter than its length");
+    expectDamaged(concat({hello, lzvnBlock(10, "1E 38 0D 06 00 00 00 00 00 00 00"), endBlock()}), "undefined opcode");
+    expectDamaged(concat({hello, lzvnBlock(3, "F3 06 00 00 00 00 00 00 00"), endBlock()}),
                   "match-only opcode before any distance");
-    expectDamaged(concat({hello, lzvnBlock(10, "38 0E 06 00 00 00 00 00 00 00"), endBlock}),
+    expectDamaged(concat({hello, lzvnBlock(10, "38 0E 06 00 00 00 00 00 00 00"), endBlock()}),
                   "distance 14 with 13 bytes out");
-    expectDamaged(concat({hello, lzvnBlock(11, "38 0D 06 00 00 00 00 00 00 00"), endBlock}), "one byte short");
-    expectDamaged(concat({hello, lzvnBlock(9, "38 0D 06 00 00 00 00 00 00 00"), endBlock}), "one byte over");
-    expectDamaged(concat({hello, lzvnBlock(10, "38 0D"), endBlock}), "no end opcode");
-    expectDamaged(concat({hello, lzvnBlock(10, "38 0D 06 00 00 00 00 00 00 00 00"), endBlock}),
+    expectDamaged(concat({hello, lzvnBlock(11, "38 0D 06 00 00 00 00 00 00 00"), endBlock()}), "one byte short");
+    expectDamaged(concat({hello, lzvnBlock(9, "38 0D 06 00 00 00 00 00 00 00"), endBlock()}), "one byte over");
+    expectDamaged(concat({hello, lzvnBlock(10, "38 0D"), endBlock()}), "no end opcode");
+    expectDamaged(concat({hello, lzvnBlock(10, "38 0D 06 00 00 00 00 00 00 00 00"), endBlock()}),
                   "bytes after the end opcode");
-    expectDamaged(concat({lzvnBlock(300000, "F0 FF 06 00 00 00 00 00 00 00"), endBlock}),
+    expectDamaged(concat({lzvnBlock(300000, "F0 FF 06 00 00 00 00 00 00 00"), endBlock()}),
                   "more output than the payload can hold");
 }
 
 TEST(LzfseDecoder, RejectsDamagedLzfseBlocks) {
     const Bytes six = rawBlock("abcdef");
     const auto damagedWith = [&](UnpackedBlock block, std::string_view why) {
-        expectDamaged(concat({six, block.bytes(), endBlock}), why);
+        expectDamaged(concat({six, block.bytes(), endBlock()}), why);
     };
     damagedWith({.rawBytes = 6, .dSymbol = 0}, "distance 0 in the first triple");
     damagedWith({.rawBytes = 7}, "produces less than its size");
@@ -183,7 +183,7 @@ TEST(LzfseDecoder, RejectsDamagedLzfseBlocks) {
     damagedWith({.rawBytes = 6, .extraLFrequency = 1}, "frequencies adding up to more than the table");
     damagedWith({.rawBytes = 100000}, "more output than the block can hold");
     // Without the stored block before it, the first match reaches before the start.
-    expectDamaged(concat({UnpackedBlock{.rawBytes = 6}.bytes(), endBlock}), "distance beyond the output");
+    expectDamaged(concat({UnpackedBlock{.rawBytes = 6}.bytes(), endBlock()}), "distance beyond the output");
 
     if (!haveVectors()) GTEST_SKIP() << "the shared LZFSE vectors are not at " << vectorFolder();
     const Bytes reference = readBytes(vectorFolder() / "text_4096.txt.lzfse");
@@ -236,7 +236,7 @@ TEST(LzfseDecoder, SurvivesFlippedBits) {
 }
 
 TEST(LzfseDecoder, RefusesOutputBeyondTheCallersLimit) {
-    const Bytes stream = concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock});
+    const Bytes stream = concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock()});
     EXPECT_EQ(decompress(stream, 12).size(), 12u);
     try {
         decompress(stream, 11);
