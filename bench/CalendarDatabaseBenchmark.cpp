@@ -33,6 +33,14 @@ void contentFingerprint(benchmark::State& state) {
 }
 BENCHMARK(contentFingerprint)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
+void loadEvents(benchmark::State& state) {
+    morvane::CalendarDatabase database(generated(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(database.loadEvents());
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(loadEvents)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
 void occurrences(benchmark::State& state) {
     morvane::CalendarDatabase database(generated(state.range(0)));
     for (auto _ : state)

@@ -20,6 +20,36 @@ std::string_view BackupEvent::externalIdentifier() const { return seriesKey(uniq
 
 std::optional<KeptOccurrences> BackupStore::keptOccurrences(std::int64_t) { return std::nullopt; }
 
+json::Ordered BackupCalendar::json() const {
+    json::Ordered object = json::Ordered::object();
+    object["rowID"] = rowID;
+    if (uuid) object["uuid"] = *uuid;
+    object["title"] = title;
+    if (externalID) object["externalID"] = *externalID;
+    object["storeName"] = storeName;
+    object["storeType"] = storeType;
+    if (colorHex) object["colorHex"] = *colorHex;
+    return object;
+}
+
+BackupCalendar BackupCalendar::fromJson(const json::Ordered& value, const std::string& path) {
+    const json::ObjectReader reader(value, path);
+    const auto optionalText = [&reader](std::string_view key) -> std::optional<std::string> {
+        const auto* found = reader.optional(key);
+        if (!found) return std::nullopt;
+        return json::string(*found, reader.pathOf(key));
+    };
+    BackupCalendar calendar;
+    calendar.rowID = json::integer(reader.required("rowID"), reader.pathOf("rowID"));
+    calendar.uuid = optionalText("uuid");
+    calendar.title = json::string(reader.required("title"), reader.pathOf("title"));
+    calendar.externalID = optionalText("externalID");
+    calendar.storeName = json::string(reader.required("storeName"), reader.pathOf("storeName"));
+    calendar.storeType = json::integer(reader.required("storeType"), reader.pathOf("storeType"));
+    calendar.colorHex = optionalText("colorHex");
+    return calendar;
+}
+
 std::string BackupCalendar::displayName() const {
     // The system stores placeholders for the calendars it creates itself.
     std::string name = title;

@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/Date.h"
 #include "MorvaneCore/EventSnapshot.h"
+#include "MorvaneCore/Json.h"
 
 #include <array>
 #include <cstdint>
@@ -45,6 +46,11 @@ struct BackupCalendar {
 
     // "{name} ({store})", with the system's placeholder names and the local store spelt out.
     std::string displayName() const;
+
+    // The JSON form: rowID, uuid, title, externalID, storeName, storeType, colorHex, absent
+    // optional fields left out. Decoding fails with json::DecodingError.
+    json::Ordered json() const;
+    static BackupCalendar fromJson(const json::Ordered& value, const std::string& path = {});
 
     friend bool operator==(const BackupCalendar&, const BackupCalendar&) = default;
 };

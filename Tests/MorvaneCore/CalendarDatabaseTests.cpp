@@ -1,6 +1,7 @@
 #include "MorvaneCore/CalendarDatabase.h"
 
 #include "MorvaneCore/Errors.h"
+#include "MorvaneCore/Json.h"
 #include "MorvaneCore/SQLiteDB.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
@@ -522,6 +523,22 @@ TEST(BackupCalendar, DisplayNameSpellsOutTheSystemsPlaceholders) {
     // "Default" is spelt out only for a local store.
     calendar = {.title = "Work", .storeName = "Default", .storeType = 1};
     EXPECT_EQ(calendar.displayName(), "Work (Default)");
+}
+
+TEST(BackupCalendar, JSONLeavesOutAbsentFieldsAndReadsThemAsAbsent) {
+    const BackupCalendar full{7, "U", "Work", "X", "iCloud", 2, "#FF0000FF"};
+    EXPECT_EQ(json::dumpKeepingOrder(full.json(), false),
+              R"({"rowID":7,"uuid":"U","title":"Work","externalID":"X","storeName":"iCloud","storeType":2,)"
+              R"("colorHex":"#FF0000FF"})");
+    EXPECT_EQ(BackupCalendar::fromJson(full.json()), full);
+
+    const BackupCalendar bare{1, std::nullopt, "?", std::nullopt, "?", -1, std::nullopt};
+    EXPECT_EQ(json::dumpKeepingOrder(bare.json(), false), R"({"rowID":1,"title":"?","storeName":"?","storeType":-1})");
+    EXPECT_EQ(
+        BackupCalendar::fromJson(json::parse(R"({"rowID":1,"title":"?","storeName":"?","storeType":-1,"uuid":null})")),
+        bare);
+    EXPECT_THROW(BackupCalendar::fromJson(json::parse(R"({"rowID":1,"title":"?","storeType":-1})")),
+                 json::DecodingError);
 }
 
 TEST(StoreType, KnowsTheStoredValuesButThree) {
