@@ -14,10 +14,18 @@ void QueuedMainThread::run(const std::function<void()>& work) {
         finished = true;
     };
     std::unique_lock guard(lock_);
+    ++callers_;
     queue_.push_back(&job);
     changed_.notify_all();
     // The caller waits: background work sees its changes applied before it goes on.
     changed_.wait(guard, [&] { return finished; });
+    --callers_;
+    changed_.notify_all();
+}
+
+QueuedMainThread::~QueuedMainThread() {
+    std::unique_lock guard(lock_);
+    changed_.wait(guard, [this] { return callers_ == 0; });
 }
 
 bool QueuedMainThread::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

@@ -1,3 +1,4 @@
+#include "RunCommandLine.h"
 #include "morvane/CommandLine.h"
 
 #include "MorvaneCore/BackupLocator.h"
@@ -11,19 +12,7 @@
 namespace morvane {
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Outcome runCommandLine(std::vector<const char*> arguments) {
-    arguments.insert(arguments.begin(), "morvane");
-    std::ostringstream out;
-    std::ostringstream err;
-    const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {status, out.str(), err.str()};
-}
+using testing::runCommandLine;
 
 class CommandLineTest : public ::testing::Test {
 protected:

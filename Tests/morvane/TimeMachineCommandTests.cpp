@@ -3,6 +3,7 @@
 #include "MorvaneCore/BackupLocator.h"
 #include "MorvaneCore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
+#include "RunCommandLine.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 #include "morvane/CommandLine.h"
@@ -21,19 +22,7 @@ protected:
     void SetUp() override { fs::create_directories(fs::path(BackupLocator::liveDBPath()).parent_path()); }
     void TearDown() override { BackupLocator::removeAllStagedCopies(); }
 
-    struct Outcome {
-        int status;
-        std::string out;
-        std::string err;
-    };
-
-    Outcome run(std::vector<const char*> arguments) {
-        arguments.insert(arguments.begin(), "morvane");
-        std::ostringstream out;
-        std::ostringstream err;
-        const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
-        return {status, out.str(), err.str()};
-    }
+    testing::Outcome run(std::vector<const char*> arguments) { return testing::runCommandLine(std::move(arguments)); }
 
     // Dated backup folders as Time Machine writes them, each holding a whole volume; `events`
     // below zero makes the database unreadable. `live` leaves the write-ahead log beside it.
