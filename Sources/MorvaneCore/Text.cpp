@@ -100,15 +100,15 @@ std::string replacingAll(std::string_view text, std::string_view target, std::st
 }
 
 std::string uppercased(std::string_view text) {
-    if (isASCII(text)) {
-        std::string result(text);
-        for (auto& c : result) {
-            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    std::string result(text);
+    for (auto& c : result) {
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            result.clear();
+            unicode(text).toUpper(icu::Locale::getRoot()).toUTF8String(result);
+            return result;
         }
-        return result;
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
     }
-    std::string result;
-    unicode(text).toUpper(icu::Locale::getRoot()).toUTF8String(result);
     return result;
 }
 
