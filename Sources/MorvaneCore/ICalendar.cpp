@@ -53,6 +53,36 @@ template <typename Emit> void forEachLine(std::string_view text, Emit&& emit) {
 
 std::string_view trimmingBlanks(std::string_view text) { return text::trimming(text, " \t"); }
 
+// Calls `each` with the pieces of a property's head split at ";" outside double quotes, the quotes
+// themselves left out, so quoted parameter values keep any ";" or ":" they hold. Heads without
+// quotes, nearly all of them, are split without copying.
+template <typename Each> void forEachHeadPiece(std::string_view head, bool hasQuotes, Each&& each) {
+    if (!hasQuotes) {
+        for (size_t start = 0;;) {
+            const auto end = head.find(';', start);
+            if (end == std::string_view::npos) {
+                each(head.substr(start));
+                return;
+            }
+            each(head.substr(start, end - start));
+            start = end + 1;
+        }
+    }
+    std::string piece;
+    bool inQuotes = false;
+    for (const char c : head) {
+        if (c == '"') {
+            inQuotes = !inQuotes;
+        } else if (c == ';' && !inQuotes) {
+            each(std::string_view(piece));
+            piece.clear();
+        } else {
+            piece.push_back(c);
+        }
+    }
+    each(std::string_view(piece));
+}
+
 } // namespace
 
 std::optional<std::string> ICalProperty::param(std::string_view parameterName) const {
@@ -131,37 +161,37 @@ std::vector<std::string> unfold(std::string_view text) {
 std::optional<ICalProperty> parseLine(std::string_view line) {
     if (line.empty()) return std::nullopt;
 
-    // The head ends at the first colon outside double quotes; the quotes themselves are not copied.
-    std::vector<std::string> pieces(1);
+    // The head ends at the first colon outside double quotes.
     bool inQuotes = false;
+    bool hasQuotes = false;
     size_t colon = std::string_view::npos;
     for (size_t i = 0; i < line.size(); ++i) {
-        const char c = line[i];
-        if (c == '"') {
+        if (line[i] == '"') {
             inQuotes = !inQuotes;
-        } else if (inQuotes) {
-            pieces.back().push_back(c);
-        } else if (c == ':') {
+            hasQuotes = true;
+        } else if (line[i] == ':' && !inQuotes) {
             colon = i;
             break;
-        } else if (c == ';') {
-            pieces.emplace_back();
-        } else {
-            pieces.back().push_back(c);
         }
     }
     if (colon == std::string_view::npos) return std::nullopt;
 
     ICalProperty property;
     property.value = std::string(line.substr(colon + 1));
-    for (size_t i = 1; i < pieces.size(); ++i) {
-        const auto sides = text::splittingOnce(pieces[i], '=');
-        if (sides.size() != 2) continue;
-        property.params.insert_or_assign(text::uppercased(sides[0]), std::string(sides[1]));
-    }
-    auto name = text::uppercased(pieces.front());
-    if (const auto dot = name.rfind('.'); dot != std::string::npos) name.erase(0, dot + 1);
-    property.name = std::move(name);
+    bool isName = true;
+    forEachHeadPiece(line.substr(0, colon), hasQuotes, [&](std::string_view piece) {
+        if (isName) {
+            property.name = text::uppercased(piece);
+            isName = false;
+            return;
+        }
+        // Only NAME=value with both sides counts; later "=" belong to the value.
+        const auto equals = piece.find('=');
+        if (equals == std::string_view::npos || equals == 0 || equals + 1 == piece.size()) return;
+        property.params.insert_or_assign(text::uppercased(piece.substr(0, equals)),
+                                         std::string(piece.substr(equals + 1)));
+    });
+    if (const auto dot = property.name.rfind('.'); dot != std::string::npos) property.name.erase(0, dot + 1);
     return property;
 }
 

@@ -11,8 +11,8 @@
 
 // The one JSON vocabulary of the system. `Value` objects keep their keys sorted, which the stored
 // formats rely on; `Ordered` objects keep the order in which keys were written, for the formats
-// whose records are written field by field. Every writer goes through `dump` so that invalid UTF-8
-// never aborts a write.
+// whose records are written field by field. Every writer goes through `dump` or `dumpKeepingOrder`
+// so that invalid UTF-8 never aborts a write: it is written as U+FFFD.
 namespace morvane::json {
 
 using Value = nlohmann::json;

@@ -22,6 +22,17 @@ bool isASCII(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
+bool isWellFormed(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    const auto length = static_cast<int32_t>(text.size());
+    for (int32_t i = 0; i < length;) {
+        UChar32 c = 0;
+        U8_NEXT(bytes, i, length, c);
+        if (c < 0) return false;
+    }
+    return true;
+}
+
 icu::UnicodeString unicode(std::string_view text) {
     return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
 }
@@ -107,15 +118,15 @@ std::string replacingAll(std::string_view text, std::string_view target, std::st
 }
 
 std::string uppercased(std::string_view text) {
-    if (isASCII(text)) {
-        std::string result(text);
-        for (auto& c : result) {
-            if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    std::string result(text);
+    for (auto& c : result) {
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            result.clear();
+            unicode(text).toUpper(icu::Locale::getRoot()).toUTF8String(result);
+            return result;
         }
-        return result;
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
     }
-    std::string result;
-    unicode(text).toUpper(icu::Locale::getRoot()).toUTF8String(result);
     return result;
 }
 
@@ -123,6 +134,9 @@ bool canonicallyEqual(std::string_view a, std::string_view b) {
     if (a == b) return true;
     // Pure ASCII is its own canonical form: different bytes are different texts.
     if (isASCII(a) && isASCII(b)) return false;
+    // Ill-formed text would compare as its repaired form, in which different bytes can look alike:
+    // such text is only equal to the very same bytes.
+    if (!isWellFormed(a) || !isWellFormed(b)) return false;
     UErrorCode status = U_ZERO_ERROR;
     const auto* nfd = icu::Normalizer2::getNFDInstance(status);
     if (U_FAILURE(status)) return false;

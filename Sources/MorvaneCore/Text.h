@@ -32,7 +32,7 @@ std::string replacingAll(std::string_view text, std::string_view target, std::st
 std::string uppercased(std::string_view text);
 
 // Whether two texts are equal by Unicode canonical equivalence: "e" followed by a combining acute
-// accent equals the precomposed "é". Ill-formed UTF-8 compares as its repaired form.
+// accent equals the precomposed "é". Ill-formed UTF-8 is equal only to the same bytes.
 bool canonicallyEqual(std::string_view a, std::string_view b);
 
 // A plain signed 64-bit decimal: an optional "+" or "-", then one or more ASCII digits and

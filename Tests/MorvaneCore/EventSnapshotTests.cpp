@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <unordered_set>
 
 namespace morvane {
 namespace {
@@ -58,14 +57,6 @@ TEST(AlarmSpecOrder, RelativeAlarmsComeFirstThenAbsoluteByDate) {
     EXPECT_TRUE(AlarmSpec::relative(5) <= AlarmSpec::relative(5));
     EXPECT_TRUE(AlarmSpec::absolute(Date{0}) > AlarmSpec::relative(900));
     EXPECT_FALSE(AlarmSpec::relative(5) >= AlarmSpec::relative(6));
-}
-
-TEST(AlarmSpecEquality, IsByCaseAndPayload) {
-    EXPECT_EQ(AlarmSpec::relative(-900), AlarmSpec::relative(-900));
-    EXPECT_NE(AlarmSpec::relative(0), AlarmSpec::absolute(Date{0}));
-    EXPECT_NE(AlarmSpec::absolute(Date{1}), AlarmSpec::absolute(Date{1.5}));
-    const std::unordered_set<AlarmSpec> set{AlarmSpec::relative(0), AlarmSpec::absolute(Date{0})};
-    EXPECT_EQ(set.size(), 2u);
 }
 
 // --- Formatting ------------------------------------------------------------------------------

@@ -380,18 +380,10 @@ TEST_F(RealCorpus, AppleHolidays) {
     EXPECT_EQ(ICalParser::text(events[0]->first("SUMMARY")->value), "Memorial Day\n(fed holiday)");
 }
 
-TEST_F(RealCorpus, ParserCasesFromOtherReaders) {
+TEST_F(RealCorpus, GroupPrefixesAndAByteOrderMark) {
     const auto grouped = parseFile("ical.js/test/parser/grouped.ics");
     ASSERT_EQ(grouped.size(), 1u);
     EXPECT_EQ(grouped[0].properties.at(0).name, "X-TEST");
-
-    const auto quoted = parseFile("ical.js/test/parser/quoted_params.ics");
-    ASSERT_EQ(quoted.size(), 1u);
-    const auto* foo = quoted[0].first("X-FOO");
-    ASSERT_TRUE(foo);
-    EXPECT_EQ(foo->param("BAR"), ";hidden=value");
-    EXPECT_EQ(foo->value, "realvalue yep");
-
     // A byte-order mark spoils the first name, so the calendar's BEGIN is passed over.
     EXPECT_TRUE(parseFile("python-icalendar/calendars/bom_calendar.ics").empty());
 }

@@ -25,18 +25,6 @@ RecurrenceRule fromRRule(std::string_view rrule, std::optional<std::string_view>
     return rule.value_or(RecurrenceRule(Frequency::daily, 1));
 }
 
-TEST(RecurrenceRuleDay, OrdersByWeekThenWeekday) {
-    EXPECT_LT((Day{7, -1}), (Day{1, 0}));
-    EXPECT_LT((Day{2, 0}), (Day{3, 0}));
-    EXPECT_LT((Day{7, 1}), (Day{1, 2}));
-}
-
-TEST(RecurrenceRuleInit, RaisesTheIntervalToOne) {
-    EXPECT_EQ(RecurrenceRule(Frequency::weekly, 0).interval, 1);
-    EXPECT_EQ(RecurrenceRule(Frequency::weekly, -3).interval, 1);
-    EXPECT_EQ(RecurrenceRule(Frequency::weekly, 2).interval, 2);
-}
-
 // --- Database columns ------------------------------------------------------------------------
 
 TEST(RecurrenceRuleFromDatabase, NeedsAKnownFrequency) {

@@ -64,6 +64,9 @@ TEST(Text, ComparesByCanonicalEquivalence) {
     EXPECT_FALSE(text::canonicallyEqual("\uFB01", "fi"));    // compatibility only
     EXPECT_FALSE(text::canonicallyEqual("a", "A"));
     EXPECT_TRUE(text::canonicallyEqual("", ""));
+    // Two different ill-formed sequences would both repair to U+FFFD.
+    EXPECT_FALSE(text::canonicallyEqual("\xff\u00E9", "\xfe\u00E9"));
+    EXPECT_TRUE(text::canonicallyEqual("\xff\u00E9", "\xff\u00E9"));
 }
 
 TEST(Text, SplitsIntoPieces) {
