@@ -1,12 +1,27 @@
 #!/usr/bin/env bash
-# Builds the programs in release mode and runs the main job.
+# Builds the programs in release mode and runs the main job on a self-contained sample: a
+# generated calendar of 2,000 events laid out as in a home folder, read the way a backup is read
+# (found, staged, verified, fingerprinted), beside the listing of this machine's Time Machine
+# backups.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cmake --workflow --preset release
-echo
-echo "$ morvane backups"
-build/release/bin/morvane backups
-echo
-echo "$ morvane backups --json"
-build/release/bin/morvane backups --json
+bin=build/release/bin
+sample=build/sample/home
+rm -rf "$sample"
+database="$sample/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb"
+mkdir -p "$(dirname "$database")"
+"$bin/generate-calendar" "$database" 2000 7
+
+run() {
+    echo
+    echo "\$ morvane $*"
+    "$bin/morvane" "$@"
+}
+run backups
+run backups --json
+run inspect "$sample"
+run inspect "$sample" --events --json > build/sample/inspect.json
+head -n 40 build/sample/inspect.json
+echo "... (the whole report is in build/sample/inspect.json)"

@@ -1,4 +1,4 @@
-// Writes a generated calendar database for benchmarks: generate-calendar OUT EVENTS [SEED]
+// Writes a generated calendar database for benchmarks and the sample: generate-calendar OUT EVENTS [SEED]
 #include "Support/CalendarGenerator.h"
 
 #include <cstdlib>
