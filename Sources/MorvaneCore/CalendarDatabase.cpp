@@ -250,10 +250,10 @@ OccurrenceSet CalendarDatabase::occurrences() {
     if (!start || !end || !(*start < *end)) throw SQLiteError("OccurrenceCache window not recorded in this database.");
 
     // The zone in which the system expanded floating events; the machine's when unrecorded.
-    std::optional<std::string> zone;
-    if (auto found = properties.find("OccurrenceCacheTimeZone");
-        found != properties.end() && zones::isKnown(found->second))
-        zone = found->second;
+    std::optional<zones::Zone> recorded;
+    if (auto found = properties.find("OccurrenceCacheTimeZone"); found != properties.end())
+        recorded = zones::Zone::named(found->second);
+    const auto zone = recorded ? std::move(*recorded) : zones::Zone::current();
 
     OccurrenceSet result{{{*start}, {*end}}, {}};
     db_.query(occurrenceStatement, [&](const SQLiteDB::Row& row) {
@@ -269,8 +269,7 @@ OccurrenceSet CalendarDatabase::occurrences() {
         } else if (row.integer(4) == 1) {
             // Cached as a true moment in the cache's zone; floating dates are stored as wall-clock
             // readings counted as UTC.
-            const int offset =
-                zone ? zones::secondsFromGMT(*zone, moment).value_or(0) : zones::currentSecondsFromGMT(moment);
+            const int offset = zone.secondsFromGMT(moment);
             moment.seconds += offset;
         }
         result.dates[std::string(seriesKey(*identifier))].insert(moment.occurrenceKey());

@@ -1,6 +1,5 @@
 #include "MorvaneCore/TimeZones.h"
 
-#include <memory>
 #include <unicode/timezone.h>
 
 namespace morvane::zones {
@@ -13,28 +12,36 @@ std::unique_ptr<icu::TimeZone> knownZone(std::string_view zoneID) {
     return zone;
 }
 
-int offsetSeconds(const icu::TimeZone& zone, Date date) {
+} // namespace
+
+struct Zone::Data {
+    std::unique_ptr<icu::TimeZone> zone;
+};
+
+Zone::Zone(std::unique_ptr<Data> data) : data_(std::move(data)) {}
+Zone::Zone(Zone&&) noexcept = default;
+Zone& Zone::operator=(Zone&&) noexcept = default;
+Zone::~Zone() = default;
+
+std::optional<Zone> Zone::named(std::string_view zoneID) {
+    auto zone = knownZone(zoneID);
+    if (!zone) return std::nullopt;
+    return Zone(std::make_unique<Data>(Data{std::move(zone)}));
+}
+
+Zone Zone::current() {
+    return Zone(std::make_unique<Data>(Data{std::unique_ptr<icu::TimeZone>(icu::TimeZone::createDefault())}));
+}
+
+int Zone::secondsFromGMT(Date date) const {
     int32_t raw = 0;
     int32_t daylight = 0;
     UErrorCode status = U_ZERO_ERROR;
-    zone.getOffset(date.secondsSince1970() * 1000.0, false, raw, daylight, status);
+    data_->zone->getOffset(date.secondsSince1970() * 1000.0, false, raw, daylight, status);
     if (U_FAILURE(status)) return 0;
     return (raw + daylight) / 1000;
 }
 
-} // namespace
-
 bool isKnown(std::string_view zoneID) { return knownZone(zoneID) != nullptr; }
-
-std::optional<int> secondsFromGMT(std::string_view zoneID, Date date) {
-    const auto zone = knownZone(zoneID);
-    if (!zone) return std::nullopt;
-    return offsetSeconds(*zone, date);
-}
-
-int currentSecondsFromGMT(Date date) {
-    const std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    return zone ? offsetSeconds(*zone, date) : 0;
-}
 
 } // namespace morvane::zones
