@@ -4,6 +4,7 @@
 
 #include "MorvaneCore/BackupLocator.h"
 #include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneHelper/HelperApplication.h"
 #include "MorvaneHelper/QtMainThread.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
@@ -12,7 +13,9 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTimer>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -229,6 +232,15 @@ TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
     button("Open Morvane")->click();
     ASSERT_TRUE(waitFor([&] { return !workspace.openedApplications().empty(); }));
     EXPECT_EQ(workspace.openedApplications(), (std::vector<std::string>{std::string(TimeMachineImports::appBundleID)}));
+}
+
+TEST_F(HelperWindowTest, ATerminationSignalQuitsAndSweepsWhatAnImportLeftOpen) {
+    HelperDelegate delegate;
+    const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
+    QTimer::singleShot(0, [] { std::raise(SIGTERM); });
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_FALSE(fs::exists(staged));
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 }
 
 } // namespace
