@@ -7,7 +7,7 @@ packages=(
     build-essential cmake ninja-build pkg-config git
     clang clang-format clang-tidy libclang-rt-14-dev
     libsqlite3-dev sqlite3 libicu-dev libssl-dev nlohmann-json3-dev libplist-dev libical-dev
-    libcli11-dev qt6-base-dev qt6-qpa-plugins
+    libcli11-dev qt6-base-dev qt6-qpa-plugins fonts-dejavu-core
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine time
 )
 

@@ -2,9 +2,14 @@
 
 #include "MorvaneCore/BackupLocator.h"
 #include "MorvaneCore/DateFormatting.h"
+#include "MorvaneCore/SnapshotMount.h"
 #include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/Uninstaller.h"
+#include "MorvaneHelper/HelperShell.h"
+#include "MorvanePlatform/Bundle.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
+#include "MorvanePlatform/Trash.h"
 #include "MorvanePlatform/Workspace.h"
 
 #include <filesystem>
@@ -80,5 +85,52 @@ void HelperModel::importAll() {
 }
 
 void HelperModel::openMorvane() { Workspace::current().openApplication(std::string(TimeMachineImports::appBundleID)); }
+
+void HelperModel::confirmRemove() {
+    const auto count = archive_->entries().size();
+    auto& shell = HelperShell::current();
+    Alert question{.message = "Remove the Time Machine Helper?",
+                   .informativeText = "It moves to the Trash. Morvane keeps working with its own snapshots.",
+                   .buttons = {"Remove Helper", "Cancel"},
+                   .firstButtonDestructive = true};
+    if (count != 0)
+        question.checkbox = "Also delete the " + std::to_string(count) + " Time Machine restore point" +
+                            (count == 1 ? "" : "s") + " it brought into Morvane";
+    const auto answer = shell.runAlert(question);
+    if (answer.button != 0) return;
+
+    SnapshotMount::unmountAll();
+    BackupLocator::removeAllStagedCopies();
+
+    std::optional<std::string> deletionError;
+    std::error_code error;
+    if (answer.checkboxOn && question.checkbox && std::filesystem::exists(archive_->directory(), error)) {
+        std::filesystem::remove_all(archive_->directory(), error);
+        if (error) deletionError = error.message();
+    }
+
+    const auto bundle = Bundle::current().location();
+    bool trashed = false;
+    try {
+        Trash::current().trashItem(bundle);
+        trashed = true;
+    } catch (const std::exception&) {
+        // The user finishes by hand, from the file manager shown below.
+    }
+
+    std::string informative = "macOS keeps its entry under Full Disk Access until you remove it: in Privacy & "
+                              "Security → Full Disk Access, select Morvane Time Machine Helper and click −.";
+    if (deletionError) informative += "\n\nCouldn't delete the restore points: " + *deletionError;
+    const auto choice = shell.runAlert({.message = trashed ? "The Time Machine Helper was moved to the Trash"
+                                                           : "Drag the Time Machine Helper to the Trash to finish",
+                                        .informativeText = informative,
+                                        .buttons = {"Open Privacy & Security", "Done"}});
+    if (choice.button == 0) Workspace::current().openURL(privacySettingsURL);
+    if (!trashed) Workspace::current().revealInFileManager(bundle);
+
+    shell.closeAllWindows();
+    Uninstaller::removeSettings();
+    shell.exit(0);
+}
 
 } // namespace morvane

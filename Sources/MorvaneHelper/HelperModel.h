@@ -10,6 +10,13 @@
 
 namespace morvane {
 
+// The helper's bundle identifier, which names its settings.
+inline constexpr const char* helperBundleID = "com.quillfen.morvane.TimeMachineHelper";
+
+// The desktop's page where the user grants Full Disk Access.
+inline constexpr const char* privacySettingsURL =
+    "x-apple.systempreferences:com.apple.preference.security?Privacy_AllFiles";
+
 // The one state object of the Time Machine helper: which of the window's steps are done, which
 // backups are still to be copied, and the import run that copies them. It holds no knowledge of
 // backups itself; it turns what the core reports into states for the window.
@@ -72,6 +79,12 @@ public:
 
     // Starts the App Store edition, when the desktop knows it.
     void openMorvane();
+
+    // The removal dialogue (HelperShell's alerts): on confirmation takes away mounts and staged
+    // copies, deletes the imported restore points if asked, moves the helper to the trash (or
+    // shows it, for the user to finish), clears its settings and ends the process. Cancelling
+    // changes nothing.
+    void confirmRemove();
 
 private:
     explicit HelperModel(std::shared_ptr<CalendarArchive> archive);

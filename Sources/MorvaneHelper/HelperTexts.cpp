@@ -55,9 +55,12 @@ std::string copyingLabel(const HelperModel::Phase& importing) {
 }
 
 bool importStepDone(const HelperModel& model) {
-    const auto& phase = model.phase();
+    return importStepDone(model.phase(), model.imported(), model.pending());
+}
+
+bool importStepDone(const HelperModel::Phase& phase, int imported, const std::vector<BackupSource>& pending) {
     if (phase.which == HelperModel::Phase::Case::finished) return true;
-    return model.imported() >= 1 && model.pending().empty() && !phase.isBusy();
+    return imported >= 1 && pending.empty() && !phase.isBusy();
 }
 
 } // namespace morvane::helperTexts

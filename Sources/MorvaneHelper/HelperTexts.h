@@ -30,5 +30,6 @@ std::string copyingLabel(const HelperModel::Phase& importing);
 
 // Whether the third step, bringing the backups in, counts as done.
 bool importStepDone(const HelperModel& model);
+bool importStepDone(const HelperModel::Phase& phase, int imported, const std::vector<BackupSource>& pending);
 
 } // namespace morvane::helperTexts

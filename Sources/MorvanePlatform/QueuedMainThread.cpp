@@ -1,5 +1,7 @@
 #include "MorvanePlatform/QueuedMainThread.h"
 
+#include <memory>
+
 namespace morvane {
 
 void QueuedMainThread::run(const std::function<void()>& work) {
@@ -7,25 +9,28 @@ void QueuedMainThread::run(const std::function<void()>& work) {
         work();
         return;
     }
-    bool finished = false; // guarded by lock_
-    std::function<void()> job = [&] {
-        work();
-        std::lock_guard guard(lock_);
-        finished = true;
+    // The caller waits on a handshake of its own, not on this object: once the main thread has
+    // run the last job it may stop pumping and destroy this object before the caller wakes.
+    struct Handshake {
+        std::mutex lock;
+        std::condition_variable done;
+        bool finished = false; // guarded by lock
     };
-    std::unique_lock guard(lock_);
-    ++callers_;
-    queue_.push_back(&job);
+    const auto handshake = std::make_shared<Handshake>();
+    std::function<void()> job = [&work, handshake] {
+        work();
+        std::lock_guard guard(handshake->lock);
+        handshake->finished = true;
+        handshake->done.notify_all();
+    };
+    {
+        std::lock_guard guard(lock_);
+        queue_.push_back(&job);
+    }
     changed_.notify_all();
     // The caller waits: background work sees its changes applied before it goes on.
-    changed_.wait(guard, [&] { return finished; });
-    --callers_;
-    changed_.notify_all();
-}
-
-QueuedMainThread::~QueuedMainThread() {
-    std::unique_lock guard(lock_);
-    changed_.wait(guard, [this] { return callers_ == 0; });
+    std::unique_lock guard(handshake->lock);
+    handshake->done.wait(guard, [&] { return handshake->finished; });
 }
 
 bool QueuedMainThread::pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
@@ -42,7 +47,6 @@ bool QueuedMainThread::pumpUntil(const std::function<bool()>& done, std::chrono:
             queue_.pop_front();
         }
         (*job)();
-        changed_.notify_all();
     }
 }
 

@@ -16,9 +16,6 @@ namespace morvane {
 class QueuedMainThread final : public MainThread {
 public:
     QueuedMainThread() = default;
-    // Waits until every background thread that handed work over has left `run`: a thread that
-    // saw its work done may still be on its way out.
-    ~QueuedMainThread() override;
     QueuedMainThread(const QueuedMainThread&) = delete;
     QueuedMainThread& operator=(const QueuedMainThread&) = delete;
 
@@ -34,7 +31,6 @@ private:
     std::mutex lock_;
     std::condition_variable changed_;
     std::deque<std::function<void()>*> queue_; // guarded by lock_
-    int callers_ = 0;                          // threads inside run(), guarded by lock_
 };
 
 } // namespace morvane

@@ -99,6 +99,38 @@ std::vector<std::string> RecordingSystemLog::lines() const {
     return lines_;
 }
 
+bool RecordingWorkspace::openURL(const std::string& url) {
+    std::lock_guard guard(lock_);
+    urls_.push_back(url);
+    return true;
+}
+
+bool RecordingWorkspace::openApplication(const std::string& bundleID) {
+    std::lock_guard guard(lock_);
+    applications_.push_back(bundleID);
+    return true;
+}
+
+void RecordingWorkspace::revealInFileManager(const std::filesystem::path& file) {
+    std::lock_guard guard(lock_);
+    revealed_.push_back(file);
+}
+
+std::vector<std::string> RecordingWorkspace::openedURLs() const {
+    std::lock_guard guard(lock_);
+    return urls_;
+}
+
+std::vector<std::string> RecordingWorkspace::openedApplications() const {
+    std::lock_guard guard(lock_);
+    return applications_;
+}
+
+std::vector<std::filesystem::path> RecordingWorkspace::revealed() const {
+    std::lock_guard guard(lock_);
+    return revealed_;
+}
+
 TemporaryUser::TemporaryUser(std::string user)
     : home_(root_.makeFolder("home")), temporary_(root_.makeFolder("tmp")),
       folders_(home_, temporary_, std::move(user)), installed_(folders_) {}

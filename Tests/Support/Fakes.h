@@ -1,11 +1,13 @@
 #pragma once
 
+#include "MorvanePlatform/Bundle.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
 #include "MorvanePlatform/UserFolders.h"
 #include "MorvanePlatform/Volumes.h"
+#include "MorvanePlatform/Workspace.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <chrono>
@@ -107,6 +109,37 @@ public:
 private:
     mutable std::mutex lock_;
     std::vector<std::string> lines_;
+};
+
+// Records what was handed to the desktop and opens nothing.
+class RecordingWorkspace final : public Workspace {
+public:
+    bool openURL(const std::string& url) override;
+    bool openApplication(const std::string& bundleID) override;
+    void revealInFileManager(const std::filesystem::path& file) override;
+
+    std::vector<std::string> openedURLs() const;
+    std::vector<std::string> openedApplications() const;
+    std::vector<std::filesystem::path> revealed() const;
+
+private:
+    mutable std::mutex lock_;
+    std::vector<std::string> urls_;
+    std::vector<std::string> applications_;
+    std::vector<std::filesystem::path> revealed_;
+};
+
+// An application bundle of the test's choosing.
+class FakeBundle final : public Bundle {
+public:
+    FakeBundle(std::filesystem::path location, std::optional<std::string> identifier)
+        : location_(std::move(location)), identifier_(std::move(identifier)) {}
+    std::filesystem::path location() const override { return location_; }
+    std::optional<std::string> identifier() const override { return identifier_; }
+
+private:
+    std::filesystem::path location_;
+    std::optional<std::string> identifier_;
 };
 
 // A user whose home and temporary folder are fresh folders of their own, installed as the
