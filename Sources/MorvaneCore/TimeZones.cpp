@@ -37,4 +37,11 @@ int currentSecondsFromGMT(Date date) {
     return zone ? offsetSeconds(*zone, date) : 0;
 }
 
+Date instantOfWallClock(Date wallClock) {
+    const Date guess{wallClock.seconds - currentSecondsFromGMT(wallClock)};
+    return {wallClock.seconds - currentSecondsFromGMT(guess)};
+}
+
+Date wallClockOfInstant(Date instant) { return {instant.seconds + currentSecondsFromGMT(instant)}; }
+
 } // namespace morvane::zones
