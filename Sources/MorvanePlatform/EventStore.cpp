@@ -378,6 +378,8 @@ struct EKEventStore::Impl {
             sqlite::Connection fresh(opened);
             if (result != SQLITE_OK) sqlite::fail(opened, "Couldn't create the event store " + path.string());
             try {
+                // The user's calendars are the user's alone.
+                files::setPermissions(building, 0600);
                 sqlite::execute(fresh.get(), "PRAGMA journal_mode=WAL");
                 sqlite::execute(fresh.get(), "BEGIN");
                 sqlite::execute(fresh.get(), calendarSchemaSQL());
