@@ -8,8 +8,10 @@
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 
+#include <atomic>
 #include <ctime>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace morvane {
 namespace {
@@ -347,6 +349,56 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     EXPECT_EQ(cache.dates.at(uid).count(Date{utc(2024, 3, 14, 2)}.occurrenceKey()), 0u);
     EXPECT_EQ(cache.dates.at(uid).count(movedKey), 1u);
     BackupLocator::removeStagedCopy(staged);
+}
+
+TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
+    // Each transaction writes a series and deletes three of its occurrences: a copy that reads
+    // at all must show every series with all three exception dates.
+    constexpr int transactions = 12;
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        EKEventStore own;
+        for (int index = 0; index < transactions; ++index) {
+            auto event = EKEvent::eventWithEventStore(own);
+            event->title = "Series " + std::to_string(index);
+            event->startDate = utc(2024, 6, 1 + index, 16);
+            event->endDate = *event->startDate + 3600;
+            event->timeZone = testing::pinnedZone;
+            event->calendar = own.defaultCalendarForNewEvents();
+            event->recurrenceRules = {EKRecurrenceRule{}};
+            own.saveEvent(*event, EKSpan::futureEvents, false);
+            auto occurrences = own.eventsMatchingPredicate(
+                own.predicateForEvents(*event->startDate + 86400, *event->startDate + 4 * 86400, std::nullopt));
+            std::erase_if(occurrences, [&](const auto& found) { return found->title != event->title; });
+            for (const auto& occurrence : occurrences)
+                own.removeEvent(*occurrence, EKSpan::thisEvent, false);
+            own.commit();
+        }
+        done = true;
+    });
+
+    // The series a copy shows, every one of them with its three exception dates.
+    auto seriesInACopy = [] {
+        std::filesystem::path staged;
+        size_t series = 0;
+        try {
+            staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+            CalendarDatabase database(staged);
+            database.verifyIntegrity();
+            for (const auto& event : database.events(std::nullopt)) {
+                EXPECT_EQ(database.exceptionDates(event.rowID).size(), 3u) << event.snapshot.title;
+                ++series;
+            }
+        } catch (const Error&) {
+            // A copy caught in the middle of a write may be refused; it may not be wrong.
+        }
+        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
+        return series;
+    };
+    while (!done)
+        seriesInACopy();
+    writer.join();
+    EXPECT_EQ(seriesInACopy(), static_cast<size_t>(transactions));
 }
 
 } // namespace
