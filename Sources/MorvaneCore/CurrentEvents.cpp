@@ -40,6 +40,12 @@ Date yearLater(Date date) {
     return Date::fromSecondsSince1970(millis / 1000.0);
 }
 
+// Cut toward zero; saturated, so that no offset can overflow.
+std::int64_t wholeSeconds(double seconds) {
+    if (!std::isfinite(seconds)) return 0;
+    return static_cast<std::int64_t>(std::clamp(std::trunc(seconds), -1e15, 1e15));
+}
+
 std::string trimmedTitle(const std::optional<std::string>& title) {
     return std::string(text::trimmingWhitespaceAndNewlines(title ? std::string_view(*title) : std::string_view()));
 }
@@ -177,9 +183,8 @@ EventSnapshot EventKitSource::snapshot(const EKEvent& event) {
     }
     if (!event.recurrenceRules.empty()) made.recurrence = RecurrenceRule::fromEK(event.recurrenceRules.front());
     for (const auto& alarm : event.alarms) {
-        made.alarms.push_back(alarm.absoluteDate
-                                  ? AlarmSpec::absolute(Date{*alarm.absoluteDate})
-                                  : AlarmSpec::relative(static_cast<std::int64_t>(alarm.relativeOffset)));
+        made.alarms.push_back(alarm.absoluteDate ? AlarmSpec::absolute(Date{*alarm.absoluteDate})
+                                                 : AlarmSpec::relative(wholeSeconds(alarm.relativeOffset)));
     }
     std::stable_sort(made.alarms.begin(), made.alarms.end());
     return made;

@@ -301,8 +301,16 @@ double yearStartWallClock(int year) {
     return static_cast<double>(timegm(&parts)) - 978307200.0;
 }
 
+// Whole seconds since 1970, held to years 1 to 9999 so that a hostile date can't overflow.
+time_t unixSeconds(double wallClock) {
+    const double seconds = std::floor(wallClock + 978307200.0);
+    if (!(seconds > -62135596800.0)) return -62135596800;
+    if (!(seconds < 253402300799.0)) return 253402300799;
+    return static_cast<time_t>(seconds);
+}
+
 int yearOfWallClock(double wallClock) {
-    const auto seconds = static_cast<time_t>(std::floor(wallClock + 978307200.0));
+    const auto seconds = unixSeconds(wallClock);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     return parts.tm_year + 1900;
@@ -311,7 +319,7 @@ int yearOfWallClock(double wallClock) {
 // The same wall-clock time a calendar year later (29 February going to 1 March).
 double yearLaterWallClock(double wallClock) {
     const double whole = std::floor(wallClock);
-    const auto seconds = static_cast<time_t>(whole + 978307200.0);
+    const auto seconds = unixSeconds(whole);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     parts.tm_year += 1;
@@ -961,7 +969,10 @@ struct EKEventStore::Impl {
                 insert.bind(2, nullptr).bind(3, *alarm.absoluteDate);
             } else {
                 // Whole seconds, cut toward zero, as the column holds them.
-                insert.bind(2, static_cast<std::int64_t>(std::trunc(alarm.relativeOffset))).bind(3, nullptr);
+                const double offset = std::isfinite(alarm.relativeOffset)
+                                          ? std::clamp(std::trunc(alarm.relativeOffset), -1e15, 1e15)
+                                          : 0.0;
+                insert.bind(2, static_cast<std::int64_t>(offset)).bind(3, nullptr);
             }
             insert.bind(4, files::randomUUID()).run();
         }

@@ -33,8 +33,16 @@ void appendList(std::string& text, const char* key, const std::optional<std::vec
     if (!items.empty()) text += std::string(";") + key + "=" + items;
 }
 
+// Whole seconds since 1970, held to years 1 to 9999 so that a hostile date can't overflow.
+time_t unixSeconds(double wallClock) {
+    const double seconds = std::floor(wallClock + secondsFrom1970To2001);
+    if (!(seconds > -62135596800.0)) return -62135596800;
+    if (!(seconds < 253402300799.0)) return 253402300799;
+    return static_cast<time_t>(seconds);
+}
+
 icaltimetype wallTime(double wallClock) {
-    const auto seconds = static_cast<time_t>(std::floor(wallClock + secondsFrom1970To2001));
+    const auto seconds = unixSeconds(wallClock);
     return icaltime_from_timet_with_zone(seconds, 0, nullptr);
 }
 
@@ -43,7 +51,7 @@ double wallSeconds(const icaltimetype& time) {
 }
 
 std::string untilText(double wallClock) {
-    const auto seconds = static_cast<time_t>(std::floor(wallClock + secondsFrom1970To2001));
+    const auto seconds = unixSeconds(wallClock);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     char buffer[32];

@@ -317,13 +317,23 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     store->saveEvent(*moved, EKSpan::thisEvent, false);
     store->commit();
     save("Single", utc(2024, 8, 1, 16), utc(2024, 8, 1, 17), std::nullopt);
+    // A floating series over the clock change: the cache holds moments, the reader wall clocks.
+    auto floating = EKEvent::eventWithEventStore(*store);
+    floating->title = "Stretch";
+    floating->startDate = utc(2024, 3, 8, 15);
+    floating->endDate = utc(2024, 3, 8, 16);
+    floating->calendar = store->defaultCalendarForNewEvents();
+    EKRecurrenceRule daily;
+    daily.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5);
+    floating->recurrenceRules = {daily};
+    store->saveEvent(*floating, EKSpan::futureEvents, true);
 
     const auto uid = *series->calendarItemExternalIdentifier();
     const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
     CalendarDatabase database(staged);
     database.verifyIntegrity();
     const auto events = database.events(std::nullopt);
-    ASSERT_EQ(events.size(), 3u);
+    ASSERT_EQ(events.size(), 4u);
     const auto master =
         std::find_if(events.begin(), events.end(), [&](const auto& e) { return e.uniqueIdentifier == uid; });
     ASSERT_NE(master, events.end());
@@ -343,9 +353,12 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     EXPECT_EQ(detached->snapshot, movedSnapshot);
 
     const auto cache = database.occurrences();
-    const auto live = source.occurrences({uid, std::string(seriesKey(events.back().uniqueIdentifier))}, cache.window);
+    const auto floatingUID = *floating->calendarItemExternalIdentifier();
+    const auto live = source.occurrences({uid, floatingUID}, cache.window);
     EXPECT_EQ(cache.dates.at(uid), live.dates.at(uid));
-    EXPECT_EQ(cache.dates.size(), 2u);
+    EXPECT_EQ(cache.dates.at(floatingUID), live.dates.at(floatingUID));
+    EXPECT_EQ(*cache.dates.at(floatingUID).rbegin(), Date{utc(2024, 3, 12, 7)}.occurrenceKey());
+    EXPECT_EQ(cache.dates.size(), 3u);
     EXPECT_EQ(cache.dates.at(uid).count(Date{utc(2024, 3, 14, 2)}.occurrenceKey()), 0u);
     EXPECT_EQ(cache.dates.at(uid).count(movedKey), 1u);
     BackupLocator::removeStagedCopy(staged);

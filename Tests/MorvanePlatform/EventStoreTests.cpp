@@ -374,6 +374,29 @@ TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
     EXPECT_THROW(store.removeEvent(*event, EKSpan::thisEvent, true), EventStoreError);
 }
 
+TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
+    auto monthly = newEvent("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18));
+    monthly->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
+    store.saveEvent(*monthly, EKSpan::futureEvents, true);
+    const auto path = store.databasePath();
+    // From 1 January last year to 1 January in two years, local time: 36 months of rent.
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheStart'"),
+              std::to_string(static_cast<long long>(utc(2023, 1, 1, 8))));
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheTimeZone'"),
+              "America/Los_Angeles");
+    EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "36");
+    EXPECT_EQ(dbCount(path, "SELECT SUM(count) FROM OccurrenceCacheDays"), "36");
+
+    // A year on, the next write moves the window and rebuilds the cache for every series.
+    clock.set(utc(2025, 3, 1));
+    store.saveEvent(*newEvent("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18)), EKSpan::thisEvent, true);
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheEnd'"),
+              std::to_string(static_cast<long long>(utc(2027, 1, 1, 8))));
+    EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "37");
+    EXPECT_EQ(dbCount(path, "SELECT MIN(occurrence_date) FROM OccurrenceCache"),
+              std::to_string(static_cast<long long>(utc(2024, 1, 1, 17))) + ".0");
+}
+
 // ---- A database made elsewhere ----
 
 class ExistingDatabaseTest : public ::testing::Test {
