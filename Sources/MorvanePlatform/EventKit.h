@@ -187,8 +187,9 @@ private:
     std::optional<double> originalStored_;
     // Whether the object is an occurrence given out by a fetch rather than the series itself.
     bool isOccurrence_ = false;
-    // The rules as loaded, to tell a change of the rule from an edit of one occurrence.
-    std::vector<EKRecurrenceRule> loadedRules_;
+    // The rules as loaded, to tell a change of the rule from an edit of one occurrence; shared
+    // by the occurrences of a series, which are many.
+    std::shared_ptr<const std::vector<EKRecurrenceRule>> loadedRules_;
 };
 
 // Which events a fetch wants: a span and the calendars (all when absent).

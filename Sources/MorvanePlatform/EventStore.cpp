@@ -40,9 +40,9 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view relativeDatabasePath = "Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb";
 constexpr std::string_view floatingMarker = "_float";
-constexpr double day = 86400;
+constexpr double secondsPerDay = 86400;
 // Wider than any zone's offset, so that a range query on stored wall-clock dates misses nothing.
-constexpr double storedDatePadding = 2 * day;
+constexpr double storedDatePadding = 2 * secondsPerDay;
 constexpr std::int64_t eventEntity = 2;
 constexpr std::int64_t reminderEntity = 3;
 constexpr std::int64_t remindersStoreType = 6;
@@ -602,6 +602,32 @@ struct EKEventStore::Impl {
         return *index;
     }
 
+    // What the index holds of one series, read afresh: writes touch one series, and reading it
+    // alone keeps a save as quick in a large store as in a small one. Empty when `row` isn't the
+    // master of a series.
+    SeriesIndex seriesOf(std::int64_t row) {
+        SeriesIndex one;
+        one.rules = readRules("WHERE owner_id = ?", row);
+        const auto master = itemAt(row);
+        if (one.rules.empty() || !master || master->masterRow > 0 || master->entityType != eventEntity) {
+            return SeriesIndex{};
+        }
+        one.masterByRow[row] = 0;
+        one.masters.push_back(*master);
+        one.alarms[row] = readAlarms(row);
+        sqlite::Statement exceptions(db.get(),
+                                     "SELECT date FROM ExceptionDate WHERE owner_id = ? AND date IS NOT NULL");
+        exceptions.bind(1, row);
+        while (exceptions.step())
+            one.exceptions[row].insert(keyOf(exceptions.real(0)));
+        sqlite::Statement detached(db.get(), "SELECT orig_date FROM CalendarItem WHERE orig_item_id = ?\n"
+                                             "  AND orig_date IS NOT NULL AND COALESCE(hidden, 0) = 0");
+        detached.bind(1, row);
+        while (detached.step())
+            one.detached[row].insert(keyOf(detached.real(0)));
+        return one;
+    }
+
     std::vector<EKAlarm> alarmsOf(const ItemRow& row, const std::vector<AlarmRow>& stored) {
         std::vector<EKAlarm> alarms;
         const auto calendar = calendarByRow.find(row.calendarRow);
@@ -657,7 +683,7 @@ struct EKEventStore::Impl {
         event->notes = row.notes;
         event->URL = row.url;
         if (rule) event->recurrenceRules = {*rule};
-        event->loadedRules_ = event->recurrenceRules;
+        event->loadedRules_ = std::make_shared<const std::vector<EKRecurrenceRule>>(event->recurrenceRules);
         event->alarms = alarmsOf(row, alarms);
         event->calendarItemIdentifier_ = row.uuid ? *row.uuid : row.uid.value_or("item-" + std::to_string(row.rowID));
         event->externalIdentifier_ = row.uid;
@@ -1118,7 +1144,7 @@ struct EKEventStore::Impl {
                                 "VALUES (?, ?, ?, 1) ON CONFLICT (calendar_id, day) DO UPDATE SET count = count + 1");
         for (const auto& row : rows) {
             const double wallClock = zones.current.wallClock(row.start);
-            const double day = zones.current.moment(std::floor(wallClock / 86400) * 86400);
+            const double day = zones.current.moment(std::floor(wallClock / secondsPerDay) * secondsPerDay);
             insert.bind(1, day)
                 .bind(2, row.event)
                 .bind(3, row.calendar)
@@ -1156,8 +1182,7 @@ struct EKEventStore::Impl {
             return;
         }
         removeCacheRows("(SELECT ?1 UNION SELECT ROWID FROM CalendarItem WHERE orig_item_id = ?1)", row);
-        index.reset();
-        auto& series = seriesIndex();
+        const auto series = seriesOf(row);
         const auto item = itemAt(row);
         if (!item || item->entityType != eventEntity || item->masterRow > 0) return;
         Zones zones;
@@ -1232,8 +1257,8 @@ struct EKEventStore::Impl {
             }
             const auto row = itemAt(event.rowID_);
             if (!row || row->entityType != eventEntity) throw EventStoreError("The event isn't in the event store.");
-            auto& series = seriesIndex();
             const std::int64_t masterRow = row->masterRow > 0 ? row->masterRow : row->rowID;
+            const auto series = seriesOf(masterRow);
             const auto masterAt = series.masterByRow.find(masterRow);
 
             if (masterAt == series.masterByRow.end()) {
@@ -1255,7 +1280,8 @@ struct EKEventStore::Impl {
             }
             const auto master = series.masters[masterAt->second];
             const auto rule = series.rules.at(masterRow);
-            const bool ruleChanged = event.recurrenceRules != event.loadedRules_;
+            const bool ruleChanged =
+                event.recurrenceRules != (event.loadedRules_ ? *event.loadedRules_ : std::vector<EKRecurrenceRule>{});
             const double original = event.originalStored_.value_or(master.start);
             const bool first = keyOf(original) == keyOf(master.start);
 
@@ -1318,7 +1344,7 @@ struct EKEventStore::Impl {
         event.externalIdentifier_ = saved.uid;
         event.eventIdentifier_ = event.calendar->calendarIdentifier + ":" + saved.uid;
         event.lastModified_ = now;
-        event.loadedRules_ = event.recurrenceRules;
+        event.loadedRules_ = std::make_shared<const std::vector<EKRecurrenceRule>>(event.recurrenceRules);
     }
 
     void remove(EKEvent& event, EKSpan span, bool commitNow) {
@@ -1331,8 +1357,8 @@ struct EKEventStore::Impl {
             if (calendar != calendarByRow.end() && !calendar->second->allowsContentModifications) {
                 throw EventStoreError("The calendar is read-only.");
             }
-            auto& series = seriesIndex();
             const std::int64_t masterRow = row->masterRow > 0 ? row->masterRow : row->rowID;
+            const auto series = seriesOf(masterRow);
             const auto masterAt = series.masterByRow.find(masterRow);
             if (masterAt == series.masterByRow.end()) {
                 deleteItems("ROWID = ?", row->rowID);

@@ -1,8 +1,11 @@
 #include "MorvanePlatform/RecurrenceExpansion.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <libical/ical.h>
+#include <limits>
 #include <memory>
 #include <mutex>
 
@@ -114,8 +117,8 @@ std::string rruleText(const EKRecurrenceRule& rule, std::optional<double> untilW
     return text;
 }
 
-void expand(const EKRecurrenceRule& rule, double startWallClock, std::optional<double> untilWallClock, double from,
-            double to, const std::function<bool(double)>& visit) {
+void expandWithLibical(const EKRecurrenceRule& rule, double startWallClock, std::optional<double> untilWallClock,
+                       double from, double to, const std::function<bool(double)>& visit) {
     quietLibical();
     // libical counts whole seconds; a fraction of the series' start carries over to each occurrence.
     const double fraction = startWallClock - std::floor(startWallClock);
@@ -141,6 +144,110 @@ void expand(const EKRecurrenceRule& rule, double startWallClock, std::optional<d
         if (wallClock < from) continue;
         if (!visit(wallClock)) return;
     }
+}
+
+namespace {
+
+constexpr double secondsPerDay = 86400;
+// Days from 1970-01-01 to 2001-01-01, a Monday.
+constexpr std::int64_t daysFrom1970To2001 = 11323;
+
+template <typename List> bool hasItems(const List& list) { return list && !list->empty(); }
+
+std::chrono::year_month_day civilDate(std::int64_t daysSince2001) {
+    return std::chrono::year_month_day(std::chrono::sys_days(std::chrono::days(daysSince2001 + daysFrom1970To2001)));
+}
+
+std::int64_t daysSince2001(const std::chrono::year_month_day& date) {
+    return std::chrono::sys_days(date).time_since_epoch().count() - daysFrom1970To2001;
+}
+
+} // namespace
+
+bool expandPlainly(const EKRecurrenceRule& rule, double startWallClock, std::optional<double> untilWallClock,
+                   double from, double to, const std::function<bool(double)>& visit) {
+    if (hasItems(rule.daysOfTheMonth) || hasItems(rule.monthsOfTheYear) || hasItems(rule.weeksOfTheYear) ||
+        hasItems(rule.daysOfTheYear) || hasItems(rule.setPositions)) {
+        return false;
+    }
+    const bool byDay = hasItems(rule.daysOfTheWeek);
+    if (byDay && rule.frequency != EKRecurrenceFrequency::weekly) return false;
+    std::vector<std::int64_t> weekdayOffsets; // days after Monday
+    for (const auto& day : rule.daysOfTheWeek.value_or(std::vector<EKRecurrenceDayOfWeek>{})) {
+        if (day.weekNumber != 0 || day.dayOfTheWeek < 1 || day.dayOfTheWeek > 7) return false;
+        weekdayOffsets.push_back((day.dayOfTheWeek + 5) % 7);
+    }
+    std::sort(weekdayOffsets.begin(), weekdayOffsets.end());
+    weekdayOffsets.erase(std::unique(weekdayOffsets.begin(), weekdayOffsets.end()), weekdayOffsets.end());
+    // Out of the range of the calendar arithmetic below: libical decides.
+    if (!(std::abs(startWallClock) < 1e11) || !(std::abs(from) < 1e11)) return false;
+
+    const std::int64_t count = rule.recurrenceEnd ? std::max(rule.recurrenceEnd->occurrenceCount, 0) : 0;
+    const double until = count == 0 && untilWallClock ? *untilWallClock : std::numeric_limits<double>::infinity();
+    const std::int64_t interval = std::max(rule.interval, 1);
+    const auto startDay = static_cast<std::int64_t>(std::floor(startWallClock / secondsPerDay));
+    const double timeOfDay = startWallClock - static_cast<double>(startDay) * secondsPerDay;
+    std::int64_t produced = 0;
+    // Offers one occurrence; false once the series or the caller is done.
+    auto offer = [&](double wallClock) {
+        if ((count > 0 && produced >= count) || wallClock > until || wallClock >= to) return false;
+        ++produced;
+        return wallClock < from || visit(wallClock);
+    };
+
+    if (rule.frequency == EKRecurrenceFrequency::daily || (rule.frequency == EKRecurrenceFrequency::weekly && !byDay)) {
+        // Every step makes one occurrence, so the count allows skipping ahead too.
+        const double step =
+            static_cast<double>(interval * (rule.frequency == EKRecurrenceFrequency::daily ? 1 : 7)) * secondsPerDay;
+        const auto skipped = std::max<std::int64_t>(0, static_cast<std::int64_t>((from - startWallClock) / step) - 1);
+        produced = skipped;
+        for (std::int64_t k = skipped, steps = 0; steps < stepLimit; ++k, ++steps) {
+            if (!offer(startWallClock + static_cast<double>(k) * step)) return true;
+        }
+        return true;
+    }
+    if (rule.frequency == EKRecurrenceFrequency::weekly) {
+        const std::int64_t firstMonday = startDay - ((startDay % 7) + 7) % 7;
+        const std::int64_t weekSpan = interval * 7;
+        std::int64_t week = 0;
+        if (count == 0 && from > startWallClock) {
+            week = std::max<std::int64_t>(
+                0, static_cast<std::int64_t>((from / secondsPerDay - static_cast<double>(firstMonday)) /
+                                             static_cast<double>(weekSpan)) -
+                       1);
+        }
+        for (std::int64_t steps = 0; steps < stepLimit; ++week, ++steps) {
+            for (const auto offset : weekdayOffsets) {
+                const double wallClock =
+                    static_cast<double>(firstMonday + week * weekSpan + offset) * secondsPerDay + timeOfDay;
+                if (wallClock < startWallClock) continue;
+                if (!offer(wallClock)) return true;
+            }
+        }
+        return true;
+    }
+    // Monthly on the start's day of the month, yearly on its date; a month without that day has
+    // no occurrence.
+    const auto first = civilDate(startDay);
+    for (std::int64_t step = 0; step < stepLimit; ++step) {
+        std::chrono::year_month_day date = first;
+        if (rule.frequency == EKRecurrenceFrequency::monthly) {
+            const auto month =
+                std::chrono::year_month(first.year(), first.month()) + std::chrono::months(step * interval);
+            date = month / first.day();
+        } else {
+            date = (first.year() + std::chrono::years(step * interval)) / first.month() / first.day();
+        }
+        if (!date.ok()) continue;
+        if (!offer(static_cast<double>(daysSince2001(date)) * secondsPerDay + timeOfDay)) return true;
+    }
+    return true;
+}
+
+void expand(const EKRecurrenceRule& rule, double startWallClock, std::optional<double> untilWallClock, double from,
+            double to, const std::function<bool(double)>& visit) {
+    if (expandPlainly(rule, startWallClock, untilWallClock, from, to, visit)) return;
+    expandWithLibical(rule, startWallClock, untilWallClock, from, to, visit);
 }
 
 } // namespace morvane::recurrence

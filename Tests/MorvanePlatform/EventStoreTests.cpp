@@ -1,6 +1,7 @@
 #include "MorvanePlatform/EventKit.h"
 
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/RecurrenceExpansion.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
@@ -245,6 +246,57 @@ TEST_F(EventStoreTest, MonthlyByWeekdayAndSetPositionRules) {
     // The count ends it after five; 31 March 2024 is a Sunday, 30 June too.
     EXPECT_EQ(payrolls,
               (std::vector<std::string>{"2024-01-31", "2024-02-29", "2024-03-29", "2024-04-30", "2024-05-31"}));
+}
+
+TEST(RecurrenceExpansion, PlainRulesGiveWhatLibicalGives) {
+    // Starts on a 31st, on 29 February and on a Sunday evening; every shape the arithmetic takes.
+    const double starts[] = {utc(2024, 1, 31, 9, 30), utc(2024, 2, 29, 18), utc(2023, 12, 31, 23, 15)};
+    std::vector<EKRecurrenceRule> rules;
+    for (const auto frequency : {EKRecurrenceFrequency::daily, EKRecurrenceFrequency::weekly,
+                                 EKRecurrenceFrequency::monthly, EKRecurrenceFrequency::yearly}) {
+        for (const int interval : {1, 2, 3}) {
+            for (const auto& end :
+                 {std::optional<EKRecurrenceEnd>(), std::optional(EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(7)),
+                  std::optional(EKRecurrenceEnd::recurrenceEndWithEndDate(utc(2027, 3, 1)))}) {
+                rules.push_back({.frequency = frequency, .interval = interval, .recurrenceEnd = end});
+            }
+        }
+    }
+    for (const int interval : {1, 2}) {
+        rules.push_back(
+            {.frequency = EKRecurrenceFrequency::weekly,
+             .interval = interval,
+             .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(1), EKRecurrenceDayOfWeek::dayOfWeek(4),
+                                          EKRecurrenceDayOfWeek::dayOfWeek(7)},
+             .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(10)});
+        rules.push_back({.frequency = EKRecurrenceFrequency::weekly,
+                         .interval = interval,
+                         .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(2)}});
+    }
+    for (const auto& rule : rules) {
+        for (const double start : starts) {
+            // From the start, and from a window years later, as fetches skip ahead.
+            for (const double from : {start, utc(2026, 5, 17)}) {
+                std::vector<double> plain;
+                std::vector<double> libical;
+                const double to = from + 400 * 86400.0;
+                const auto until =
+                    rule.recurrenceEnd && rule.recurrenceEnd->endDate ? rule.recurrenceEnd->endDate : std::nullopt;
+                ASSERT_TRUE(recurrence::expandPlainly(rule, start, until, from, to, [&](double at) {
+                    plain.push_back(at);
+                    return true;
+                }));
+                recurrence::expandWithLibical(rule, start, until, from, to, [&](double at) {
+                    libical.push_back(at);
+                    return true;
+                });
+                EXPECT_EQ(plain, libical) << recurrence::rruleText(rule, until) << " from " << wallClock(from, "UTC");
+            }
+        }
+    }
+    EKRecurrenceRule lastFriday{.frequency = EKRecurrenceFrequency::monthly,
+                                .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)}};
+    EXPECT_FALSE(recurrence::expandPlainly(lastFriday, 0, std::nullopt, 0, 1e9, [](double) { return true; }));
 }
 
 // ---- Editing occurrences ----
