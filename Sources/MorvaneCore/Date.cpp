@@ -1,16 +1,13 @@
 #include "MorvaneCore/Date.h"
 
-#include <chrono>
+#include "MorvanePlatform/Clock.h"
+
 #include <cmath>
 #include <limits>
 
 namespace morvane {
 
-Date Date::now() {
-    using namespace std::chrono;
-    const auto sinceEpoch = duration<double>(system_clock::now().time_since_epoch());
-    return fromSecondsSince1970(sinceEpoch.count());
-}
+Date Date::now() { return {Clock::current().now()}; }
 
 std::int64_t Date::occurrenceKey() const {
     if (std::isnan(seconds)) return 0;

@@ -198,6 +198,31 @@ std::optional<RecurrenceRule> RecurrenceRule::fromDatabase(std::int64_t dbFreque
     return rule;
 }
 
+RecurrenceRule RecurrenceRule::fromEK(const EKRecurrenceRule& ek) {
+    // The platform counts frequencies from 0, the database from 1; anything else reads as daily.
+    const auto frequency = frequencyOf(static_cast<std::int64_t>(ek.frequency) + 1).value_or(Frequency::daily);
+    RecurrenceRule rule(frequency, ek.interval);
+    for (const auto& day : ek.daysOfTheWeek.value_or(std::vector<EKRecurrenceDayOfWeek>{}))
+        rule.daysOfWeek.push_back(Day{day.dayOfTheWeek, day.weekNumber});
+    const std::pair<const std::optional<std::vector<int>>*, std::vector<std::int64_t>*> lists[] = {
+        {&ek.daysOfTheMonth, &rule.daysOfMonth}, {&ek.monthsOfTheYear, &rule.monthsOfYear},
+        {&ek.weeksOfTheYear, &rule.weeksOfYear}, {&ek.daysOfTheYear, &rule.daysOfYear},
+        {&ek.setPositions, &rule.setPositions},
+    };
+    for (const auto& [from, to] : lists) {
+        if (*from) to->assign((*from)->begin(), (*from)->end());
+    }
+    if (ek.recurrenceEnd) {
+        if (ek.recurrenceEnd->occurrenceCount >= 1) {
+            rule.end = End::count(ek.recurrenceEnd->occurrenceCount);
+        } else if (ek.recurrenceEnd->endDate) {
+            rule.end = End::until(Date{*ek.recurrenceEnd->endDate});
+        }
+    }
+    sortLists(rule);
+    return rule;
+}
+
 std::optional<RecurrenceRule> RecurrenceRule::fromRRule(std::string_view rrule, std::optional<std::string_view> tzid) {
     std::map<std::string, std::string> values;
     for (const auto piece : text::nonEmptyPieces(rrule, ';')) {

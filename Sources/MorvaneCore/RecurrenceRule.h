@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/Date.h"
 #include "MorvaneCore/Json.h"
+#include "MorvanePlatform/EventKit.h"
 
 #include <cstdint>
 #include <map>
@@ -83,6 +84,11 @@ struct RecurrenceRule {
     // days go to `unparsed`; WKST is dropped on purpose.
     static std::optional<RecurrenceRule> fromRRule(std::string_view rrule,
                                                    std::optional<std::string_view> tzid = std::nullopt);
+
+    // From the platform's rule: its frequency, an interval of at least 1, every list (absent as
+    // empty, sorted), and an end by count when it has one of 1 or more, else by its end date.
+    // Never `unparsed`.
+    static RecurrenceRule fromEK(const EKRecurrenceRule& rule);
 
     // A stable one-line text for showing and comparing rules, close to RRULE but not RRULE when it
     // has an until date: "FREQ=WEEKLY;INTERVAL=2;BYDAY=-1FR,1MO;UNTIL=2026-03-01T12:00:00Z".

@@ -2,6 +2,8 @@
 
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
+#include "morvane/CalendarsCommand.h"
+#include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
 #include "morvane/TimeMachineCommand.h"
 
@@ -30,6 +32,21 @@ std::vector<Command> commands() {
              auto options = std::make_shared<BackupsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
              return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
+         }},
+        {"calendars", "List the calendars of the live event store",
+         [](CLI::App& command) {
+             auto options = std::make_shared<CalendarsOptions>();
+             command.add_flag("--json", options->json, "Print the list as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runCalendars(*options, out, err); };
+         }},
+        {"events", "List the live events of a date range, repeating events expanded, by start",
+         [](CLI::App& command) {
+             auto options = std::make_shared<EventsOptions>();
+             command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
+                 ->required();
+             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runEvents(*options, out, err); };
          }},
         {"inspect", "Show what a calendar database holds: fingerprint, calendars, occurrence cache, events",
          [](CLI::App& command) {

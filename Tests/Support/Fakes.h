@@ -2,6 +2,8 @@
 
 #include "MorvanePlatform/Bundle.h"
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/Clock.h"
+#include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
@@ -160,6 +162,34 @@ private:
     std::filesystem::path temporary_;
     FakeUserFolders folders_;
     ScopedReplacement<UserFolders> installed_;
+};
+
+// A clock that shows the moment the test sets (seconds since 2001).
+class FixedClock final : public Clock {
+public:
+    explicit FixedClock(double now) : now_(now) {}
+    double now() const override { return now_; }
+    void set(double now) { now_ = now; }
+
+private:
+    double now_;
+};
+
+// Calendar permission as the test scripts it: the status, and the prompt's answer or error.
+// Counts the prompts shown.
+class ScriptedCalendarPermission final : public CalendarPermission {
+public:
+    EKAuthorizationStatus currentStatus = EKAuthorizationStatus::notDetermined;
+    bool answer = true;
+    std::optional<std::string> error;
+    int prompts = 0;
+
+    EKAuthorizationStatus status(EKEntityType) override { return currentStatus; }
+    bool requestFullAccess() override {
+        ++prompts;
+        if (error) throw PlatformError(*error);
+        return answer;
+    }
 };
 
 // The text of a recorded tool output kept beside the tests, in Tests/Data/.

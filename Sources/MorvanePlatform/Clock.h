@@ -1,0 +1,19 @@
+#pragma once
+
+#include "MorvanePlatform/Replaceable.h"
+
+namespace morvane {
+
+// The wall clock of the machine. Moments are seconds since 2001-01-01 00:00:00 UTC, the unit of
+// the calendar database; tests pin the clock by replacing this service.
+class Clock : public Replaceable<Clock> {
+public:
+    virtual ~Clock() = default;
+
+    virtual double now() const = 0;
+
+    // The system clock.
+    static Clock& system();
+};
+
+} // namespace morvane

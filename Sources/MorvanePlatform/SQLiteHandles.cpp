@@ -1,0 +1,103 @@
+#include "MorvanePlatform/SQLiteHandles.h"
+
+#include "MorvanePlatform/EventKit.h"
+
+namespace morvane::sqlite {
+
+void fail(sqlite3* db, std::string_view what) {
+    throw EventStoreError(std::string(what) + ": " + (db != nullptr ? sqlite3_errmsg(db) : "out of memory"));
+}
+
+void execute(sqlite3* db, std::string_view sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, std::string(sql).c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string reason = message != nullptr ? message : sqlite3_errmsg(db);
+        sqlite3_free(message);
+        throw EventStoreError("The event store's database failed: " + reason);
+    }
+}
+
+Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &statement_, nullptr) != SQLITE_OK) {
+        fail(db, "The event store's database failed");
+    }
+}
+
+Statement::~Statement() { sqlite3_finalize(statement_); }
+
+Statement& Statement::bind(int index, std::int64_t value) {
+    reset();
+    sqlite3_bind_int64(statement_, index, value);
+    return *this;
+}
+
+Statement& Statement::bind(int index, double value) {
+    reset();
+    sqlite3_bind_double(statement_, index, value);
+    return *this;
+}
+
+Statement& Statement::bind(int index, std::string_view value) {
+    reset();
+    sqlite3_bind_text(statement_, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+    return *this;
+}
+
+Statement& Statement::bind(int index, std::nullptr_t) {
+    reset();
+    sqlite3_bind_null(statement_, index);
+    return *this;
+}
+
+Statement& Statement::bind(int index, const std::optional<std::string>& value) {
+    return value ? bind(index, std::string_view(*value)) : bind(index, nullptr);
+}
+
+Statement& Statement::bind(int index, const std::optional<double>& value) {
+    return value ? bind(index, *value) : bind(index, nullptr);
+}
+
+void Statement::reset() {
+    if (!needsReset_) return;
+    sqlite3_reset(statement_);
+    needsReset_ = false;
+}
+
+bool Statement::step() {
+    needsReset_ = true;
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) return true;
+    if (result == SQLITE_DONE) return false;
+    fail(db_, "The event store's database failed");
+}
+
+void Statement::run() {
+    while (step()) {
+    }
+    reset();
+    sqlite3_clear_bindings(statement_);
+}
+
+std::string Statement::text(int column) const {
+    const auto* bytes = sqlite3_column_text(statement_, column);
+    if (bytes == nullptr) return {};
+    return std::string(reinterpret_cast<const char*>(bytes),
+                       static_cast<size_t>(sqlite3_column_bytes(statement_, column)));
+}
+
+std::optional<std::int64_t> Statement::optionalInteger(int column) const {
+    if (isNull(column)) return std::nullopt;
+    return integer(column);
+}
+
+std::optional<double> Statement::optionalReal(int column) const {
+    if (isNull(column)) return std::nullopt;
+    return real(column);
+}
+
+std::optional<std::string> Statement::optionalText(int column) const {
+    if (isNull(column)) return std::nullopt;
+    return text(column);
+}
+
+} // namespace morvane::sqlite

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <sqlite3.h>
+#include <string>
+#include <string_view>
+
+// Owners of SQLite's C handles for the platform layer. Failures throw EventStoreError with
+// SQLite's own explanation after `what`.
+namespace morvane::sqlite {
+
+struct CloseConnection {
+    void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
+};
+using Connection = std::unique_ptr<sqlite3, CloseConnection>;
+
+[[noreturn]] void fail(sqlite3* db, std::string_view what);
+
+// Runs statements that return no rows.
+void execute(sqlite3* db, std::string_view sql);
+
+// One prepared statement, reset before each use. Parameters are numbered from 1, columns from 0.
+class Statement {
+public:
+    Statement(sqlite3* db, std::string_view sql);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int index, std::int64_t value);
+    Statement& bind(int index, double value);
+    Statement& bind(int index, long long value) { return bind(index, static_cast<std::int64_t>(value)); }
+    Statement& bind(int index, std::string_view value);
+    Statement& bind(int index, const std::string& value) { return bind(index, std::string_view(value)); }
+    Statement& bind(int index, std::nullptr_t);
+    Statement& bind(int index, const std::optional<std::string>& value);
+    Statement& bind(int index, const std::optional<double>& value);
+
+    // Advances to the next row; false when there is none.
+    bool step();
+    // Runs a statement that returns no rows, then resets it for the next use.
+    void run();
+    void reset();
+
+    bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+    std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+    double real(int column) const { return sqlite3_column_double(statement_, column); }
+    std::string text(int column) const;
+    std::optional<std::int64_t> optionalInteger(int column) const;
+    std::optional<double> optionalReal(int column) const;
+    std::optional<std::string> optionalText(int column) const;
+
+private:
+    sqlite3* db_;
+    sqlite3_stmt* statement_ = nullptr;
+    bool needsReset_ = false;
+};
+
+} // namespace morvane::sqlite

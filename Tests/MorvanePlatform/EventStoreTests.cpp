@@ -1,0 +1,553 @@
+#include "MorvanePlatform/EventKit.h"
+
+#include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/RecurrenceExpansion.h"
+#include "MorvanePlatform/SHA256.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Fakes.h"
+#include "Support/Pinned.h"
+
+#include <algorithm>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Seconds since 2001 of a UTC time.
+double utc(int year, int month, int day, int hour = 0, int minute = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    return static_cast<double>(timegm(&parts)) - 978307200.0;
+}
+
+// "2024-03-11 09:00" in the zone `zone` (the current zone when empty), for reading results.
+std::string wallClock(double moment, const char* zone = testing::pinnedZone) {
+    const auto previous = std::getenv("TZ") ? std::string(std::getenv("TZ")) : std::string();
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+    const auto seconds = static_cast<time_t>(moment + 978307200.0);
+    std::tm parts{};
+    localtime_r(&seconds, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts);
+    ::setenv("TZ", previous.c_str(), 1);
+    ::tzset();
+    return text;
+}
+
+std::string dbCount(const fs::path& path, const std::string& sql) {
+    sqlite3* db = nullptr;
+    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+    sqlite3_stmt* statement = nullptr;
+    std::string result;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        const auto* text = sqlite3_column_text(statement, 0);
+        result = text ? reinterpret_cast<const char*>(text) : "NULL";
+    }
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return result;
+}
+
+class EventStoreTest : public ::testing::Test {
+protected:
+    std::shared_ptr<EKEvent> newEvent(const std::string& title, double start, double end,
+                                      std::optional<std::string> zone = std::string(testing::pinnedZone)) {
+        auto event = EKEvent::eventWithEventStore(store);
+        event->title = title;
+        event->startDate = start;
+        event->endDate = end;
+        event->timeZone = std::move(zone);
+        event->calendar = store.defaultCalendarForNewEvents();
+        return event;
+    }
+
+    static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, std::optional<EKRecurrenceEnd> end = std::nullopt) {
+        EKRecurrenceRule made;
+        made.frequency = frequency;
+        made.recurrenceEnd = end;
+        return made;
+    }
+
+    // The store's events of a span, by start.
+    std::vector<std::shared_ptr<EKEvent>> fetch(double start, double end, EKEventStore* from = nullptr) {
+        auto& source = from ? *from : store;
+        auto events = source.eventsMatchingPredicate(source.predicateForEvents(start, end, std::nullopt));
+        std::stable_sort(events.begin(), events.end(),
+                         [](const auto& a, const auto& b) { return *a->startDate < *b->startDate; });
+        return events;
+    }
+
+    std::vector<std::string> starts(const std::vector<std::shared_ptr<EKEvent>>& events,
+                                    const char* zone = testing::pinnedZone) {
+        std::vector<std::string> texts;
+        for (const auto& event : events)
+            texts.push_back(wallClock(*event->startDate, zone));
+        return texts;
+    }
+
+    testing::TemporaryUser user;
+    testing::FixedClock clock{utc(2024, 6, 1, 12)};
+    ScopedReplacement<Clock> pinnedClock{clock};
+    EKEventStore store;
+};
+
+// ---- A fresh machine ----
+
+TEST_F(EventStoreTest, FirstUseCreatesOneLocalCalendarAtTheLivePath) {
+    const auto path = user.home() / "Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb";
+    EXPECT_EQ(store.databasePath(), path);
+    ASSERT_TRUE(fs::exists(path));
+    EXPECT_EQ(dbCount(path, "PRAGMA journal_mode"), "wal");
+
+    const auto calendars = store.calendarsForEntityType(EKEntityType::event);
+    ASSERT_EQ(calendars.size(), 1u);
+    const auto& calendar = *calendars.front();
+    EXPECT_EQ(calendar.title, "Calendar");
+    EXPECT_EQ(calendar.type, EKCalendarType::local);
+    ASSERT_TRUE(calendar.source);
+    EXPECT_EQ(calendar.source->title, "On My Mac");
+    EXPECT_TRUE(calendar.allowsContentModifications);
+    ASSERT_TRUE(calendar.colorComponents);
+    EXPECT_EQ(calendar.colorComponents->size(), 4u);
+    EXPECT_EQ(store.defaultCalendarForNewEvents(), calendars.front());
+    EXPECT_EQ(store.calendarWithIdentifier(calendar.calendarIdentifier), calendars.front());
+    EXPECT_EQ(store.calendarWithIdentifier("nope"), nullptr);
+
+    // Opening again finds the same store, not a second one; nothing is left from the building.
+    EKEventStore again;
+    EXPECT_EQ(again.calendarsForEntityType(EKEntityType::event).front()->calendarIdentifier,
+              calendar.calendarIdentifier);
+    EXPECT_EQ(std::distance(fs::directory_iterator(path.parent_path()), {}) > 0, true);
+    for (const auto& entry : fs::directory_iterator(path.parent_path()))
+        EXPECT_EQ(entry.path().filename().string().find(".new-"), std::string::npos) << entry.path();
+}
+
+TEST_F(EventStoreTest, AuthorizationIsFullOnLinuxAndFollowsThePermissionService) {
+    EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::fullAccess);
+
+    testing::ScriptedCalendarPermission permission;
+    ScopedReplacement<CalendarPermission> installed(permission);
+    permission.currentStatus = EKAuthorizationStatus::denied;
+    EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::denied);
+
+    permission.answer = false;
+    std::optional<bool> granted;
+    store.requestFullAccessToEvents([&](bool answer, std::exception_ptr error) {
+        granted = answer;
+        EXPECT_FALSE(error);
+    });
+    EXPECT_EQ(granted, false);
+
+    permission.error = "The prompt couldn't be shown.";
+    std::exception_ptr failure;
+    store.requestFullAccessToEvents([&](bool, std::exception_ptr error) { failure = error; });
+    EXPECT_TRUE(failure);
+    EXPECT_EQ(permission.prompts, 2);
+}
+
+// ---- Expansion ----
+
+TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
+    // Mondays 09:00 in Los Angeles from 4 March 2024; the clocks go forward on 10 March.
+    auto meeting = newEvent("Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30));
+    meeting->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
+    store.saveEvent(*meeting, EKSpan::futureEvents, true);
+
+    const auto events = fetch(utc(2024, 3, 1), utc(2024, 3, 26));
+    EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-03-04 09:00", "2024-03-11 09:00", "2024-03-18 09:00",
+                                                        "2024-03-25 09:00"}));
+    EXPECT_EQ(*events[1]->startDate, utc(2024, 3, 11, 16));
+    EXPECT_EQ(*events[1]->endDate - *events[1]->startDate, 1800);
+    for (const auto& event : events) {
+        EXPECT_EQ(event->calendarItemIdentifier(), meeting->calendarItemIdentifier());
+        EXPECT_EQ(event->calendarItemExternalIdentifier(), meeting->calendarItemExternalIdentifier());
+        EXPECT_EQ(event->occurrenceDate(), event->startDate);
+        EXPECT_FALSE(event->isDetached());
+        EXPECT_TRUE(event->hasRecurrenceRules());
+    }
+
+    // A meeting in Berlin keeps Berlin's 09:00, whatever the machine's zone does.
+    auto berlin = newEvent("Berlin sync", utc(2024, 3, 25, 8), utc(2024, 3, 25, 9), "Europe/Berlin");
+    berlin->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
+    store.saveEvent(*berlin, EKSpan::futureEvents, true);
+    std::vector<std::string> berlinStarts;
+    for (const auto& event : fetch(utc(2024, 3, 24), utc(2024, 4, 9))) {
+        if (event->title == "Berlin sync") berlinStarts.push_back(wallClock(*event->startDate, "Europe/Berlin"));
+    }
+    EXPECT_EQ(berlinStarts, (std::vector<std::string>{"2024-03-25 09:00", "2024-04-01 09:00", "2024-04-08 09:00"}));
+}
+
+TEST_F(EventStoreTest, FloatingSeriesFollowsTheWallClockOfWhicheverZoneIsCurrent) {
+    // 09:00 wherever the machine is: stored as 09:00 read as UTC.
+    auto walk = newEvent("Walk", utc(2024, 3, 8, 17), utc(2024, 3, 8, 18), std::nullopt);
+    walk->recurrenceRules = {rule(EKRecurrenceFrequency::daily)};
+    store.saveEvent(*walk, EKSpan::futureEvents, true);
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT start_tz || ' ' || CAST(start_date AS INTEGER) FROM CalendarItem"),
+              "_float " + std::to_string(static_cast<long long>(utc(2024, 3, 8, 9))));
+
+    EXPECT_EQ(starts(fetch(utc(2024, 3, 9), utc(2024, 3, 12))),
+              (std::vector<std::string>{"2024-03-09 09:00", "2024-03-10 09:00", "2024-03-11 09:00"}));
+
+    testing::ScopedTimeZone tokyo("Asia/Tokyo");
+    const auto inTokyo = fetch(utc(2024, 3, 9), utc(2024, 3, 11));
+    ASSERT_FALSE(inTokyo.empty());
+    EXPECT_EQ(wallClock(*inTokyo.front()->startDate, "Asia/Tokyo"), "2024-03-09 09:00");
+    EXPECT_FALSE(inTokyo.front()->timeZone);
+}
+
+TEST_F(EventStoreTest, AllDayEventsCoverTheirLocalDay) {
+    auto holiday = newEvent("Holiday", utc(2024, 7, 4, 7), utc(2024, 7, 5, 7), std::nullopt);
+    holiday->allDay = true;
+    store.saveEvent(*holiday, EKSpan::thisEvent, true);
+
+    const auto thatDay = fetch(utc(2024, 7, 4, 12), utc(2024, 7, 4, 13));
+    ASSERT_EQ(thatDay.size(), 1u);
+    EXPECT_TRUE(thatDay.front()->isAllDay());
+    EXPECT_EQ(wallClock(*thatDay.front()->startDate), "2024-07-04 00:00");
+    EXPECT_TRUE(fetch(utc(2024, 7, 5, 8), utc(2024, 7, 5, 9)).empty());
+    EXPECT_TRUE(fetch(utc(2024, 7, 3), utc(2024, 7, 4, 6)).empty());
+}
+
+TEST_F(EventStoreTest, MonthlyByWeekdayAndSetPositionRules) {
+    auto lastFriday = newEvent("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19));
+    lastFriday->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
+    lastFriday->recurrenceRules[0].daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)};
+    store.saveEvent(*lastFriday, EKSpan::futureEvents, true);
+
+    auto lastWorkday = newEvent("Payroll", utc(2024, 1, 31, 18), utc(2024, 1, 31, 19));
+    lastWorkday->recurrenceRules = {
+        rule(EKRecurrenceFrequency::monthly, EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5))};
+    std::vector<EKRecurrenceDayOfWeek> workdays;
+    for (int day = 2; day <= 6; ++day)
+        workdays.push_back(EKRecurrenceDayOfWeek::dayOfWeek(day));
+    lastWorkday->recurrenceRules[0].daysOfTheWeek = workdays;
+    lastWorkday->recurrenceRules[0].setPositions = std::vector{-1};
+    store.saveEvent(*lastWorkday, EKSpan::futureEvents, true);
+
+    std::vector<std::string> reviews;
+    std::vector<std::string> payrolls;
+    for (const auto& event : fetch(utc(2024, 1, 1), utc(2024, 12, 31))) {
+        (event->title == "Review" ? reviews : payrolls).push_back(wallClock(*event->startDate).substr(0, 10));
+    }
+    EXPECT_EQ(reviews.size(), 12u);
+    EXPECT_EQ(reviews[1], "2024-02-23");
+    EXPECT_EQ(reviews[2], "2024-03-29");
+    EXPECT_EQ(reviews[11], "2024-12-27");
+    // The count ends it after five; 31 March 2024 is a Sunday, 30 June too.
+    EXPECT_EQ(payrolls,
+              (std::vector<std::string>{"2024-01-31", "2024-02-29", "2024-03-29", "2024-04-30", "2024-05-31"}));
+}
+
+TEST(RecurrenceExpansion, PlainRulesGiveWhatLibicalGives) {
+    // Starts on a 31st, on 29 February and on a Sunday evening; every shape the arithmetic takes.
+    const double starts[] = {utc(2024, 1, 31, 9, 30), utc(2024, 2, 29, 18), utc(2023, 12, 31, 23, 15)};
+    std::vector<EKRecurrenceRule> rules;
+    for (const auto frequency : {EKRecurrenceFrequency::daily, EKRecurrenceFrequency::weekly,
+                                 EKRecurrenceFrequency::monthly, EKRecurrenceFrequency::yearly}) {
+        for (const int interval : {1, 2, 3}) {
+            for (const auto& end :
+                 {std::optional<EKRecurrenceEnd>(), std::optional(EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(7)),
+                  std::optional(EKRecurrenceEnd::recurrenceEndWithEndDate(utc(2027, 3, 1)))}) {
+                rules.push_back({.frequency = frequency, .interval = interval, .recurrenceEnd = end});
+            }
+        }
+    }
+    for (const int interval : {1, 2}) {
+        rules.push_back(
+            {.frequency = EKRecurrenceFrequency::weekly,
+             .interval = interval,
+             .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(1), EKRecurrenceDayOfWeek::dayOfWeek(4),
+                                          EKRecurrenceDayOfWeek::dayOfWeek(7)},
+             .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(10)});
+        rules.push_back({.frequency = EKRecurrenceFrequency::weekly,
+                         .interval = interval,
+                         .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(2)}});
+    }
+    for (const auto& rule : rules) {
+        for (const double start : starts) {
+            // From the start, and from a window years later, as fetches skip ahead.
+            for (const double from : {start, utc(2026, 5, 17)}) {
+                std::vector<double> plain;
+                std::vector<double> libical;
+                const double to = from + 400 * 86400.0;
+                const auto until =
+                    rule.recurrenceEnd && rule.recurrenceEnd->endDate ? rule.recurrenceEnd->endDate : std::nullopt;
+                ASSERT_TRUE(recurrence::expandPlainly(rule, start, until, from, to, [&](double at) {
+                    plain.push_back(at);
+                    return true;
+                }));
+                recurrence::expandWithLibical(rule, start, until, from, to, [&](double at) {
+                    libical.push_back(at);
+                    return true;
+                });
+                EXPECT_EQ(plain, libical) << recurrence::rruleText(rule, until) << " from " << wallClock(from, "UTC");
+            }
+        }
+    }
+    EKRecurrenceRule lastFriday{.frequency = EKRecurrenceFrequency::monthly,
+                                .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)}};
+    EXPECT_FALSE(recurrence::expandPlainly(lastFriday, 0, std::nullopt, 0, 1e9, [](double) { return true; }));
+}
+
+// ---- Editing occurrences ----
+
+TEST_F(EventStoreTest, RemovingOneOccurrenceAddsAnExceptionDate) {
+    auto daily = newEvent("Daily", utc(2024, 5, 1, 16), utc(2024, 5, 1, 17));
+    daily->recurrenceRules = {rule(EKRecurrenceFrequency::daily, EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5))};
+    store.saveEvent(*daily, EKSpan::futureEvents, true);
+
+    auto occurrences = fetch(utc(2024, 5, 1), utc(2024, 5, 10));
+    ASSERT_EQ(occurrences.size(), 5u);
+    store.removeEvent(*occurrences[2], EKSpan::thisEvent, true);
+
+    EXPECT_EQ(
+        starts(fetch(utc(2024, 5, 1), utc(2024, 5, 10))),
+        (std::vector<std::string>{"2024-05-01 09:00", "2024-05-02 09:00", "2024-05-04 09:00", "2024-05-05 09:00"}));
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT CAST(date AS INTEGER) FROM ExceptionDate"),
+              std::to_string(static_cast<long long>(utc(2024, 5, 3, 16))));
+    // The series is still there, with its master.
+    EXPECT_TRUE(std::dynamic_pointer_cast<EKEvent>(store.calendarItemWithIdentifier(daily->calendarItemIdentifier())));
+}
+
+TEST_F(EventStoreTest, AnOccurrenceMovedByDaysIsDetachedAndFoundUnderItsSeries) {
+    auto weekly = newEvent("Piano", utc(2024, 5, 6, 23), utc(2024, 5, 7, 0));
+    weekly->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
+    weekly->alarms = {EKAlarm::alarmWithRelativeOffset(-900)};
+    store.saveEvent(*weekly, EKSpan::futureEvents, true);
+    const auto uid = *weekly->calendarItemExternalIdentifier();
+
+    auto second = fetch(utc(2024, 5, 13), utc(2024, 5, 14)).at(0);
+    const double original = *second->startDate;
+    second->startDate = original + 3 * 86400;
+    second->endDate = original + 3 * 86400 + 3600;
+    second->title = "Piano (moved)";
+    store.saveEvent(*second, EKSpan::thisEvent, true);
+    const auto key = std::to_string(static_cast<long long>(original));
+    EXPECT_TRUE(second->isDetached());
+    EXPECT_EQ(second->calendarItemExternalIdentifier(), uid + "/RID=" + key);
+
+    const auto events = fetch(utc(2024, 5, 1), utc(2024, 5, 31));
+    EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-05-06 16:00", "2024-05-16 16:00", "2024-05-20 16:00",
+                                                        "2024-05-27 16:00"}));
+    const auto& moved = *events[1];
+    EXPECT_TRUE(moved.isDetached());
+    EXPECT_EQ(moved.title, "Piano (moved)");
+    EXPECT_EQ(moved.occurrenceDate(), original);
+    EXPECT_EQ(moved.calendarItemExternalIdentifier(), uid + "/RID=" + key);
+    EXPECT_EQ(moved.calendarItemIdentifier(), weekly->calendarItemIdentifier());
+    EXPECT_EQ(moved.alarms, weekly->alarms);
+
+    const auto items = store.calendarItemsWithExternalIdentifier(uid);
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_FALSE(std::dynamic_pointer_cast<EKEvent>(items[0])->isDetached());
+    EXPECT_TRUE(std::dynamic_pointer_cast<EKEvent>(items[1])->isDetached());
+    EXPECT_TRUE(store.calendarItemsWithExternalIdentifier(uid.substr(0, 8)).empty());
+
+    // Removing the detached occurrence keeps its slot empty.
+    store.removeEvent(*events[1], EKSpan::thisEvent, true);
+    EXPECT_EQ(fetch(utc(2024, 5, 1), utc(2024, 5, 31)).size(), 3u);
+}
+
+TEST_F(EventStoreTest, RemovingFutureEventsEndsTheSeriesOrRemovesItWhole) {
+    auto series = newEvent("Course", utc(2024, 9, 2, 16), utc(2024, 9, 2, 17));
+    series->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
+    store.saveEvent(*series, EKSpan::futureEvents, true);
+
+    auto fourth = fetch(utc(2024, 9, 20), utc(2024, 9, 27)).at(0);
+    store.removeEvent(*fourth, EKSpan::futureEvents, true);
+    EXPECT_EQ(starts(fetch(utc(2024, 9, 1), utc(2025, 8, 1))),
+              (std::vector<std::string>{"2024-09-02 09:00", "2024-09-09 09:00", "2024-09-16 09:00"}));
+
+    auto first = fetch(utc(2024, 9, 1), utc(2024, 9, 3)).at(0);
+    store.removeEvent(*first, EKSpan::futureEvents, true);
+    EXPECT_TRUE(fetch(utc(2024, 9, 1), utc(2025, 8, 1)).empty());
+    EXPECT_EQ(store.calendarItemWithIdentifier(series->calendarItemIdentifier()), nullptr);
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT COUNT(*) FROM Recurrence"), "0");
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT COUNT(*) FROM OccurrenceCache"), "0");
+}
+
+TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
+    auto kept = newEvent("Kept", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    store.saveEvent(*kept, EKSpan::thisEvent, true);
+
+    auto pending = newEvent("Pending", utc(2024, 6, 4, 16), utc(2024, 6, 4, 17));
+    store.saveEvent(*pending, EKSpan::thisEvent, false);
+    auto keptAgain =
+        std::dynamic_pointer_cast<EKEvent>(store.calendarItemWithIdentifier(kept->calendarItemIdentifier()));
+    store.removeEvent(*keptAgain, EKSpan::thisEvent, false);
+    EXPECT_EQ(fetch(utc(2024, 6, 1), utc(2024, 6, 10)).size(), 1u);
+
+    {
+        EKEventStore other;
+        const auto seen = fetch(utc(2024, 6, 1), utc(2024, 6, 10), &other);
+        ASSERT_EQ(seen.size(), 1u);
+        EXPECT_EQ(seen.front()->title, "Kept");
+    }
+
+    store.reset();
+    const auto after = fetch(utc(2024, 6, 1), utc(2024, 6, 10));
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(after.front()->title, "Kept");
+    EXPECT_EQ(store.calendarItemWithIdentifier(pending->calendarItemIdentifier()), nullptr);
+
+    store.saveEvent(*newEvent("Later", utc(2024, 6, 5, 16), utc(2024, 6, 5, 17)), EKSpan::thisEvent, false);
+    store.commit();
+    EKEventStore other;
+    EXPECT_EQ(fetch(utc(2024, 6, 1), utc(2024, 6, 10), &other).size(), 2u);
+}
+
+TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
+    auto event = newEvent("Backwards", utc(2024, 6, 3, 17), utc(2024, 6, 3, 16));
+    try {
+        store.saveEvent(*event, EKSpan::thisEvent, true);
+        FAIL() << "saved an event that ends before it starts";
+    } catch (const EventStoreError& error) {
+        EXPECT_EQ(error.description(), "The start date must be before the end date.");
+    }
+    event->endDate = utc(2024, 6, 3, 18);
+    event->calendar = nullptr;
+    EXPECT_THROW(store.saveEvent(*event, EKSpan::thisEvent, true), EventStoreError);
+    event->calendar = store.defaultCalendarForNewEvents();
+    event->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
+    event->recurrenceRules[0].daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(8)};
+    EXPECT_THROW(store.saveEvent(*event, EKSpan::thisEvent, true), EventStoreError);
+    EXPECT_TRUE(event->eventIdentifier() == std::nullopt);
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT COUNT(*) FROM CalendarItem"), "0");
+    EXPECT_THROW(store.removeEvent(*event, EKSpan::thisEvent, true), EventStoreError);
+}
+
+TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
+    auto monthly = newEvent("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18));
+    monthly->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
+    store.saveEvent(*monthly, EKSpan::futureEvents, true);
+    const auto path = store.databasePath();
+    // From 1 January last year to 1 January in two years, local time: 36 months of rent.
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheStart'"),
+              std::to_string(static_cast<long long>(utc(2023, 1, 1, 8))));
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheTimeZone'"),
+              "America/Los_Angeles");
+    EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "36");
+    EXPECT_EQ(dbCount(path, "SELECT SUM(count) FROM OccurrenceCacheDays"), "36");
+
+    // A year on, the next write moves the window and rebuilds the cache for every series.
+    clock.set(utc(2025, 3, 1));
+    store.saveEvent(*newEvent("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18)), EKSpan::thisEvent, true);
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheEnd'"),
+              std::to_string(static_cast<long long>(utc(2027, 1, 1, 8))));
+    EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "37");
+    EXPECT_EQ(dbCount(path, "SELECT MIN(occurrence_date) FROM OccurrenceCache"),
+              std::to_string(static_cast<long long>(utc(2024, 1, 1, 17))) + ".0");
+}
+
+// ---- A database made elsewhere ----
+
+class ExistingDatabaseTest : public ::testing::Test {
+protected:
+    testing::TemporaryUser user;
+    testing::FixedClock clock{utc(2024, 6, 1, 12)};
+    ScopedReplacement<Clock> pinnedClock{clock};
+    fs::path path = EKEventStore::defaultDatabasePath();
+};
+
+TEST_F(ExistingDatabaseTest, IsReadAsFoundAndLeftUntouchedUntilSomethingIsSaved) {
+    testing::CalendarDatabaseBuilder builder(path);
+    const auto local = builder.addStore({});
+    const auto holidays = builder.addStore({.name = "Subscribed Calendars", .type = std::int64_t{4}});
+    const auto home = builder.addCalendar({.store = local, .title = "Home", .uuid = "HOME"});
+    builder.addCalendar({.store = holidays, .title = "Holidays", .uuid = "HOLIDAYS", .color = "#CC73E1"});
+    // Every second Tuesday and Thursday at 10:00 from 2 April 2024, 6 times, with the third
+    // occurrence deleted and the fourth moved a day later, in the database's own forms.
+    const double first = utc(2024, 4, 2, 17);
+    const auto master = builder.addItem({.calendar = home,
+                                         .summary = "Sprint",
+                                         .start = first,
+                                         .end = first + 3600,
+                                         .uniqueIdentifier = "SPRINT",
+                                         .hasRecurrences = std::int64_t{1}});
+    builder.addRecurrence({.owner = master,
+                           .frequency = std::int64_t{2},
+                           .interval = std::int64_t{2},
+                           .count = std::int64_t{6},
+                           .specifier = "D=0TU,0TH"});
+    builder.addExceptionDate(master, utc(2024, 4, 16, 17));
+    const double fourth = utc(2024, 4, 18, 17);
+    builder.addItem({.calendar = home,
+                     .summary = "Sprint (moved)",
+                     .start = fourth + 86400,
+                     .end = fourth + 86400 + 3600,
+                     .uniqueIdentifier = "SPRINT/RID=" + std::to_string(static_cast<long long>(fourth)),
+                     .origItemID = master,
+                     .origDate = fourth});
+    builder.addAlarm({.owner = master, .triggerInterval = std::int64_t{-600}});
+    const auto place = builder.addLocation({.title = "Room 4", .address = "Room 4, Main Street 1"});
+    builder.execute("UPDATE CalendarItem SET location_id = " + std::to_string(place) +
+                    " WHERE ROWID = " + std::to_string(master));
+    builder.close();
+    const auto before = SHA256::hex(SHA256::of(files::read(path)));
+
+    EKEventStore store;
+    const auto calendars = store.calendarsForEntityType(EKEntityType::event);
+    ASSERT_EQ(calendars.size(), 2u);
+    EXPECT_TRUE(calendars[0]->allowsContentModifications);
+    EXPECT_EQ(calendars[0]->source->title, "On My Mac");
+    EXPECT_FALSE(calendars[1]->allowsContentModifications);
+    EXPECT_EQ(calendars[1]->type, EKCalendarType::subscription);
+
+    auto events =
+        store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 4, 1), utc(2024, 6, 1), std::nullopt));
+    std::sort(events.begin(), events.end(), [](const auto& a, const auto& b) { return *a->startDate < *b->startDate; });
+    std::vector<std::string> seen;
+    for (const auto& event : events)
+        seen.push_back(wallClock(*event->startDate) + (event->isDetached() ? " moved" : ""));
+    EXPECT_EQ(seen, (std::vector<std::string>{"2024-04-02 10:00", "2024-04-04 10:00", "2024-04-19 10:00 moved",
+                                              "2024-04-30 10:00", "2024-05-02 10:00"}));
+    EXPECT_EQ(events[0]->location, "Room 4\nMain Street 1");
+    EXPECT_EQ(events[0]->alarms, std::vector{EKAlarm::alarmWithRelativeOffset(-600)});
+    const auto& rule = events[0]->recurrenceRules.at(0);
+    EXPECT_EQ(rule.interval, 2);
+    EXPECT_EQ(rule.recurrenceEnd->occurrenceCount, 6);
+    EXPECT_EQ(rule.daysOfTheWeek,
+              (std::vector{EKRecurrenceDayOfWeek::dayOfWeek(3), EKRecurrenceDayOfWeek::dayOfWeek(5)}));
+
+    // Nothing written by reading; a refused save writes nothing either.
+    auto intoHolidays = EKEvent::eventWithEventStore(store);
+    intoHolidays->title = "Mine";
+    intoHolidays->startDate = first;
+    intoHolidays->endDate = first + 60;
+    intoHolidays->calendar = calendars[1];
+    try {
+        store.saveEvent(*intoHolidays, EKSpan::thisEvent, true);
+        FAIL() << "saved into a subscribed calendar";
+    } catch (const EventStoreError& error) {
+        EXPECT_EQ(error.description(), "The calendar is read-only.");
+    }
+    EXPECT_EQ(SHA256::hex(SHA256::of(files::read(path))), before);
+}
+
+TEST_F(ExistingDatabaseTest, MissingColumnsRefuseTheFile) {
+    files::createDirectories(path.parent_path());
+    sqlite3* db = nullptr;
+    sqlite3_open(path.c_str(), &db);
+    sqlite3_exec(db, "CREATE TABLE CalendarItem (summary TEXT)", nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    try {
+        EKEventStore store;
+        FAIL() << "opened a database without the calendar tables";
+    } catch (const EventStoreError& error) {
+        EXPECT_TRUE(error.description().starts_with("Unsupported Calendar.sqlitedb schema: Alarm lacks "))
+            << error.description();
+    }
+}
+
+} // namespace
+} // namespace morvane

@@ -1,0 +1,149 @@
+#include "morvane/CommandLine.h"
+
+#include "MorvaneCore/BackupLocator.h"
+#include "MorvanePlatform/EventKit.h"
+#include "Support/Fakes.h"
+#include "Support/Pinned.h"
+
+#include <ctime>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace morvane {
+namespace {
+
+double utc(int year, int month, int day, int hour = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    return static_cast<double>(timegm(&parts)) - 978307200.0;
+}
+
+struct Outcome {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+Outcome runCommandLine(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "morvane");
+    std::ostringstream out;
+    std::ostringstream err;
+    const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
+    return {status, out.str(), err.str()};
+}
+
+class CalendarCommandsTest : public ::testing::Test {
+protected:
+    std::shared_ptr<EKEvent> save(EKEventStore& store, const std::string& title, double start, double end,
+                                  std::optional<std::string> zone,
+                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
+        auto event = EKEvent::eventWithEventStore(store);
+        event->title = title;
+        event->startDate = start;
+        event->endDate = end;
+        event->timeZone = std::move(zone);
+        event->calendar = store.defaultCalendarForNewEvents();
+        if (rule) event->recurrenceRules = {*rule};
+        store.saveEvent(*event, EKSpan::futureEvents, true);
+        return event;
+    }
+
+    testing::TemporaryUser user;
+    testing::FixedClock clock{utc(2024, 6, 1, 12)};
+    ScopedReplacement<Clock> pinnedClock{clock};
+};
+
+TEST_F(CalendarCommandsTest, OnAFreshMachineTheStoreIsCreatedWithOneWritableCalendar) {
+    const auto result = runCommandLine({"calendars", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(std::filesystem::exists(BackupLocator::liveDBPath()));
+    const auto list = nlohmann::json::parse(result.out);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["title"], "Calendar");
+    EXPECT_EQ(list[0]["source"], "On My Mac");
+    EXPECT_EQ(list[0]["type"], "local");
+    EXPECT_EQ(list[0]["writable"], true);
+    EXPECT_EQ(list[0]["colorHex"], "#1BADF8");
+    EXPECT_EQ(list[0]["identifier"], EKEventStore().defaultCalendarForNewEvents()->calendarIdentifier);
+
+    const auto text = runCommandLine({"calendars"});
+    EXPECT_EQ(text.out, "Calendar (On My Mac)  local  " + list[0]["identifier"].get<std::string>() + "\n");
+    EXPECT_EQ(runCommandLine({"events", "--from", "2024-01-01", "--to", "2024-02-01", "--json"}).out, "[]\n");
+}
+
+TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccurrence) {
+    EKEventStore store;
+    EKRecurrenceRule yearly;
+    yearly.frequency = EKRecurrenceFrequency::yearly;
+    // 1 January at 09:00 floating: every occurrence sits on a seam between two yearly fetches.
+    const auto newYear = save(store, "New Year walk", utc(2023, 1, 1, 9) + 8 * 3600, utc(2023, 1, 1, 10) + 8 * 3600,
+                              std::nullopt, yearly);
+    auto holiday = save(store, "Holiday", utc(2024, 7, 4, 7), utc(2024, 7, 5, 7), std::nullopt);
+    holiday->allDay = true;
+    store.saveEvent(*holiday, EKSpan::thisEvent, true);
+    save(store, "Berlin call", utc(2024, 7, 4, 7), utc(2024, 7, 4, 8), "Europe/Berlin");
+
+    const auto result = runCommandLine({"events", "--from", "2023-01-01", "--to", "2025-01-01T08:00:00Z", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto list = nlohmann::json::parse(result.out);
+    std::vector<std::string> titles;
+    for (const auto& item : list)
+        titles.push_back(item["title"].get<std::string>() + " " + item["start"].get<std::string>());
+    EXPECT_EQ(titles,
+              (std::vector<std::string>{"New Year walk 2023-01-01T17:00:00Z", "New Year walk 2024-01-01T17:00:00Z",
+                                        "Berlin call 2024-07-04T07:00:00Z", "Holiday 2024-07-04T07:00:00Z"}));
+    const auto& walk = list[1];
+    EXPECT_EQ(walk["timeZone"], nullptr);
+    EXPECT_EQ(walk["uid"], *newYear->calendarItemExternalIdentifier());
+    EXPECT_EQ(walk["occurrenceKey"], static_cast<std::int64_t>(utc(2024, 1, 1, 9)));
+    EXPECT_EQ(walk["isDetached"], false);
+    EXPECT_EQ(walk["calendarTitle"], "Calendar");
+    EXPECT_EQ(walk["end"], "2024-01-01T18:00:00Z");
+    EXPECT_EQ(list[2]["timeZone"], "Europe/Berlin");
+    EXPECT_EQ(list[3]["isAllDay"], true);
+
+    const auto text = runCommandLine({"events", "--from", "2024-07-04", "--to", "2024-07-05"});
+    EXPECT_EQ(text.out, "2024-07-04 00:00 \u2013 2024-07-04 01:00  Berlin call  [Calendar]\n"
+                        "2024-07-04 (all day)  Holiday  [Calendar]\n");
+}
+
+TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
+    const auto bad = runCommandLine({"events", "--from", "2024-02-30", "--to", "2024-03-01"});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("'2024-02-30'"), std::string::npos);
+    EXPECT_EQ(runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-03-01"}).status, 2);
+    EXPECT_EQ(runCommandLine({"events", "--from", "2024-03-01"}).status, 2);
+    EXPECT_FALSE(std::filesystem::exists(BackupLocator::liveDBPath()));
+}
+
+TEST_F(CalendarCommandsTest, InspectOfTheLiveFileListsWhatTheStoreHolds) {
+    EKEventStore store;
+    EKRecurrenceRule weekly;
+    weekly.frequency = EKRecurrenceFrequency::weekly;
+    const auto series = save(store, "Standup", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17), "America/Los_Angeles", weekly);
+    const auto single = save(store, "Dentist", utc(2024, 6, 5, 16), utc(2024, 6, 5, 17), std::nullopt);
+    auto occurrence =
+        store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 6, 10), utc(2024, 6, 11), std::nullopt)).at(0);
+    occurrence->title = "Standup (late)";
+    store.saveEvent(*occurrence, EKSpan::thisEvent, true);
+
+    const auto result = runCommandLine({"inspect", BackupLocator::liveDBPath().c_str(), "--events", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto document = nlohmann::json::parse(result.out);
+    EXPECT_EQ(document["eventCount"], 2);
+    std::set<std::string> listed;
+    for (const auto& event : document["events"])
+        listed.insert(event["uniqueIdentifier"].get<std::string>() + " " + event["title"].get<std::string>());
+    EXPECT_EQ(listed, (std::set<std::string>{*series->calendarItemExternalIdentifier() + " Standup",
+                                             *single->calendarItemExternalIdentifier() + " Dentist",
+                                             *occurrence->calendarItemExternalIdentifier() + " Standup (late)"}));
+    EXPECT_NE(document["occurrenceWindow"], nullptr);
+}
+
+} // namespace
+} // namespace morvane
