@@ -1,9 +1,9 @@
 #pragma once
 
 #include "MorvanePlatform/Bundle.h"
-#include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/Clock.h"
 #include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
