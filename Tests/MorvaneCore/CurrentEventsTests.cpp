@@ -7,6 +7,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/UTC.h"
 
 #include <atomic>
 #include <ctime>
@@ -16,15 +17,7 @@
 namespace morvane {
 namespace {
 
-double utc(int year, int month, int day, int hour = 0, int minute = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    return static_cast<double>(timegm(&parts)) - Date::secondsFrom1970To2001;
-}
+using testing::utc;
 
 class CurrentEventsTest : public ::testing::Test {
 protected:

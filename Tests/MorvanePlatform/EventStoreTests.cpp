@@ -6,6 +6,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/UTC.h"
 
 #include <algorithm>
 #include <ctime>
@@ -15,18 +16,9 @@
 namespace morvane {
 namespace {
 
-namespace fs = std::filesystem;
+using testing::utc;
 
-// Seconds since 2001 of a UTC time.
-double utc(int year, int month, int day, int hour = 0, int minute = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    return static_cast<double>(timegm(&parts)) - 978307200.0;
-}
+namespace fs = std::filesystem;
 
 // "2024-03-11 09:00" in the zone `zone` (the current zone when empty), for reading results.
 std::string wallClock(double moment, const char* zone = testing::pinnedZone) {

@@ -4,6 +4,7 @@
 #include "MorvanePlatform/EventKit.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/UTC.h"
 
 #include <ctime>
 #include <filesystem>
@@ -14,14 +15,7 @@
 namespace morvane {
 namespace {
 
-double utc(int year, int month, int day, int hour = 0) {
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    return static_cast<double>(timegm(&parts)) - 978307200.0;
-}
+using testing::utc;
 
 struct Outcome {
     int status;
