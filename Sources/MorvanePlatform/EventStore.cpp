@@ -1226,21 +1226,27 @@ struct EKEventStore::Impl {
         bool isOccurrence = false;
     };
 
+    // What an event saved whole (a single event or a series from its first occurrence) now is: a
+    // series remembers its first start as stored, in its own zone's wall clock.
+    static Saved savedWhole(std::int64_t row, std::string uid, const EKEvent& event) {
+        Zones zones;
+        return {row,
+                0,
+                std::move(uid),
+                false,
+                event.recurrenceRules.empty() ? std::nullopt
+                                              : std::optional(zones.stored(event.timeZone, *event.startDate)),
+                event.startDate,
+                false};
+    }
+
     Saved insertNew(const EKEvent& event, const std::string& identifier, const EKCalendar& calendar, double now) {
         const std::string uid = files::randomUUID();
         const auto row = insertItem(identifier, uid, 0, std::nullopt, now);
         writeFields(row, event, calendar, now);
         writeRule(row, event.recurrenceRules.empty() ? std::nullopt : std::optional(event.recurrenceRules.front()));
         refreshCache(row);
-        Zones zones;
-        return {row,
-                0,
-                uid,
-                false,
-                event.recurrenceRules.empty() ? std::nullopt
-                                              : std::optional(zones.stored(event.timeZone, *event.startDate)),
-                event.startDate,
-                false};
+        return savedWhole(row, uid, event);
     }
 
     void save(EKEvent& event, EKSpan span, bool commitNow) {
@@ -1267,15 +1273,7 @@ struct EKEventStore::Impl {
                 writeRule(row->rowID,
                           event.recurrenceRules.empty() ? std::nullopt : std::optional(event.recurrenceRules.front()));
                 refreshCache(row->rowID);
-                Zones zones;
-                saved = {row->rowID,
-                         0,
-                         row->uid.value_or(""),
-                         false,
-                         event.recurrenceRules.empty() ? std::nullopt
-                                                       : std::optional(zones.stored(event.timeZone, *event.startDate)),
-                         event.startDate,
-                         false};
+                saved = savedWhole(row->rowID, row->uid.value_or(""), event);
                 return;
             }
             const auto master = series.masters[masterAt->second];
@@ -1316,15 +1314,7 @@ struct EKEventStore::Impl {
                 sqlite::Statement move(db.get(), "UPDATE CalendarItem SET calendar_id = ? WHERE orig_item_id = ?");
                 move.bind(1, calendar->rowID_).bind(2, masterRow).run();
                 refreshCache(masterRow);
-                Zones zones;
-                saved = {masterRow,
-                         0,
-                         master.uid.value_or(""),
-                         false,
-                         event.recurrenceRules.empty() ? std::nullopt
-                                                       : std::optional(zones.stored(event.timeZone, *event.startDate)),
-                         event.startDate,
-                         false};
+                saved = savedWhole(masterRow, master.uid.value_or(""), event);
                 return;
             }
             // This and future occurrences: the series ends before this one, and a new series
