@@ -243,5 +243,26 @@ void prepareCache(const BackupSource& source) {
     open(source).close();
 }
 
+CalendarResolver liveCalendarResolver() {
+    const CalendarResolver knowsNothing = [](const std::string&, const std::optional<std::string>&) {
+        return std::optional<ArchiveCalendarInfo>();
+    };
+    std::filesystem::path staged;
+    try {
+        staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+        CalendarResolver resolver;
+        {
+            CalendarDatabase database(staged);
+            resolver = database.calendarDirectory();
+        }
+        BackupLocator::removeStagedCopy(staged);
+        return resolver;
+    } catch (...) {
+        // Without the live calendars an archive still opens, with its own names for them.
+        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
+        return knowsNothing;
+    }
+}
+
 } // namespace BackupCatalog
 } // namespace morvane

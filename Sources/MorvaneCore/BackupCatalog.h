@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/BackupSource.h"
 #include "MorvaneCore/Date.h"
+#include "MorvaneCore/IcsArchive.h"
 #include "MorvaneCore/OpenedBackup.h"
 
 #include <cstdint>
@@ -80,6 +81,11 @@ OpenedBackup openUncached(const BackupSource& source);
 
 // Fills the cache for a cacheable source that isn't cached yet, leaving nothing open.
 void prepareCache(const BackupSource& source);
+
+// A resolver that matches the calendars of an .ics archive against this Mac's calendars, read
+// from a staged copy of the live database that is gone again when this returns. Never throws:
+// when the live database can't be staged, opened or read, the resolver knows no calendar.
+CalendarResolver liveCalendarResolver();
 
 } // namespace BackupCatalog
 } // namespace morvane

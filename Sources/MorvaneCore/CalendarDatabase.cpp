@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <memory>
 #include <sqlite3.h>
 
 namespace morvane {
@@ -217,6 +218,56 @@ std::vector<BackupCalendar> CalendarDatabase::calendars() {
                                        .colorHex = row.text(6)});
               });
     return calendars;
+}
+
+void CalendarDatabase::queryCalendars(
+    const std::function<void(const std::string& externalID, const ArchiveCalendarInfo& info)>& onCalendar) {
+    db_.query("SELECT c.external_id, c.UUID, c.title, s.name, s.default_alarm_offset, s.default_all_day_alarm_offset\n"
+              "FROM Calendar c JOIN Store s ON s.ROWID = c.store_id\n"
+              "WHERE c.external_id IS NOT NULL",
+              [&onCalendar](const SQLiteDB::Row& row) {
+                  const auto externalID = row.text(0);
+                  if (!externalID) return;
+                  onCalendar(*externalID, {.uuid = row.text(1),
+                                           .title = row.text(2).value_or("?"),
+                                           .storeName = row.text(3).value_or("?"),
+                                           .defaultAlarmOffset = row.integer(4),
+                                           .defaultAllDayAlarmOffset = row.integer(5)});
+              });
+}
+
+CalendarResolver CalendarDatabase::calendarDirectory() {
+    struct Known {
+        // The last non-empty piece of the external identifier: CalDAV identifiers are paths
+        // ("/1234/calendars/home/"), and sync tools name a calendar's folder after that piece.
+        std::string lastPiece;
+        ArchiveCalendarInfo info;
+    };
+    auto known = std::make_shared<std::vector<Known>>();
+    queryCalendars([&known](const std::string& externalID, const ArchiveCalendarInfo& info) {
+        const auto pieces = text::nonEmptyPieces(externalID, '/');
+        known->push_back({pieces.empty() ? std::string() : std::string(pieces.back()), info});
+    });
+
+    return [known = std::shared_ptr<const std::vector<Known>>(std::move(known))](
+               const std::string& folderName,
+               const std::optional<std::string>& displayName) -> std::optional<ArchiveCalendarInfo> {
+        // File systems may hand names back in another normal form than the server sent them.
+        for (const auto& calendar : *known) {
+            if (!calendar.lastPiece.empty() && text::canonicallyEqual(calendar.lastPiece, folderName))
+                return calendar.info;
+        }
+        if (!displayName) return std::nullopt;
+        // By title only among iCloud calendars, and only when the title is unambiguous there.
+        const ArchiveCalendarInfo* match = nullptr;
+        for (const auto& calendar : *known) {
+            if (calendar.info.storeName != "iCloud" || !text::canonicallyEqual(calendar.info.title, *displayName))
+                continue;
+            if (match) return std::nullopt;
+            match = &calendar.info;
+        }
+        return match ? std::optional(*match) : std::nullopt;
+    };
 }
 
 std::vector<BackupEvent> CalendarDatabase::loadEvents() {

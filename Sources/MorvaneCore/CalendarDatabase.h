@@ -2,9 +2,11 @@
 
 #include "MorvaneCore/BackupStore.h"
 #include "MorvaneCore/Date.h"
+#include "MorvaneCore/IcsArchive.h"
 #include "MorvaneCore/SQLiteDB.h"
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,6 +32,17 @@ public:
 
     // Every calendar of every store, by row, with the mapping and fallbacks of `events`.
     std::vector<BackupCalendar> calendars();
+
+    // Every calendar that has an external identifier, with its title, its account's name ("?"
+    // where NULL) and the account's default alarms, in the order the database gives them.
+    void queryCalendars(
+        const std::function<void(const std::string& externalID, const ArchiveCalendarInfo& info)>& onCalendar);
+
+    // A resolver for the calendars of an .ics archive, holding this database's calendars in
+    // memory, so it outlives the database. A folder is the calendar whose external identifier
+    // ends in a piece of that name (the first such calendar); failing that, the one iCloud
+    // calendar titled as the folder's display name, if exactly one is.
+    CalendarResolver calendarDirectory();
 
     // The events of the local, Exchange and CalDAV stores.
     std::vector<BackupEvent> loadEvents() override;

@@ -1,8 +1,10 @@
 #include "MorvaneCore/BackupCatalog.h"
 
+#include "MorvaneCore/BackupLocator.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
 #include "MorvaneCore/SnapshotMount.h"
+#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -229,6 +231,25 @@ TEST_F(BackupCatalogTest, PrepareFailsPlainlyWhenTheBackupDiskCantBeTold) {
         EXPECT_EQ(error.description(), "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch "
                                        "/sbin/mount_apfs: No such file or directory");
     }
+}
+
+TEST_F(BackupCatalogTest, LiveCalendarResolverReadsAStagedCopyAndLeavesNothingStaged) {
+    const auto noLiveDatabase = BackupCatalog::liveCalendarResolver();
+    EXPECT_EQ(noLiveDatabase("home", "Home"), std::nullopt);
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+
+    const auto live = user.home() / BackupLocator::relativeDBPath;
+    std::filesystem::create_directories(live.parent_path());
+    {
+        testing::CalendarDatabaseBuilder db(live);
+        db.addCalendar({.store = db.addStore({.name = "iCloud", .type = std::int64_t{2}}),
+                        .title = "Home",
+                        .externalID = "/1234/calendars/home/"});
+    }
+    const auto resolver = BackupCatalog::liveCalendarResolver();
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+    ASSERT_TRUE(resolver("home", std::nullopt));
+    EXPECT_EQ(resolver("home", std::nullopt)->title, "Home");
 }
 
 } // namespace

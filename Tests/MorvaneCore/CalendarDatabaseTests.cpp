@@ -444,6 +444,58 @@ TEST_F(CalendarDatabaseTest, CalendarsAndStoresFallBackAndFilterByStoreType) {
     EXPECT_EQ(database.calendars().size(), 4u);
 }
 
+TEST_F(CalendarDatabaseTest, CalendarDirectoryMatchesFolderNamesThenOneICloudTitle) {
+    auto& db = build();
+    const auto iCloud = db.addStore({.name = "iCloud",
+                                     .type = std::int64_t{2},
+                                     .defaultAlarmOffset = std::int64_t{-900},
+                                     .defaultAllDayAlarmOffset = std::int64_t{-32400}});
+    const auto local = db.addStore({});
+    const auto unnamed = db.addStore({.name = nullptr});
+    db.addCalendar({.store = iCloud, .title = "Home", .uuid = "HOME", .externalID = "/1234/calendars/home/"});
+    db.addCalendar({.store = iCloud, .title = "Work", .externalID = "/1234/calendars/w1/"});
+    db.addCalendar({.store = iCloud, .title = "Work", .externalID = "/1234/calendars/w2/"});
+    db.addCalendar({.store = iCloud, .title = "Family", .uuid = "FAMILY", .externalID = "fam"});
+    db.addCalendar({.store = local, .title = "Solo", .externalID = "solo-id"});
+    db.addCalendar({.store = iCloud, .title = "Lonely"});
+    db.addCalendar({.store = unnamed, .title = nullptr, .uuid = "FIRST", .externalID = "x/dup"});
+    db.addCalendar({.store = local, .title = "Second", .externalID = "dup"});
+    db.addCalendar({.store = iCloud, .title = "Cafe\u0301", .externalID = "/1234/calendars/Caf\u00e9/"});
+    std::optional<CalendarResolver> resolver;
+    {
+        auto database = open();
+        std::vector<std::string> identifiers;
+        database.queryCalendars([&identifiers](const std::string& externalID, const ArchiveCalendarInfo&) {
+            identifiers.push_back(externalID);
+        });
+        EXPECT_EQ(identifiers.size(), 8u) << "a calendar without an external identifier can't be matched";
+        resolver = database.calendarDirectory();
+    }
+    const auto resolve = [&resolver](const std::string& name, std::optional<std::string> displayName = {}) {
+        return (*resolver)(name, displayName);
+    };
+
+    const ArchiveCalendarInfo home{.uuid = "HOME",
+                                   .title = "Home",
+                                   .storeName = "iCloud",
+                                   .defaultAlarmOffset = -900,
+                                   .defaultAllDayAlarmOffset = -32400};
+    EXPECT_EQ(resolve("home"), home);
+    EXPECT_EQ(resolve("home", "Family"), home) << "the folder name wins over the title";
+    EXPECT_EQ(resolve("calendars"), std::nullopt) << "only the last piece counts";
+    EXPECT_EQ(resolve("dup"), (ArchiveCalendarInfo{.uuid = "FIRST", .title = "?", .storeName = "?"}));
+    EXPECT_EQ(resolve("solo-id")->storeName, "Default");
+
+    EXPECT_EQ(resolve("elsewhere", "Family")->uuid, "FAMILY");
+    EXPECT_EQ(resolve("elsewhere", "Work"), std::nullopt) << "two iCloud calendars of that title";
+    EXPECT_EQ(resolve("elsewhere", "Solo"), std::nullopt) << "titles match only among iCloud calendars";
+    EXPECT_EQ(resolve("elsewhere", "Lonely"), std::nullopt);
+    EXPECT_EQ(resolve("elsewhere"), std::nullopt);
+    // A name that the file system decomposed is still the same name.
+    EXPECT_EQ(resolve("Cafe\u0301")->title, "Cafe\u0301");
+    EXPECT_EQ(resolve("elsewhere", "Caf\u00e9")->title, "Cafe\u0301");
+}
+
 TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSorted) {
     auto& db = build();
     const auto calendar = db.addCalendar({.store = db.addStore({.defaultAlarmOffset = std::int64_t{-600},
