@@ -128,7 +128,7 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
         try {
             scanSpan(scan, store.eventsMatchingPredicate(predicate));
         } catch (const Error&) {
-            // A span the store can't read is missing from the document, as told.
+            // Capture never fails: a span the store can't read is simply missing from the document.
         }
         cursor = next;
     }
