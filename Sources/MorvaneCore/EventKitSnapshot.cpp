@@ -57,20 +57,32 @@ std::map<std::string, ListedCalendar> listCalendars(EKEventStore& store) {
     return listed;
 }
 
-// What the scan of the window gathered.
+// What the scan of the window gathered of one series.
+struct Series {
+    // In the order seen, sorted once at the end: a set would cost a node per occurrence. An
+    // occurrence that spans two fetched years is in here twice.
+    std::vector<std::int64_t> keys;
+    // Identifiers of the calendars its occurrences were seen in.
+    std::set<std::string> calendars;
+    std::map<std::int64_t, std::shared_ptr<EKEvent>> detached;
+};
+
 struct Scan {
+    // By item identifier.
     std::map<std::string, std::shared_ptr<EKEvent>> singles;
-    std::map<std::string, std::set<std::int64_t>> seriesOccurrences;
-    std::map<std::string, std::set<std::string>> seriesCalendars;
-    std::map<std::string, std::map<std::int64_t, std::shared_ptr<EKEvent>>> detached;
+    // By UID.
+    std::map<std::string, Series, std::less<>> series;
 };
 
 void scanSpan(Scan& scan, const std::vector<std::shared_ptr<EKEvent>>& events) {
+    // A fetch gives the occurrences of a series one after another, so the series of the last
+    // occurrence is nearly always the next one's: a million occurrences need few lookups.
+    std::string_view lastUID;
+    Series* last = nullptr;
     for (const auto& event : events) {
         if (!event) continue;
         const auto& identifier = event->calendarItemExternalIdentifier();
         if (!identifier || !event->calendar) continue;
-        const std::string uid(seriesKey(*identifier));
         if (!event->hasRecurrenceRules() && !event->isDetached()) {
             scan.singles[event->calendarItemIdentifier()] = event;
             continue;
@@ -78,9 +90,16 @@ void scanSpan(Scan& scan, const std::vector<std::shared_ptr<EKEvent>>& events) {
         if (!event->occurrenceDate()) continue;
         const auto key = liveOccurrenceKey(*event);
         if (!key) continue;
-        scan.seriesOccurrences[uid].insert(*key);
-        scan.seriesCalendars[uid].insert(event->calendar->calendarIdentifier);
-        if (event->isDetached()) scan.detached[uid][*key] = event;
+        const auto uid = seriesKey(*identifier);
+        if (!last || uid != lastUID) {
+            auto found = scan.series.find(uid);
+            if (found == scan.series.end()) found = scan.series.emplace(std::string(uid), Series{}).first;
+            lastUID = found->first;
+            last = &found->second;
+        }
+        last->keys.push_back(*key);
+        last->calendars.insert(event->calendar->calendarIdentifier);
+        if (event->isDetached()) last->detached[*key] = event;
     }
 }
 
@@ -154,7 +173,7 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
         snapshot.events.push_back(std::move(event));
     }
 
-    for (const auto& [uid, seenIn] : scan.seriesCalendars) {
+    for (const auto& [uid, series] : scan.series) {
         std::vector<std::shared_ptr<EKCalendarItem>> items;
         try {
             items = store.calendarItemsWithExternalIdentifier(uid);
@@ -166,7 +185,7 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
             const auto master = std::dynamic_pointer_cast<EKEvent>(item);
             if (!master || master->isDetached() || !master->hasRecurrenceRules() || !master->calendar) continue;
             const auto& calendarID = master->calendar->calendarIdentifier;
-            if (seenIn.count(calendarID) == 0 || !calendarsDone.insert(calendarID).second) continue;
+            if (series.calendars.count(calendarID) == 0 || !calendarsDone.insert(calendarID).second) continue;
             const auto* calendar = listed(master->calendar);
             if (!calendar) continue;
             auto event = eventOf(*master, *calendar);
@@ -176,9 +195,7 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
             const auto masterRowID = event.rowID;
             snapshot.events.push_back(std::move(event));
 
-            const auto detached = scan.detached.find(uid);
-            if (detached == scan.detached.end()) continue;
-            for (const auto& [key, occurrence] : detached->second) {
+            for (const auto& [key, occurrence] : series.detached) {
                 if (!occurrence->calendar || occurrence->calendar->calendarIdentifier != calendarID) continue;
                 auto moved = eventOf(*occurrence, *calendar);
                 moved.rowID = ++rowID;
@@ -194,8 +211,12 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
         snapshot.calendars.push_back(calendar.record);
     std::sort(snapshot.calendars.begin(), snapshot.calendars.end(),
               [](const auto& a, const auto& b) { return a.rowID < b.rowID; });
-    for (const auto& [uid, keys] : scan.seriesOccurrences)
-        snapshot.occurrences.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
+    for (auto& [uid, series] : scan.series) {
+        auto& keys = series.keys;
+        std::sort(keys.begin(), keys.end());
+        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+        snapshot.occurrences.emplace(uid, std::move(keys));
+    }
     return snapshot;
 }
 
