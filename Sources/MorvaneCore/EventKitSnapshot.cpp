@@ -114,6 +114,27 @@ EventKitSnapshot::Event eventOf(const EKEvent& event, const ListedCalendar& cale
     return made;
 }
 
+json::Ordered calendarsJSON(const std::vector<BackupCalendar>& calendars) {
+    auto list = json::Ordered::array();
+    for (const auto& calendar : calendars)
+        list.push_back(calendar.json());
+    return list;
+}
+
+json::Ordered eventsJSON(const std::vector<EventKitSnapshot::Event>& events) {
+    auto list = json::Ordered::array();
+    for (const auto& event : events)
+        list.push_back(event.json());
+    return list;
+}
+
+json::Ordered occurrencesJSON(const std::map<std::string, std::vector<std::int64_t>>& occurrences) {
+    auto object = json::Ordered::object();
+    for (const auto& [uid, keys] : occurrences)
+        object[uid] = keys;
+    return object;
+}
+
 std::optional<std::string> optionalText(const json::ObjectReader& reader, std::string_view key) {
     const auto* value = reader.optional(key);
     if (!value) return std::nullopt;
@@ -247,10 +268,12 @@ std::int64_t EventKitSnapshot::storeType(EKCalendarType type) {
 }
 
 std::string EventKitSnapshot::fingerprint() const {
-    const auto whole = json();
     SHA256 hash;
-    for (const auto* part : {"events", "occurrences", "calendars"})
-        hash.update(json::dump(json::sorted(whole.at(part)), false));
+    hash.update(json::dump(json::sorted(eventsJSON(events)), false));
+    // A std::map gives its keys in the order of a sorted document, and the lists hold numbers
+    // only, so the largest part is hashed without a sorted copy.
+    hash.update(json::dumpKeepingOrder(occurrencesJSON(occurrences), false));
+    hash.update(json::dump(json::sorted(calendarsJSON(calendars)), false));
     return SHA256::hex(hash.finish());
 }
 
@@ -307,18 +330,9 @@ json::Ordered EventKitSnapshot::json() const {
     object["taken"] = json::date(taken, dateEncoding);
     object["windowStart"] = json::date(windowStart, dateEncoding);
     object["windowEnd"] = json::date(windowEnd, dateEncoding);
-    auto calendarList = json::Ordered::array();
-    for (const auto& calendar : calendars)
-        calendarList.push_back(calendar.json());
-    object["calendars"] = std::move(calendarList);
-    auto eventList = json::Ordered::array();
-    for (const auto& event : events)
-        eventList.push_back(event.json());
-    object["events"] = std::move(eventList);
-    auto occurrenceMap = json::Ordered::object();
-    for (const auto& [uid, keys] : occurrences)
-        occurrenceMap[uid] = keys;
-    object["occurrences"] = std::move(occurrenceMap);
+    object["calendars"] = calendarsJSON(calendars);
+    object["events"] = eventsJSON(events);
+    object["occurrences"] = occurrencesJSON(occurrences);
     return object;
 }
 
