@@ -72,6 +72,23 @@ void capture(benchmark::State& state) {
 }
 BENCHMARK(capture)->Arg(10000)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The store's own share of a capture: the same fetches of the window, a year each, kept nowhere.
+void fetchWindow(benchmark::State& state) {
+    auto& store = generatedStore(state.range(0));
+    const auto& window = capturedSnapshot(state.range(0));
+    size_t occurrences = 0;
+    for (auto _ : state) {
+        occurrences = 0;
+        for (double start = window.windowStart.seconds; start < window.windowEnd.seconds;) {
+            const auto predicate = store.predicateForEvents(start, window.windowEnd.seconds, std::nullopt);
+            occurrences += store.eventsMatchingPredicate(predicate).size();
+            start = predicate.endDate;
+        }
+    }
+    state.counters["occurrences"] = static_cast<double>(occurrences);
+}
+BENCHMARK(fetchWindow)->Arg(10000)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 void encoded(benchmark::State& state) {
     const auto& snapshot = capturedSnapshot(state.range(0));
     size_t bytes = 0;

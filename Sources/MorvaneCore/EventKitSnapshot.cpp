@@ -1,6 +1,6 @@
 // Capture walks the window one Gregorian year per fetch, because the store answers at most a
 // year at a time. Every fetch gives each occurrence of a series as its own object, so a series
-// is gathered across the spans into a set of keys and the calendars it was seen in, and only
+// is gathered across the spans into its keys and the calendars it was seen in, and only
 // afterwards is its master looked up by UID, once per calendar. Singles are gathered by item
 // identifier, so that an event fetched in two spans is kept once. Numbering happens last, in a
 // sorted order, so that two captures of the same content give the same document.
