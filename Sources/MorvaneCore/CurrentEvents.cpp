@@ -1,5 +1,6 @@
 #include "MorvaneCore/CurrentEvents.h"
 
+#include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
 #include "MorvaneCore/EventKeys.h"
 #include "MorvaneCore/Text.h"
@@ -12,7 +13,6 @@
 #include <cmath>
 #include <future>
 #include <memory>
-#include <unicode/gregocal.h>
 
 namespace morvane {
 namespace {
@@ -25,19 +25,6 @@ constexpr double equivalentSearchSeconds = 60;
 // floating.
 Date searchInstant(const EventSnapshot& snapshot) {
     return snapshot.timeZone ? snapshot.start : zones::instantOfWallClock(snapshot.start);
-}
-
-// The same moment one Gregorian year later in the current zone, the way the platform's
-// predicate counts its one-year limit.
-Date yearLater(Date date) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::GregorianCalendar calendar(status);
-    if (U_FAILURE(status)) return {date.seconds + 365 * 86400.0};
-    calendar.setTime(date.secondsSince1970() * 1000.0, status);
-    calendar.add(UCAL_YEAR, 1, status);
-    const UDate millis = calendar.getTime(status);
-    if (U_FAILURE(status)) return {date.seconds + 365 * 86400.0};
-    return Date::fromSecondsSince1970(millis / 1000.0);
 }
 
 // Cut toward zero; saturated, so that no offset can overflow.
@@ -140,7 +127,7 @@ std::optional<EventSnapshot> EventKitSource::snapshot(const BackupEvent& event) 
 CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
     CurrentOccurrences result{in, {}, {}};
     for (Date cursor = in.start; cursor < in.end;) {
-        const Date end = std::min(yearLater(cursor), in.end);
+        const Date end = std::min(dates::addingYears(cursor, 1), in.end);
         // A zone whose year doesn't advance would loop for ever; no real zone does that.
         if (!(cursor < end)) break;
         const auto predicate = store_->predicateForEvents(cursor.seconds, end.seconds, std::nullopt);

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <unicode/datefmt.h>
+#include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
@@ -51,6 +52,15 @@ std::optional<Date> parseStrictly(std::string_view text, std::string_view patter
     return fromUDate(parsed);
 }
 
+// A Gregorian calendar in the current zone set to `date`; nothing if ICU can't make one.
+std::unique_ptr<icu::GregorianCalendar> calendarAt(Date date) {
+    UErrorCode status = U_ZERO_ERROR;
+    auto calendar = std::make_unique<icu::GregorianCalendar>(status);
+    calendar->setTime(toUDate(date), status);
+    if (U_FAILURE(status)) return nullptr;
+    return calendar;
+}
+
 } // namespace
 
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
@@ -84,6 +94,30 @@ std::string abbreviatedDateTime(Date date) {
     icu::UnicodeString text;
     formatter->format(toUDate(date), text);
     return utf8(text);
+}
+
+Date startOfDay(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return date;
+    // Where a zone skips midnight, ICU resolves the missing 00:00 to the first moment of the day.
+    calendar->set(UCAL_HOUR_OF_DAY, 0);
+    calendar->set(UCAL_MINUTE, 0);
+    calendar->set(UCAL_SECOND, 0);
+    calendar->set(UCAL_MILLISECOND, 0);
+    UErrorCode status = U_ZERO_ERROR;
+    const UDate start = calendar->getTime(status);
+    return U_SUCCESS(status) ? fromUDate(start) : date;
+}
+
+Date addingYears(Date date, int years) {
+    auto calendar = calendarAt(date);
+    UErrorCode status = U_ZERO_ERROR;
+    if (calendar) {
+        calendar->add(UCAL_YEAR, years, status);
+        const UDate moved = calendar->getTime(status);
+        if (U_SUCCESS(status)) return fromUDate(moved);
+    }
+    return {date.seconds + years * 365.2425 * 86400.0};
 }
 
 } // namespace morvane::dates

@@ -35,4 +35,13 @@ std::string longDate(Date date);
 // current zone.
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID = {});
 
+// Calendar arithmetic in the Gregorian calendar of the current zone, as the platform's calendar
+// with the machine's defaults does it.
+
+// The first moment of the day of `date`.
+Date startOfDay(Date date);
+// The same wall-clock time `years` years away (29 February lands on 28 February); the moment may
+// differ from `date` by whole years plus the change of the zone's offset.
+Date addingYears(Date date, int years);
+
 } // namespace morvane::dates
