@@ -6,6 +6,8 @@
 #include "MorvaneCore/CalendarDatabase.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
+#include "MorvaneCore/EventKitSnapshot.h"
+#include "MorvaneCore/IcsArchive.h"
 #include "MorvaneCore/Paths.h"
 #include "MorvaneCore/SnapshotMount.h"
 #include "MorvaneCore/Text.h"
@@ -94,6 +96,33 @@ void sortNewestFirst(std::vector<BackupSource>& sources) {
 
 std::optional<Date> parseStamp(std::string_view text) { return dates::parseStamp(text); }
 
+BackupSource source(std::string_view forPath) {
+    using Kind = BackupSource::Kind;
+    const auto path = paths::expandingTilde(forPath);
+    if (path.find(std::string("/") + std::string(timeMachineFolder) + "/") != std::string::npos)
+        return {Kind::timeMachine(path), std::nullopt};
+    if (path.starts_with(snapshotNamePrefix) && path.ends_with(localSnapshotSuffix))
+        return {Kind::localSnapshot(path), std::nullopt};
+
+    const std::filesystem::path file(path);
+    const auto extension = file.extension().string();
+    for (const std::string_view stored : CalendarArchive::fileExtensions) {
+        if (!extension.empty() && extension.substr(1) == stored)
+            return {Kind::appSnapshot(path), parseStamp(file.stem().string())};
+    }
+
+    // A folder holding a calendar database is read as that database, whatever else it holds.
+    bool holdsDatabase = true;
+    try {
+        BackupLocator::findDatabase(path, UserFolders::current().userName());
+    } catch (const BackupLocatorError&) {
+        holdsDatabase = false;
+    }
+    if (!holdsDatabase && IcsArchive::looksLikeArchive(path))
+        return {Kind::icsArchive(path), parseStamp(paths::lastComponent(path))};
+    return {Kind::file(path), std::nullopt};
+}
+
 PreparedSource prepare(const BackupSource& source) {
     using Case = BackupSource::Kind::Case;
     switch (source.kind.which) {
@@ -178,12 +207,11 @@ OpenedBackup openPrepared(const BackupSource& source, const PreparedSource& prep
         const auto staged = BackupLocator::stageCopy(found);
         return {openStaged(staged), found.string(), staged, prepared.mount};
     }
-    case Case::icsArchive: throw RestoreError("Folders of .ics files can't be opened by this version of Morvane.");
+    case Case::icsArchive: return {std::make_shared<IcsArchive>(path, liveCalendarResolver()), path, {}, nullptr};
     case Case::appSnapshot:
     case Case::iCloudSnapshot:
     case Case::timeMachineImport: {
-        if (path.ends_with(".calevents"))
-            throw RestoreError("Event store snapshots can't be opened by this version of Morvane.");
+        if (path.ends_with(".calevents")) return {std::make_shared<EventKitStore>(path), path, {}, nullptr};
         const auto staged = CalendarArchive::stageFile(path);
         return {openStaged(staged), path, staged, nullptr};
     }

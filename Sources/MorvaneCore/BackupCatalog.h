@@ -70,6 +70,12 @@ struct SnapshotLocation {
 // .../.timemachine/{volume UUID}/{stamp}.backup/...; nothing for any other path or any problem.
 std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path);
 
+// Classes a path a user typed or picked, a leading tilde expanded: a Time Machine backup, a local
+// snapshot's name, a stored restore point, a folder of .ics files without a calendar database in
+// it, else a database file or a folder holding one. Never picked; touches the disk only to tell a
+// folder of .ics files from one holding a database.
+BackupSource source(std::string_view forPath);
+
 // Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
 // read once before comes from its cached copy, without the disk or a mount. Several threads
 // opening one uncached source are serialised: one reads it, the others then use the cache.

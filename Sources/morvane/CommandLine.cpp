@@ -48,10 +48,14 @@ std::vector<Command> commands() {
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runEvents(*options, out, err); };
          }},
-        {"inspect", "Show what a calendar database holds: fingerprint, calendars, occurrence cache, events",
+        {"inspect", "Show what a backup holds: fingerprint, calendars, occurrence cache, events",
          [](CLI::App& command) {
              auto options = std::make_shared<InspectOptions>();
-             command.add_option("PATH", options->path, "A Calendar.sqlitedb, or a folder holding one")->required();
+             command
+                 .add_option("PATH", options->path,
+                             "A Calendar.sqlitedb or a folder holding one, a .calsnap or .calevents restore point, a "
+                             "folder of .ics files, a Time Machine backup")
+                 ->required();
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runInspect(*options, out, err); };

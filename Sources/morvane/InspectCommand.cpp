@@ -1,13 +1,12 @@
 #include "morvane/InspectCommand.h"
 
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/CalendarArchive.h"
+#include "MorvaneCore/BackupCatalog.h"
 #include "MorvaneCore/CalendarDatabase.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
+#include "MorvaneCore/EventKitSnapshot.h"
+#include "MorvaneCore/IcsArchive.h"
 #include "MorvaneCore/Json.h"
-#include "MorvaneCore/Paths.h"
-#include "MorvanePlatform/UserFolders.h"
 #include "morvane/CommandLine.h"
 
 #include <ostream>
@@ -16,27 +15,45 @@ namespace morvane::cli {
 namespace {
 
 struct Report {
-    std::string fingerprint;
+    // Absent for a folder of .ics files, which has no fingerprint of its own.
+    std::optional<std::string> fingerprint;
     std::int64_t eventCount = 0;
     std::vector<BackupCalendar> calendars;
     std::optional<DateInterval> window;
     std::vector<BackupEvent> events;
+    // Present for a folder of .ics files only.
+    std::optional<std::vector<std::string>> unreadableFiles;
 };
 
-Report read(const std::filesystem::path& staged, bool withEvents) {
-    CalendarDatabase database(staged);
-    database.verifyIntegrity();
-    Report report;
-    report.fingerprint = database.contentFingerprint();
-    for (const auto& event : database.loadEvents())
-        report.eventCount += event.isDetachedOccurrence() ? 0 : 1;
-    report.calendars = database.calendars();
-    try {
-        report.window = database.occurrences().window;
-    } catch (const SQLiteError&) {
-        // A database without a recorded occurrence cache is still worth showing.
+// What only the kind of store behind a backup can tell: its fingerprint, calendars and every
+// event, those of subscribed and birthday calendars included.
+void readStoreDetails(BackupStore& store, bool withEvents, Report& report) {
+    if (auto* database = dynamic_cast<CalendarDatabase*>(&store)) {
+        database->verifyIntegrity();
+        report.fingerprint = database->contentFingerprint();
+        report.calendars = database->calendars();
+        if (withEvents) report.events = database->events(std::nullopt);
+    } else if (auto* document = dynamic_cast<EventKitStore*>(&store)) {
+        report.fingerprint = "ek:" + document->snapshot().fingerprint();
+        report.calendars = document->snapshot().calendars;
+        if (withEvents) report.events = document->allEvents();
+    } else if (auto* archive = dynamic_cast<IcsArchive*>(&store)) {
+        report.calendars = archive->calendars();
+        report.unreadableFiles = archive->unreadableFiles();
+        if (withEvents) report.events = archive->loadEvents();
     }
-    if (withEvents) report.events = database.events(std::nullopt);
+}
+
+Report read(BackupStore& store, bool withEvents) {
+    Report report;
+    readStoreDetails(store, withEvents, report);
+    for (const auto& event : store.loadEvents())
+        report.eventCount += event.isDetachedOccurrence() ? 0 : 1;
+    try {
+        report.window = store.occurrences().window;
+    } catch (const Error&) {
+        // A store without a recorded occurrence cache is still worth showing.
+    }
     return report;
 }
 
@@ -79,13 +96,14 @@ void printJSON(const Report& report, bool withEvents, std::ostream& out) {
                              {"colorHex", orNull(calendar.colorHex)}});
     }
     json::Value document = {
-        {"fingerprint", report.fingerprint},
+        {"fingerprint", orNull(report.fingerprint)},
         {"eventCount", report.eventCount},
         {"calendars", calendars},
         {"occurrenceWindow", report.window ? json::Value{{"start", json::isoDate(report.window->start)},
                                                          {"end", json::isoDate(report.window->end)}}
                                            : json::Value(nullptr)},
     };
+    if (report.unreadableFiles) document["unreadableFiles"] = *report.unreadableFiles;
     if (withEvents) {
         json::Value events = json::Value::array();
         for (const auto& event : report.events)
@@ -96,7 +114,7 @@ void printJSON(const Report& report, bool withEvents, std::ostream& out) {
 }
 
 void printText(const Report& report, bool withEvents, std::ostream& out) {
-    out << "Fingerprint: " << report.fingerprint << '\n';
+    if (report.fingerprint) out << "Fingerprint: " << *report.fingerprint << '\n';
     out << "Events: " << report.eventCount << '\n';
     out << "Occurrence cache: ";
     if (report.window) {
@@ -108,6 +126,11 @@ void printText(const Report& report, bool withEvents, std::ostream& out) {
     for (const auto& calendar : report.calendars) {
         out << "  " << calendar.rowID << "  " << calendar.displayName() << "  (store type " << calendar.storeType
             << ")\n";
+    }
+    if (report.unreadableFiles && !report.unreadableFiles->empty()) {
+        out << "Unreadable files:\n";
+        for (const auto& file : *report.unreadableFiles)
+            out << "  " << file << '\n';
     }
     if (!withEvents) return;
     out << "Events:\n";
@@ -128,22 +151,19 @@ void printText(const Report& report, bool withEvents, std::ostream& out) {
 } // namespace
 
 int runInspect(const InspectOptions& options, std::ostream& out, std::ostream& err) {
-    std::filesystem::path staged;
     try {
-        // A stored restore point is decompressed into its staged copy; anything else is found
-        // as a database file or a folder holding one, and copied.
-        if (options.path.ends_with(".calsnap")) {
-            staged = CalendarArchive::stageFile(paths::expandingTilde(options.path));
-        } else {
-            staged =
-                BackupLocator::stageCopy(BackupLocator::findDatabase(options.path, UserFolders::current().userName()));
+        const auto opened = BackupCatalog::open(BackupCatalog::source(options.path));
+        Report report;
+        try {
+            report = read(*opened.store, options.events);
+        } catch (...) {
+            opened.close();
+            throw;
         }
-        const auto report = read(staged, options.events);
-        BackupLocator::removeStagedCopy(staged);
+        opened.close();
         options.json ? printJSON(report, options.events, out) : printText(report, options.events, out);
         return exitSuccess;
     } catch (const Error& error) {
-        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
         err << "morvane: " << error.description() << '\n';
         return exitFailure;
     }
