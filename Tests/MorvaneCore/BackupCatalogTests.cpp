@@ -1,10 +1,14 @@
 #include "MorvaneCore/BackupCatalog.h"
 
 #include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/CalendarArchive.h"
+#include "MorvaneCore/Compression.h"
 #include "MorvaneCore/DateFormatting.h"
 #include "MorvaneCore/Errors.h"
 #include "MorvaneCore/SnapshotMount.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/CalendarGenerator.h"
+#include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -250,6 +254,96 @@ TEST_F(BackupCatalogTest, LiveCalendarResolverReadsAStagedCopyAndLeavesNothingSt
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
     ASSERT_TRUE(resolver("home", std::nullopt));
     EXPECT_EQ(resolver("home", std::nullopt)->title, "Home");
+}
+
+TEST_F(BackupCatalogTest, SourceForAPathClassesWhatTheUserPicked) {
+    using Case = Kind::Case;
+    const auto& root = user.root();
+    const auto kindOf = [](const std::string& path) { return BackupCatalog::source(path).kind.which; };
+
+    // Named backups need not exist to be told.
+    const auto backup = BackupCatalog::source("/Volumes/B/.timemachine/X/2024-03-01-120000.backup/Data");
+    EXPECT_EQ(backup.kind, Kind::timeMachine("/Volumes/B/.timemachine/X/2024-03-01-120000.backup/Data"));
+    EXPECT_FALSE(backup.date);
+    EXPECT_EQ(BackupCatalog::source("com.apple.TimeMachine.2024-03-01-120000.local").kind,
+              Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-120000.local"));
+
+    const auto stored = BackupCatalog::source("~/Snapshots/2024-03-01-120000.calevents");
+    EXPECT_EQ(stored.kind, Kind::appSnapshot((user.home() / "Snapshots/2024-03-01-120000.calevents").string()));
+    EXPECT_EQ(stored.date, stamp("2024-03-01-120000"));
+    EXPECT_EQ(kindOf("/x/kept.calsnap"), Case::appSnapshot);
+    EXPECT_FALSE(BackupCatalog::source("/x/kept.calsnap").date);
+
+    // A folder of calendar folders holding .ics files, dated by its name.
+    root.write("2024-03-01-120000/home/a.ICS", "BEGIN:VCALENDAR\r\nEND:VCALENDAR\r\n");
+    const auto archive = BackupCatalog::source((root.path() / "2024-03-01-120000").string());
+    EXPECT_EQ(archive.kind.which, Case::icsArchive);
+    EXPECT_EQ(archive.date, stamp("2024-03-01-120000"));
+
+    // A database wins over .ics files beside it; any plain file is a database to try.
+    root.write("both/work/a.ics");
+    root.write(std::filesystem::path("both") / BackupLocator::relativeDBPath);
+    EXPECT_EQ(kindOf((root.path() / "both").string()), Case::file);
+    EXPECT_EQ(kindOf((root.path() / "2024-03-01-120000/home/a.ICS").string()), Case::file);
+    EXPECT_EQ(kindOf((root.path() / "missing").string()), Case::file);
+    root.write("plain/notes.txt");
+    EXPECT_EQ(kindOf((root.path() / "plain").string()), Case::file);
+}
+
+TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
+    const auto& root = user.root();
+    // A database in a home folder's layout, the same stored as a restore point, an event store
+    // document and a folder of .ics files.
+    const auto database = root.path() / "home" / BackupLocator::relativeDBPath;
+    std::filesystem::create_directories(database.parent_path());
+    {
+        testing::CalendarDatabaseBuilder builder(database);
+        testing::generateCalendar(builder, 40, 3);
+        builder.close();
+    }
+    const auto calsnap = root.write("Snapshots/2024-03-01-120000.calsnap",
+                                    compression::compress(CalendarArchive::readCoordinated(database)));
+    const auto calevents = root.path() / "Snapshots/2024-03-02-120000.calevents";
+    {
+        EKEventStore store(root.path() / "live/Calendar.sqlitedb");
+        auto event = EKEvent::eventWithEventStore(store);
+        event->title = "Dentist";
+        event->startDate = 760000000.0;
+        event->endDate = 760003600.0;
+        event->calendar = store.defaultCalendarForNewEvents();
+        store.saveEvent(*event, EKSpan::thisEvent, true);
+        testing::writeEventStoreSnapshot(store, calevents, Date{760100000.0});
+    }
+    root.write("ics/home/a.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nDTSTART:20240301T090000Z\r\n"
+                                 "SUMMARY:Walk\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+
+    struct Expected {
+        BackupSource source;
+        bool staged;
+        std::string location;
+    };
+    const std::vector<Expected> cases = {
+        {{Kind::file((root.path() / "home").string()), std::nullopt}, true, database.string()},
+        {{Kind::appSnapshot(calsnap.string()), std::nullopt}, true, calsnap.string()},
+        {{Kind::timeMachineImport(calsnap.string()), std::nullopt}, true, calsnap.string()},
+        {{Kind::iCloudSnapshot(calevents.string(), "iMac"), std::nullopt}, false, calevents.string()},
+        {{Kind::icsArchive((root.path() / "ics").string()), std::nullopt}, false, (root.path() / "ics").string()},
+    };
+    for (const auto& expected : cases) {
+        SCOPED_TRACE(expected.source.id());
+        const auto opened = BackupCatalog::open(expected.source);
+        EXPECT_EQ(opened.location, expected.location);
+        EXPECT_EQ(opened.stagedCopy.has_value(), expected.staged);
+        EXPECT_EQ(opened.mount, nullptr);
+        EXPECT_FALSE(opened.store->loadEvents().empty());
+        opened.close();
+        opened.close();
+        EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
+    }
+    EXPECT_EQ(
+        BackupCatalog::open({Kind::appSnapshot(calevents.string()), std::nullopt}).store->loadEvents().front().title(),
+        "Dentist");
+    EXPECT_TRUE(tools.commandLines().empty());
 }
 
 } // namespace

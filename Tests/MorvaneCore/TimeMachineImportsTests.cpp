@@ -263,12 +263,5 @@ TEST_F(TimeMachineImportsTest, OnlyTimeMachineSourcesGoThroughTheCache) {
     EXPECT_EQ(BackupCache::shared().url(file).filename().string().size(), 32u + 8u);
 }
 
-TEST_F(TimeMachineImportsTest, StoresThatArentDatabasesYetSayTheyCantBeOpened) {
-    // .ics folders and event store documents open once their readers exist.
-    EXPECT_THROW(BackupCatalog::open({Kind::icsArchive(user.root().path().string()), std::nullopt}), RestoreError);
-    EXPECT_THROW(BackupCatalog::open({Kind::appSnapshot("/x/2024-03-01-101500.calevents"), std::nullopt}),
-                 RestoreError);
-}
-
 } // namespace
 } // namespace morvane

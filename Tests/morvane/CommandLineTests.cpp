@@ -3,6 +3,7 @@
 
 #include "MorvaneCore/BackupLocator.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -115,6 +116,41 @@ TEST_F(CommandLineTest, InspectReportsWhatADatabaseHoldsFromAStagedCopy) {
     const auto text = runCommandLine({"inspect", file.c_str()});
     EXPECT_EQ(text.status, 0);
     EXPECT_NE(text.out.find("Events: 1\n"), std::string::npos) << text.out;
+}
+
+TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles) {
+    const auto& root = user.root();
+    const auto calevents = root.path() / "2024-03-02-120000.calevents";
+    {
+        EKEventStore store(root.path() / "live/Calendar.sqlitedb");
+        auto event = EKEvent::eventWithEventStore(store);
+        event->title = "Dentist";
+        event->startDate = 760000000.0;
+        event->endDate = 760003600.0;
+        event->calendar = store.defaultCalendarForNewEvents();
+        store.saveEvent(*event, EKSpan::thisEvent, true);
+        testing::writeEventStoreSnapshot(store, calevents, Date{760100000.0});
+    }
+    const auto document = runCommandLine({"inspect", calevents.c_str()});
+    ASSERT_EQ(document.status, 0) << document.err;
+    EXPECT_TRUE(document.out.starts_with("Fingerprint: ek:")) << document.out;
+    EXPECT_NE(document.out.find("Events: 1\n"), std::string::npos) << document.out;
+    EXPECT_NE(document.out.find("  1  Calendar (On My Mac)  (store type 0)\n"), std::string::npos) << document.out;
+
+    root.write("ics/home/displayname", "Home");
+    root.write("ics/home/walk.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:walk\r\nDTSTART:20240301T090000Z\r\n"
+                                    "SUMMARY:Walk\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
+    const auto latin1 = root.write("ics/home/old.ics", "SUMMARY:Caf\xE9\r\n");
+    const auto archive = runCommandLine({"inspect", (root.path() / "ics").c_str(), "--events", "--json"});
+    ASSERT_EQ(archive.status, 0) << archive.err;
+    const auto report = nlohmann::json::parse(archive.out);
+    EXPECT_EQ(report["fingerprint"], nullptr);
+    EXPECT_EQ(report["eventCount"], 1);
+    EXPECT_EQ(report["occurrenceWindow"], nullptr);
+    EXPECT_EQ(report["calendars"][0]["displayName"], "Home (archive)");
+    EXPECT_EQ(report["events"][0]["uniqueIdentifier"], "walk");
+    EXPECT_EQ(report["unreadableFiles"], nlohmann::json::array({latin1.string()}));
+    EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 }
 
 TEST_F(CommandLineTest, InspectOfSomethingUnreadableFailsWithTheReason) {
