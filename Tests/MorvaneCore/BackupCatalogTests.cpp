@@ -10,6 +10,7 @@
 #include "Support/CalendarGenerator.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
+#include "Support/SavedEvents.h"
 
 #include <gtest/gtest.h>
 
@@ -306,12 +307,7 @@ TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     const auto calevents = root.path() / "Snapshots/2024-03-02-120000.calevents";
     {
         EKEventStore store(root.path() / "live/Calendar.sqlitedb");
-        auto event = EKEvent::eventWithEventStore(store);
-        event->title = "Dentist";
-        event->startDate = 760000000.0;
-        event->endDate = 760003600.0;
-        event->calendar = store.defaultCalendarForNewEvents();
-        store.saveEvent(*event, EKSpan::thisEvent, true);
+        testing::saveEvent(store, "Dentist", 760000000.0, 760003600.0);
         testing::writeEventStoreSnapshot(store, calevents, Date{760100000.0});
     }
     root.write("ics/home/a.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nDTSTART:20240301T090000Z\r\n"

@@ -7,6 +7,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
 #include <atomic>
@@ -27,14 +28,7 @@ protected:
     std::shared_ptr<EKEvent> save(const std::string& title, double start, double end,
                                   std::optional<std::string> zone = std::string(testing::pinnedZone),
                                   std::shared_ptr<const EKCalendar> calendar = nullptr) {
-        auto event = EKEvent::eventWithEventStore(*store);
-        event->title = title;
-        event->startDate = start;
-        event->endDate = end;
-        event->timeZone = std::move(zone);
-        event->calendar = calendar ? calendar : store->defaultCalendarForNewEvents();
-        store->saveEvent(*event, EKSpan::futureEvents, true);
-        return event;
+        return testing::saveEvent(*store, title, start, end, std::move(zone), std::nullopt, std::move(calendar));
     }
 
     // A backup's view of an event: identity and content as a database would give them.

@@ -9,6 +9,7 @@
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
 #include <algorithm>
@@ -43,15 +44,7 @@ protected:
     std::shared_ptr<EKEvent> save(EKEventStore& store, const std::string& title, double start, double end,
                                   std::optional<std::string> zone = std::string(testing::pinnedZone),
                                   std::optional<EKRecurrenceRule> rule = std::nullopt) {
-        auto event = EKEvent::eventWithEventStore(store);
-        event->title = title;
-        event->startDate = start;
-        event->endDate = end;
-        event->timeZone = std::move(zone);
-        event->calendar = store.defaultCalendarForNewEvents();
-        if (rule) event->recurrenceRules = {*rule};
-        store.saveEvent(*event, EKSpan::futureEvents, true);
-        return event;
+        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(rule));
     }
 
     static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, int count) {

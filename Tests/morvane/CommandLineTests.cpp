@@ -5,6 +5,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
+#include "Support/SavedEvents.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -123,12 +124,7 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     const auto calevents = root.path() / "2024-03-02-120000.calevents";
     {
         EKEventStore store(root.path() / "live/Calendar.sqlitedb");
-        auto event = EKEvent::eventWithEventStore(store);
-        event->title = "Dentist";
-        event->startDate = 760000000.0;
-        event->endDate = 760003600.0;
-        event->calendar = store.defaultCalendarForNewEvents();
-        store.saveEvent(*event, EKSpan::thisEvent, true);
+        testing::saveEvent(store, "Dentist", 760000000.0, 760003600.0);
         testing::writeEventStoreSnapshot(store, calevents, Date{760100000.0});
     }
     const auto document = runCommandLine({"inspect", calevents.c_str()});

@@ -1,0 +1,19 @@
+#include "Support/SavedEvents.h"
+
+namespace morvane::testing {
+
+std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title, double start, double end,
+                                   std::optional<std::string> zone, std::optional<EKRecurrenceRule> rule,
+                                   std::shared_ptr<const EKCalendar> calendar) {
+    auto event = EKEvent::eventWithEventStore(store);
+    event->title = title;
+    event->startDate = start;
+    event->endDate = end;
+    event->timeZone = std::move(zone);
+    event->calendar = calendar ? std::move(calendar) : store.defaultCalendarForNewEvents();
+    if (rule) event->recurrenceRules = {*rule};
+    store.saveEvent(*event, EKSpan::futureEvents, true);
+    return event;
+}
+
+} // namespace morvane::testing

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "MorvanePlatform/EventKit.h"
+#include "Support/Pinned.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace morvane::testing {
+
+// Saves and commits a timed event in `calendar` (the store's default when absent), a series when
+// `rule` is given, zoned in the pinned zone unless told otherwise (absent is floating).
+std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title, double start, double end,
+                                   std::optional<std::string> zone = std::string(pinnedZone),
+                                   std::optional<EKRecurrenceRule> rule = std::nullopt,
+                                   std::shared_ptr<const EKCalendar> calendar = nullptr);
+
+} // namespace morvane::testing
