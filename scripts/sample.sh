@@ -2,7 +2,7 @@
 # Builds the programs in release mode and runs the main job on a self-contained sample: a
 # generated calendar of 2,000 events laid out as in a home folder, read the way a backup is read
 # (found, staged, verified, fingerprinted), then as the live calendars of a user whose home it is,
-# beside the listing of this machine's Time Machine backups.
+# beside the listing of this machine's Time Machine backups and a small folder of .ics files.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,6 +25,23 @@ run inspect "$sample"
 run inspect "$sample" --events --json > build/sample/inspect.json
 head -n 40 build/sample/inspect.json
 echo "... (the whole report is in build/sample/inspect.json)"
+
+# A folder of .ics files as a calendar sync tool leaves it: one folder per calendar. The weekly
+# series has one occurrence moved and one deleted; the last file isn't UTF-8.
+archive=build/sample/archive
+rm -rf "$archive"
+mkdir -p "$archive/work"
+printf 'Work' > "$archive/work/displayname"
+printf '%s\r\n' BEGIN:VCALENDAR VERSION:2.0 BEGIN:VEVENT UID:standup-1 'SUMMARY:Stand-up' \
+    'DTSTART;TZID=Europe/Berlin:20250303T093000' 'DTEND;TZID=Europe/Berlin:20250303T094500' \
+    'RRULE:FREQ=WEEKLY;BYDAY=MO,WE' 'EXDATE;TZID=Europe/Berlin:20250310T093000' \
+    BEGIN:VALARM ACTION:DISPLAY TRIGGER:-PT10M END:VALARM END:VEVENT \
+    BEGIN:VEVENT UID:standup-1 'RECURRENCE-ID;TZID=Europe/Berlin:20250305T093000' 'SUMMARY:Stand-up (moved)' \
+    'DTSTART;TZID=Europe/Berlin:20250305T110000' 'DTEND;TZID=Europe/Berlin:20250305T111500' END:VEVENT \
+    BEGIN:VEVENT UID:offsite-1 'SUMMARY:Offsite' 'DTSTART;VALUE=DATE:20250320' 'DTEND;VALUE=DATE:20250322' \
+    END:VEVENT END:VCALENDAR > "$archive/work/standup.ics"
+printf 'BEGIN:VCALENDAR\r\nSUMMARY:Caf\xe9\r\nEND:VCALENDAR\r\n' > "$archive/work/latin1.ics"
+run inspect "$archive" --events
 
 # The same database as the live calendars of a user whose home is the sample folder: the local
 # event store opens it as found and expands its repeating events.
