@@ -9,6 +9,7 @@
 #include "MorvaneCore/Json.h"
 #include "morvane/CommandLine.h"
 
+#include <map>
 #include <ostream>
 
 namespace morvane::cli {
@@ -21,6 +22,8 @@ struct Report {
     std::vector<BackupCalendar> calendars;
     std::optional<DateInterval> window;
     std::vector<BackupEvent> events;
+    // By row of a series: the occurrences deleted from it, where the store keeps them.
+    std::map<std::int64_t, std::vector<Date>> exceptions;
     // Present for a folder of .ics files only.
     std::optional<std::vector<std::string>> unreadableFiles;
 };
@@ -47,6 +50,12 @@ void readStoreDetails(BackupStore& store, bool withEvents, Report& report) {
 Report read(BackupStore& store, bool withEvents) {
     Report report;
     readStoreDetails(store, withEvents, report);
+    for (const auto& event : report.events) {
+        const bool repeats = event.hasRecurrences || event.snapshot.recurrence;
+        if (!repeats || event.isDetachedOccurrence()) continue;
+        if (auto dates = store.exceptionDates(event.rowID); !dates.empty())
+            report.exceptions.emplace(event.rowID, std::move(dates));
+    }
     for (const auto& event : store.loadEvents())
         report.eventCount += event.isDetachedOccurrence() ? 0 : 1;
     try {
@@ -61,11 +70,20 @@ template <typename T> json::Value orNull(const std::optional<T>& value) {
     return value ? json::Value(*value) : json::Value(nullptr);
 }
 
-json::Value eventJSON(const BackupEvent& event) {
+const std::vector<Date>& exceptionsOf(const Report& report, const BackupEvent& event) {
+    static const std::vector<Date> none;
+    const auto found = report.exceptions.find(event.rowID);
+    return found != report.exceptions.end() ? found->second : none;
+}
+
+json::Value eventJSON(const BackupEvent& event, const std::vector<Date>& exceptions) {
     const auto& snapshot = event.snapshot;
     json::Value alarms = json::Value::array();
     for (const auto& alarm : snapshot.alarms)
         alarms.push_back(alarm.description());
+    json::Value deleted = json::Value::array();
+    for (const auto date : exceptions)
+        deleted.push_back(date.seconds);
     return {
         {"rowID", event.rowID},
         {"uniqueIdentifier", event.uniqueIdentifier},
@@ -80,6 +98,7 @@ json::Value eventJSON(const BackupEvent& event) {
         {"calendar", event.calendar.displayName()},
         {"recurrence", snapshot.recurrence ? json::Value(snapshot.recurrence->description()) : json::Value(nullptr)},
         {"alarms", alarms},
+        {"exceptionDates", deleted},
         {"masterRowID", orNull(event.masterRowID)},
         {"originalDate", event.originalDate ? json::Value(event.originalDate->seconds) : json::Value(nullptr)},
     };
@@ -107,7 +126,7 @@ void printJSON(const Report& report, bool withEvents, std::ostream& out) {
     if (withEvents) {
         json::Value events = json::Value::array();
         for (const auto& event : report.events)
-            events.push_back(eventJSON(event));
+            events.push_back(eventJSON(event, exceptionsOf(report, event)));
         document["events"] = std::move(events);
     }
     out << json::dump(document, true) << '\n';
@@ -144,6 +163,8 @@ void printText(const Report& report, bool withEvents, std::ostream& out) {
         if (snapshot.recurrence) out << "      repeats: " << snapshot.recurrence->description() << '\n';
         for (const auto& alarm : snapshot.alarms)
             out << "      alarm: " << alarm.description() << '\n';
+        for (const auto date : exceptionsOf(report, event))
+            out << "      deleted: " << EventSnapshot::format(date, snapshot.isFloating(), snapshot.isAllDay) << '\n';
         if (event.masterRowID) out << "      detached from " << *event.masterRowID << '\n';
     }
 }

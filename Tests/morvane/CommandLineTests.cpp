@@ -88,6 +88,7 @@ TEST_F(CommandLineTest, InspectReportsWhatADatabaseHoldsFromAStagedCopy) {
                                         .uniqueIdentifier = "S-1"});
         db.addRecurrence({.owner = series, .frequency = std::int64_t{1}});
         db.addAlarm({.owner = series, .triggerInterval = std::int64_t{-900}});
+        db.addExceptionDate(series, 731116800.0);
         db.addItem({.calendar = calendar,
                     .uniqueIdentifier = "S-1/RID=731030400",
                     .origItemID = series,
@@ -108,6 +109,7 @@ TEST_F(CommandLineTest, InspectReportsWhatADatabaseHoldsFromAStagedCopy) {
     EXPECT_EQ(standup["start"], 730944000.0);
     EXPECT_EQ(standup["recurrence"], "FREQ=DAILY");
     EXPECT_EQ(standup["alarms"], nlohmann::json::array({"15m before"}));
+    EXPECT_EQ(standup["exceptionDates"], nlohmann::json::array({731116800.0}));
     EXPECT_EQ(standup["masterRowID"], nullptr);
     EXPECT_EQ(report["events"][1]["masterRowID"], 1);
     EXPECT_EQ(report["events"][1]["originalDate"], 731030400.0);
