@@ -34,19 +34,14 @@ json::Ordered BackupCalendar::json() const {
 
 BackupCalendar BackupCalendar::fromJson(const json::Ordered& value, const std::string& path) {
     const json::ObjectReader reader(value, path);
-    const auto optionalText = [&reader](std::string_view key) -> std::optional<std::string> {
-        const auto* found = reader.optional(key);
-        if (!found) return std::nullopt;
-        return json::string(*found, reader.pathOf(key));
-    };
     BackupCalendar calendar;
     calendar.rowID = json::integer(reader.required("rowID"), reader.pathOf("rowID"));
-    calendar.uuid = optionalText("uuid");
+    calendar.uuid = reader.optionalString("uuid");
     calendar.title = json::string(reader.required("title"), reader.pathOf("title"));
-    calendar.externalID = optionalText("externalID");
+    calendar.externalID = reader.optionalString("externalID");
     calendar.storeName = json::string(reader.required("storeName"), reader.pathOf("storeName"));
     calendar.storeType = json::integer(reader.required("storeType"), reader.pathOf("storeType"));
-    calendar.colorHex = optionalText("colorHex");
+    calendar.colorHex = reader.optionalString("colorHex");
     return calendar;
 }
 

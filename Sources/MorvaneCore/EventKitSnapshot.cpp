@@ -135,12 +135,6 @@ json::Ordered occurrencesJSON(const std::map<std::string, std::vector<std::int64
     return object;
 }
 
-std::optional<std::string> optionalText(const json::ObjectReader& reader, std::string_view key) {
-    const auto* value = reader.optional(key);
-    if (!value) return std::nullopt;
-    return json::string(*value, reader.pathOf(key));
-}
-
 } // namespace
 
 EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
@@ -307,7 +301,7 @@ EventKitSnapshot::Event EventKitSnapshot::Event::fromJson(const json::Ordered& v
     Event event;
     event.rowID = json::integer(reader.required("rowID"), reader.pathOf("rowID"));
     event.uniqueIdentifier = json::string(reader.required("uniqueIdentifier"), reader.pathOf("uniqueIdentifier"));
-    event.uuid = optionalText(reader, "uuid");
+    event.uuid = reader.optionalString("uuid");
     event.hasRecurrences = json::boolean(reader.required("hasRecurrences"), reader.pathOf("hasRecurrences"));
     if (const auto* master = reader.optional("masterRowID")) {
         event.masterRowID = json::integer(*master, reader.pathOf("masterRowID"));

@@ -46,12 +46,6 @@ std::string alarmsText(const std::vector<AlarmSpec>& alarms) {
     return result;
 }
 
-std::optional<std::string> optionalString(const json::ObjectReader& reader, std::string_view key) {
-    const auto* value = reader.optional(key);
-    if (!value) return std::nullopt;
-    return json::string(*value, reader.pathOf(key));
-}
-
 } // namespace
 
 std::string AlarmSpec::description() const {
@@ -155,11 +149,11 @@ EventSnapshot EventSnapshot::fromJson(const json::Ordered& value, json::DateEnco
     event.start = json::date(reader.required("start"), dates, reader.pathOf("start"));
     event.end = json::date(reader.required("end"), dates, reader.pathOf("end"));
     event.isAllDay = json::boolean(reader.required("isAllDay"), reader.pathOf("isAllDay"));
-    event.timeZone = optionalString(reader, "timeZone");
-    event.location = optionalString(reader, "location");
-    event.notes = optionalString(reader, "notes");
-    event.url = optionalString(reader, "url");
-    event.calendarUUID = optionalString(reader, "calendarUUID");
+    event.timeZone = reader.optionalString("timeZone");
+    event.location = reader.optionalString("location");
+    event.notes = reader.optionalString("notes");
+    event.url = reader.optionalString("url");
+    event.calendarUUID = reader.optionalString("calendarUUID");
     event.calendarName = json::string(reader.required("calendarName"), reader.pathOf("calendarName"));
     if (const auto* rule = reader.optional("recurrence")) {
         event.recurrence = RecurrenceRule::fromJson(*rule, dates, reader.pathOf("recurrence"));

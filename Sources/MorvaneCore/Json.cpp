@@ -131,6 +131,12 @@ const Ordered* ObjectReader::optional(std::string_view key) const {
     return &*found;
 }
 
+std::optional<std::string> ObjectReader::optionalString(std::string_view key) const {
+    const auto* found = optional(key);
+    if (found == nullptr) return std::nullopt;
+    return string(*found, pathOf(key));
+}
+
 std::string ObjectReader::pathOf(std::string_view key) const {
     return path_.empty() ? std::string(key) : path_ + "." + std::string(key);
 }

@@ -73,6 +73,8 @@ public:
     const Ordered& required(std::string_view key) const;
     // The value of an optional key, or null when it is missing or holds null.
     const Ordered* optional(std::string_view key) const;
+    // The text of an optional key: absent when it is missing or null, else it must be text.
+    std::optional<std::string> optionalString(std::string_view key) const;
     // The path of a key, for reading what it holds.
     std::string pathOf(std::string_view key) const;
 
