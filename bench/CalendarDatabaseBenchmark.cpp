@@ -17,9 +17,7 @@ const fs::path& generated(std::int64_t events) {
     if (path.empty()) {
         path = fs::temp_directory_path() / ("morvane-bench-" + std::to_string(events) + ".sqlite");
         fs::remove(path);
-        morvane::testing::CalendarDatabaseBuilder builder(path);
-        morvane::testing::generateCalendar(builder, events, 42);
-        builder.close();
+        morvane::testing::generateCalendarFile(path, events, 42);
     }
     return path;
 }

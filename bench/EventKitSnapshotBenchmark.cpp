@@ -28,10 +28,8 @@ EKEventStore& generatedStore(std::int64_t events) {
         fs::remove_all(folder);
         fs::create_directories(folder);
         const auto path = folder / "Calendar.sqlitedb";
-        morvane::testing::CalendarDatabaseBuilder builder(path,
-                                                          morvane::testing::CalendarDatabaseBuilder::Journal::wal);
-        morvane::testing::generateCalendar(builder, events, 42);
-        builder.close();
+        morvane::testing::generateCalendarFile(path, events, 42,
+                                               morvane::testing::CalendarDatabaseBuilder::Journal::wal);
         store = std::make_unique<EKEventStore>(path);
     }
     return *store;

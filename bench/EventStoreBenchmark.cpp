@@ -30,10 +30,8 @@ EKEventStore& generatedStore(std::int64_t events) {
     auto& store = made[events];
     if (!store) {
         const auto path = freshPath(std::to_string(events));
-        morvane::testing::CalendarDatabaseBuilder builder(path,
-                                                          morvane::testing::CalendarDatabaseBuilder::Journal::wal);
-        morvane::testing::generateCalendar(builder, events, 42);
-        builder.close();
+        morvane::testing::generateCalendarFile(path, events, 42,
+                                               morvane::testing::CalendarDatabaseBuilder::Journal::wal);
         store = std::make_unique<EKEventStore>(path);
     }
     return *store;

@@ -32,11 +32,8 @@ int main(int argc, char** argv) {
     const auto folder = fs::temp_directory_path() / "morvane-import-steps";
     fs::remove_all(folder);
     const auto source = folder / "Calendar.sqlitedb";
-    {
-        testing::CalendarDatabaseBuilder builder(source, testing::CalendarDatabaseBuilder::Journal::wal);
-        testing::generateCalendar(builder, events, 42);
-        builder.close(/*keepLog=*/true);
-    }
+    testing::generateCalendarFile(source, events, 42, testing::CalendarDatabaseBuilder::Journal::wal,
+                                  /*keepLog=*/true);
     const auto size = fs::file_size(source) + fs::file_size(source.string() + "-wal");
 
     fs::path staged;

@@ -296,12 +296,7 @@ TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     // A database in a home folder's layout, the same stored as a restore point, an event store
     // document and a folder of .ics files.
     const auto database = root.path() / "home" / BackupLocator::relativeDBPath;
-    std::filesystem::create_directories(database.parent_path());
-    {
-        testing::CalendarDatabaseBuilder builder(database);
-        testing::generateCalendar(builder, 40, 3);
-        builder.close();
-    }
+    testing::generateCalendarFile(database, 40, 3);
     const auto calsnap = root.write("Snapshots/2024-03-01-120000.calsnap",
                                     compression::compress(CalendarArchive::readCoordinated(database)));
     const auto calevents = root.path() / "Snapshots/2024-03-02-120000.calevents";

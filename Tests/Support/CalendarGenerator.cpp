@@ -6,6 +6,15 @@
 #include <vector>
 
 namespace morvane::testing {
+
+GeneratedCalendar generateCalendarFile(const std::filesystem::path& path, std::int64_t events, std::uint64_t seed,
+                                       CalendarDatabaseBuilder::Journal journal, bool keepLog) {
+    CalendarDatabaseBuilder builder(path, journal);
+    const auto made = generateCalendar(builder, events, seed);
+    builder.close(keepLog);
+    return made;
+}
+
 namespace {
 
 constexpr double day = 86400;

@@ -3,6 +3,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 
 #include <cstdint>
+#include <filesystem>
 
 namespace morvane::testing {
 
@@ -23,5 +24,12 @@ struct GeneratedCalendar {
 // Repeating events advance by fixed steps (a month is 30 days, a year 365): the data is
 // realistic in size and shape, not a calendar to check recurrence expansion against.
 GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_t events, std::uint64_t seed);
+
+// The same written to a new file at `path` (the folders above it made) and closed, with its live
+// log kept beside it when `keepLog` and the journal is a write-ahead log.
+GeneratedCalendar
+generateCalendarFile(const std::filesystem::path& path, std::int64_t events, std::uint64_t seed,
+                     CalendarDatabaseBuilder::Journal journal = CalendarDatabaseBuilder::Journal::rollback,
+                     bool keepLog = false);
 
 } // namespace morvane::testing

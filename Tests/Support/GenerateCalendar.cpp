@@ -10,10 +10,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        morvane::testing::CalendarDatabaseBuilder builder(argv[1]);
-        const auto made = morvane::testing::generateCalendar(builder, std::atoll(argv[2]),
-                                                             argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 1);
-        builder.close();
+        const auto made = morvane::testing::generateCalendarFile(argv[1], std::atoll(argv[2]),
+                                                                 argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 1);
         std::cout << argv[1] << ": " << made.events << " events, " << made.series << " repeating, " << made.detached
                   << " detached, " << made.exceptions << " exception dates, " << made.occurrences
                   << " cached occurrences\n";
