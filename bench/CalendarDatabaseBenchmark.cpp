@@ -1,6 +1,6 @@
 // In-process timings of the calendar database reader on generated databases of 10,000 and
 // 100,000 events (made once per run in the temporary folder).
-#include "MorvaneCore/CalendarDatabase.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
 #include "Support/CalendarGenerator.h"
 
 #include <benchmark/benchmark.h>

@@ -3,7 +3,7 @@
 // of the whole window, a year per fetch, then the document's file form both ways and its
 // fingerprint. The current zone is pinned to Los Angeles so that floating events pay for their
 // conversion as they would on a user's machine, and `now` to 1 June 2025.
-#include "MorvaneCore/EventKitSnapshot.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 #include "Support/CalendarGenerator.h"
 
 #include <benchmark/benchmark.h>

@@ -1,6 +1,6 @@
 // Prints the content fingerprint of a database, as a whole process for side-by-side timing:
 // fingerprint DATABASE
-#include "MorvaneCore/CalendarDatabase.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
 
 #include <iostream>
 

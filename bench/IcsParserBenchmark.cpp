@@ -2,7 +2,7 @@
 // shared real-world corpus, and its largest file alone (a 1.6 MB Google export). Both sides get
 // the whole text of one file per call and build their complete tree of components; throughput is
 // in bytes of input. See bench/README.md.
-#include "MorvaneCore/ICalendar.h"
+#include "MorvaneCore/IcsArchives/ICalendar.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>

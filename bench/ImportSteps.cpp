@@ -1,9 +1,9 @@
 // Times each step of importing a calendar database as a restore point, on a generated database
 // of about 50 MB: import-steps [EVENTS]. The steps are those of CalendarArchive::importDatabase,
 // run one by one here so that each can be timed.
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/CalendarDatabase.h"
-#include "MorvaneCore/Compression.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
+#include "MorvaneCore/Shared/Compression.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarGenerator.h"
 

@@ -2,8 +2,8 @@
 // never anything else. A document that decodes opens as a store, and its own file form decodes
 // again (the dates may move by rounding on the way through JSON, so they aren't compared).
 #include "Lzfse/Lzfse.h"
-#include "MorvaneCore/Errors.h"
-#include "MorvaneCore/EventKitSnapshot.h"
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 
 #include <cstdint>
 #include <cstdlib>

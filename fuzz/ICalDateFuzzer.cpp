@@ -1,5 +1,5 @@
 // ICalDate.parse over arbitrary bytes: the value up to the first line feed, the zone after it.
-#include "MorvaneCore/ICalendar.h"
+#include "MorvaneCore/IcsArchives/ICalendar.h"
 
 #include <cstdint>
 #include <cstdlib>

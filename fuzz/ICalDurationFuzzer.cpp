@@ -1,5 +1,5 @@
 // iCalDuration over arbitrary bytes.
-#include "MorvaneCore/ICalendar.h"
+#include "MorvaneCore/IcsArchives/ICalendar.h"
 
 #include <cstdint>
 #include <string_view>

@@ -1,7 +1,7 @@
 // One .ics file of arbitrary bytes in an archive of one calendar: reading it never fails but for
 // the folder, whatever the events say, and every event it gives can be described. The calendar
 // has default alarms, so that the default-alarm rules run too.
-#include "MorvaneCore/IcsArchive.h"
+#include "MorvaneCore/IcsArchives/IcsArchive.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // ICalParser over arbitrary bytes: parse, and what the readers above it do with each property.
-#include "MorvaneCore/ICalendar.h"
+#include "MorvaneCore/IcsArchives/ICalendar.h"
 
 #include <cstdint>
 #include <cstdlib>

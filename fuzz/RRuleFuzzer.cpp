@@ -1,7 +1,7 @@
 // RecurrenceRule from RRULE text over arbitrary bytes: the rule up to the first line feed, the
 // zone of UNTIL after it. A rule that reads must describe itself and survive its JSON form.
-#include "MorvaneCore/RecurrenceRule.h"
-#include "MorvaneCore/Text.h"
+#include "MorvaneCore/EventModel/RecurrenceRule.h"
+#include "MorvaneCore/Shared/Text.h"
 
 #include <cstdint>
 #include <cstdlib>

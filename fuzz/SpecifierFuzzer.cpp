@@ -1,8 +1,8 @@
 // RecurrenceRule from database columns over arbitrary bytes: the first byte picks the frequency
 // code and the count, the rest is the specifier. A rule that reads must describe itself and
 // survive its JSON form.
-#include "MorvaneCore/RecurrenceRule.h"
-#include "MorvaneCore/Text.h"
+#include "MorvaneCore/EventModel/RecurrenceRule.h"
+#include "MorvaneCore/Shared/Text.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,8 +1,8 @@
 #include "MorvaneHelper/HelperApplication.h"
 
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/SnapshotMount.h"
-#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Backups/SnapshotMount.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvaneHelper/HelperModel.h"
 #include "MorvaneHelper/HelperView.h"
 #include "MorvaneHelper/QtMainThread.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "MorvaneCore/BackupSource.h"
-#include "MorvaneCore/CalendarArchive.h"
+#include "MorvaneCore/Backups/BackupSource.h"
+#include "MorvaneCore/SnapshotStore/CalendarArchive.h"
 
 #include <functional>
 #include <memory>

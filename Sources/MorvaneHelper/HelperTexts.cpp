@@ -1,6 +1,6 @@
 #include "MorvaneHelper/HelperTexts.h"
 
-#include "MorvaneCore/DateFormatting.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
 
 #include <algorithm>
 

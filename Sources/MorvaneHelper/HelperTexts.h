@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MorvaneCore/BackupSource.h"
+#include "MorvaneCore/Backups/BackupSource.h"
 #include "MorvaneHelper/HelperModel.h"
 
 #include <optional>

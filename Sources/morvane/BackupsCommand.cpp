@@ -1,7 +1,7 @@
 #include "morvane/BackupsCommand.h"
 
-#include "MorvaneCore/BackupCatalog.h"
-#include "MorvaneCore/Json.h"
+#include "MorvaneCore/Backups/BackupCatalog.h"
+#include "MorvaneCore/Shared/Json.h"
 #include "morvane/CommandLine.h"
 
 #include <algorithm>

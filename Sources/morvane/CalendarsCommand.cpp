@@ -1,7 +1,7 @@
 #include "morvane/CalendarsCommand.h"
 
-#include "MorvaneCore/CurrentEvents.h"
-#include "MorvaneCore/Json.h"
+#include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/Shared/Json.h"
 #include "morvane/CommandLine.h"
 
 #include <cstdio>

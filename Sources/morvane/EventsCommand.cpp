@@ -1,9 +1,9 @@
 #include "morvane/EventsCommand.h"
 
-#include "MorvaneCore/CurrentEvents.h"
-#include "MorvaneCore/DateFormatting.h"
-#include "MorvaneCore/Json.h"
-#include "MorvaneCore/TimeZones.h"
+#include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Json.h"
+#include "MorvaneCore/Shared/TimeZones.h"
 #include "morvane/CommandLine.h"
 
 #include <algorithm>

@@ -1,12 +1,12 @@
 #include "morvane/InspectCommand.h"
 
-#include "MorvaneCore/BackupCatalog.h"
-#include "MorvaneCore/CalendarDatabase.h"
-#include "MorvaneCore/DateFormatting.h"
-#include "MorvaneCore/Errors.h"
-#include "MorvaneCore/EventKitSnapshot.h"
-#include "MorvaneCore/IcsArchive.h"
-#include "MorvaneCore/Json.h"
+#include "MorvaneCore/Backups/BackupCatalog.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
+#include "MorvaneCore/IcsArchives/IcsArchive.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvaneCore/Shared/Json.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 #include "morvane/CommandLine.h"
 
 #include <map>

@@ -1,6 +1,6 @@
 #include "morvane/TimeMachineCommand.h"
 
-#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvaneHelper/HelperModel.h"
 #include "MorvaneHelper/HelperTexts.h"
 #include "MorvanePlatform/Files.h"

@@ -1,7 +1,7 @@
 #include "MorvaneHelper/HelperModel.h"
 
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/QueuedMainThread.h"
 #include "Support/CalendarDatabaseBuilder.h"

@@ -2,8 +2,8 @@
 // build folder (screenshots/), which is where the README's pictures come from.
 #include "MorvaneHelper/HelperView.h"
 
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvaneHelper/HelperApplication.h"
 #include "MorvaneHelper/QtMainThread.h"
 #include "Support/CalendarDatabaseBuilder.h"

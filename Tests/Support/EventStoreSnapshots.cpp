@@ -1,6 +1,6 @@
 #include "Support/EventStoreSnapshots.h"
 
-#include "MorvaneCore/EventKitSnapshot.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 #include "MorvanePlatform/Files.h"
 
 namespace morvane::testing {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "MorvaneCore/Date.h"
+#include "MorvaneCore/Shared/Date.h"
 #include "MorvanePlatform/EventKit.h"
 
 #include <filesystem>

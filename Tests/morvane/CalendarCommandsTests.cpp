@@ -1,6 +1,6 @@
 #include "morvane/CommandLine.h"
 
-#include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvanePlatform/EventKit.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"

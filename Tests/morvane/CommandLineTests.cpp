@@ -1,7 +1,7 @@
 #include "RunCommandLine.h"
 #include "morvane/CommandLine.h"
 
-#include "MorvaneCore/BackupLocator.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"

@@ -1,7 +1,7 @@
 // The helper's flow without its window, end to end: folder-based backups in a temporary tree,
 // listed by a recorded tmutil, imported into the App Store edition's store in a temporary home.
-#include "MorvaneCore/BackupLocator.h"
-#include "MorvaneCore/TimeMachineImports.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
 #include "RunCommandLine.h"
 #include "Support/CalendarDatabaseBuilder.h"

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "MorvaneCore/Backups/BackupSource.h"
+#include "MorvaneCore/Backups/OpenedBackup.h"
+#include "MorvaneCore/IcsArchives/IcsArchive.h"
+#include "MorvaneCore/Shared/Date.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace morvane {
+
+class SnapshotMount;
+
+// Where backups are, and the one door to external tools. No instances, no state. Everything
+// here blocks while tools run; callers keep it off the interface's thread.
+namespace BackupCatalog {
+
+inline constexpr std::string_view snapshotNamePrefix = "com.apple.TimeMachine.";
+inline constexpr std::string_view localSnapshotSuffix = ".local";
+inline constexpr std::string_view backupSnapshotSuffix = ".backup";
+inline constexpr std::string_view dataVolume = "/System/Volumes/Data";
+inline constexpr std::string_view timeMachineFolder = ".timemachine";
+
+struct ToolResult {
+    std::int32_t status = 0;
+    std::string output;
+};
+
+// Runs the tool at the absolute `path` with `arguments` and no shell; standard output and
+// standard error arrive mixed in `output`, decoded as UTF-8 with ill-formed bytes repaired.
+// Never throws: a tool that can't be launched gives status -1 and the reason as output.
+ToolResult run(const std::string& path, const std::vector<std::string>& arguments);
+
+// Appends the local snapshots and the backups on the Time Machine disk to `into`, and any
+// note in words on why fewer are listed to `notes`. Never fails.
+void listTimeMachine(std::vector<BackupSource>& into, std::vector<std::string>& notes);
+
+// Sorts newest first, a source without a date counting as the distant past. Stable: undated
+// sources end the list in the order they were listed.
+void sortNewestFirst(std::vector<BackupSource>& sources);
+
+// Reads "yyyy-MM-dd-HHmmss" as local wall-clock time; nothing when the text isn't exactly that.
+std::optional<Date> parseStamp(std::string_view text);
+
+struct PreparedSource {
+    std::string root;
+    // Present when a snapshot had to be mounted (or borrowed) to read the backup. The caller
+    // owns it and must unmount it when done.
+    std::shared_ptr<SnapshotMount> mount;
+};
+
+// Turns a source into a folder (or file) that can be read, mounting an APFS snapshot where
+// needed. Throws RestoreError when a Time Machine backup's disk can't be told, and passes on
+// the errors of mounting.
+PreparedSource prepare(const BackupSource& source);
+
+struct SnapshotLocation {
+    std::string name;
+    std::string volume;
+
+    friend bool operator==(const SnapshotLocation&, const SnapshotLocation&) = default;
+};
+
+// The APFS snapshot and its volume's mount point behind a snapshot-based backup path of the form
+// .../.timemachine/{volume UUID}/{stamp}.backup/...; nothing for any other path or any problem.
+std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path);
+
+// Classes a path a user typed or picked, a leading tilde expanded: a Time Machine backup, a local
+// snapshot's name, a stored restore point, a folder of .ics files without a calendar database in
+// it, else a database file or a folder holding one. Never picked; touches the disk only to tell a
+// folder of .ics files from one holding a database.
+BackupSource source(std::string_view forPath);
+
+// Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
+// read once before comes from its cached copy, without the disk or a mount. Several threads
+// opening one uncached source are serialised: one reads it, the others then use the cache.
+// Throws what opening the source throws; nothing stays staged or mounted then.
+OpenedBackup open(const BackupSource& source);
+
+// Opens a source from the source itself, never through the cache.
+OpenedBackup openUncached(const BackupSource& source);
+
+// Fills the cache for a cacheable source that isn't cached yet, leaving nothing open.
+void prepareCache(const BackupSource& source);
+
+// A resolver that matches the calendars of an .ics archive against this Mac's calendars, read
+// from a staged copy of the live database that is gone again when this returns. Never throws:
+// when the live database can't be staged, opened or read, the resolver knows no calendar.
+CalendarResolver liveCalendarResolver();
+
+} // namespace BackupCatalog
+} // namespace morvane

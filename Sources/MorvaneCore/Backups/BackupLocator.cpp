@@ -1,0 +1,160 @@
+#include "MorvaneCore/Backups/BackupLocator.h"
+
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvaneCore/Shared/Paths.h"
+#include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/UserFolders.h"
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <set>
+
+namespace morvane::BackupLocator {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view stagedFolderPrefix = "morvane-";
+constexpr int searchLevels = 4; // the root and three levels below it
+constexpr std::array<std::string_view, 6> skippedFolders = {"Users",   "System",  "Applications",
+                                                            "Library", "private", "usr"};
+
+struct Registry {
+    std::mutex lock;
+    std::set<fs::path> staged; // guarded by lock
+};
+
+Registry& registry() {
+    static Registry shared;
+    return shared;
+}
+
+void forget(const fs::path& folder) {
+    auto& shared = registry();
+    std::lock_guard guard(shared.lock);
+    shared.staged.erase(folder);
+}
+
+void remember(const fs::path& folder) {
+    auto& shared = registry();
+    std::lock_guard guard(shared.lock);
+    shared.staged.insert(folder);
+}
+
+fs::path newStagedFolder() {
+    const auto folder = UserFolders::current().temporary() / (std::string(stagedFolderPrefix) + files::randomUUID());
+    files::createDirectories(folder);
+    return folder;
+}
+
+// The sub-folders of `folder` that the search enters, in name order. Links are not followed,
+// and a folder that can't be listed counts as empty.
+std::vector<fs::path> searchableChildren(const fs::path& folder) {
+    std::vector<fs::path> children;
+    std::error_code error;
+    fs::directory_iterator entries(folder, error);
+    for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {
+        std::error_code statusError;
+        const auto status = entries->symlink_status(statusError);
+        if (statusError || !fs::is_directory(status)) continue;
+        const auto name = entries->path().filename().string();
+        if (std::find(skippedFolders.begin(), skippedFolders.end(), name) != skippedFolders.end()) continue;
+        children.push_back(entries->path());
+    }
+    std::sort(children.begin(), children.end());
+    return children;
+}
+
+} // namespace
+
+std::string liveDBPath() { return UserFolders::current().home().string() + "/" + std::string(relativeDBPath); }
+
+bool canReadLiveDatabase() {
+    std::error_code error;
+    fs::directory_iterator listing(fs::path(liveDBPath()).parent_path(), error);
+    return !error;
+}
+
+fs::path findDatabase(std::string_view root, std::string_view user) {
+    const fs::path expanded(paths::expandingTilde(root));
+    std::error_code error;
+    if (!fs::exists(expanded, error)) throw BackupLocatorError::notFound(expanded.string());
+    if (!fs::is_directory(expanded, error)) return expanded;
+
+    // A whole volume has the home folder under Users; a home folder has the database directly.
+    const std::array<fs::path, 2> candidates = {fs::path("Users") / user / relativeDBPath, fs::path(relativeDBPath)};
+
+    std::vector<fs::path> level = {expanded};
+    for (int depth = 0; depth < searchLevels && !level.empty(); ++depth) {
+        std::vector<fs::path> next;
+        for (const auto& folder : level) {
+            for (const auto& candidate : candidates) {
+                auto found = folder / candidate;
+                if (fs::exists(found, error)) return found;
+            }
+            auto children = searchableChildren(folder);
+            next.insert(next.end(), std::make_move_iterator(children.begin()), std::make_move_iterator(children.end()));
+        }
+        level = std::move(next);
+    }
+    throw BackupLocatorError::notFound(expanded.string());
+}
+
+fs::path stageCopy(const fs::path& database) {
+    fs::path folder;
+    try {
+        folder = newStagedFolder();
+        for (const char* suffix : {"", "-wal", "-shm"}) {
+            auto source = database;
+            source += suffix;
+            std::error_code error;
+            if (!fs::exists(source, error)) continue;
+            // By content, not as a file-system copy, so the copy is ours whatever the source is.
+            const auto copy = folder / source.filename();
+            files::write(copy, files::read(source));
+            files::setPermissions(copy, 0600);
+        }
+    } catch (const std::exception& failure) {
+        std::error_code ignored;
+        if (!folder.empty()) fs::remove_all(folder, ignored);
+        throw BackupLocatorError::copyFailed(failure.what());
+    }
+    remember(folder);
+    return folder / database.filename();
+}
+
+fs::path stageData(std::string_view data, const std::string& name) {
+    const auto folder = newStagedFolder();
+    remember(folder);
+    const auto file = folder / name;
+    files::write(file, data);
+    return file;
+}
+
+void removeStagedCopy(const fs::path& file) {
+    const auto folder = file.parent_path();
+    if (!folder.filename().string().starts_with(stagedFolderPrefix)) return;
+    std::error_code ignored;
+    fs::remove_all(folder, ignored);
+    forget(folder);
+}
+
+void removeAllStagedCopies() {
+    std::vector<fs::path> folders = stagedFolders();
+    for (const auto& folder : folders) {
+        std::error_code ignored;
+        fs::remove_all(folder, ignored);
+    }
+    auto& shared = registry();
+    std::lock_guard guard(shared.lock);
+    shared.staged.clear();
+}
+
+std::vector<fs::path> stagedFolders() {
+    auto& shared = registry();
+    std::lock_guard guard(shared.lock);
+    return {shared.staged.begin(), shared.staged.end()};
+}
+
+} // namespace morvane::BackupLocator

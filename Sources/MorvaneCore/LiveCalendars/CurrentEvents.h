@@ -1,0 +1,88 @@
+#pragma once
+
+#include "MorvaneCore/Database/BackupStore.h"
+#include "MorvaneCore/EventModel/EventSnapshot.h"
+#include "MorvaneCore/Shared/Date.h"
+#include "MorvanePlatform/EventKit.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace morvane {
+
+// What the live calendars hold of some series within a span.
+struct CurrentOccurrences {
+    DateInterval window;
+    // Series key to the occurrence keys found in `window`.
+    std::map<std::string, std::set<std::int64_t>> dates;
+    // Series key to the content of each detached occurrence, by occurrence key.
+    std::map<std::string, std::map<std::int64_t, EventSnapshot>> detached;
+
+    friend bool operator==(const CurrentOccurrences&, const CurrentOccurrences&) = default;
+};
+
+// How the comparison asks what the calendars hold now. `contains` asks whether the very item
+// still exists, `hasEquivalent` whether a writable event with the same title at the same time
+// exists under any identity, `snapshot` what the item holds now. Only `occurrences` can fail.
+class CurrentEventSource {
+public:
+    virtual ~CurrentEventSource() = default;
+
+    virtual bool contains(const BackupEvent& event) = 0;
+    virtual bool hasEquivalent(const BackupEvent& event) = 0;
+    virtual std::optional<EventSnapshot> snapshot(const BackupEvent& event) = 0;
+    virtual CurrentOccurrences occurrences(const std::set<std::string>& uids, DateInterval in) = 0;
+};
+
+// The current events as the platform's event store tells them. Holds no state but the store,
+// which it shares with its creator; every operation blocks while the store answers, so none
+// belongs on the thread of a window.
+class EventKitSource final : public CurrentEventSource {
+public:
+    explicit EventKitSource(std::shared_ptr<EKEventStore> store);
+
+    const std::shared_ptr<EKEventStore>& store() const { return store_; }
+
+    // Succeeds when calendar access is granted, asking the user first when nobody has yet.
+    // Throws SQLiteError, with the platform's own text when the prompt itself failed. Blocks
+    // until the prompt is answered.
+    void requestAccess();
+
+    bool contains(const BackupEvent& event) override;
+    bool hasEquivalent(const BackupEvent& event) override;
+    std::optional<EventSnapshot> snapshot(const BackupEvent& event) override;
+    // One fetch per calendar year of the span; never actually fails.
+    CurrentOccurrences occurrences(const std::set<std::string>& uids, DateInterval in) override;
+
+    // The comparable form of a platform event; no lookup. A floating event's dates become its
+    // wall clock read as UTC. An event without dates is a programming error.
+    static EventSnapshot snapshot(const EKEvent& event);
+
+private:
+    std::shared_ptr<EKEventStore> store_;
+};
+
+// The occurrence key of a live event: the number after "/RID=" in its external identifier when
+// it reads as one, else its occurrence date (its wall clock read as UTC when floating), rounded.
+// Nothing for an event without an occurrence date.
+std::optional<std::int64_t> liveOccurrenceKey(const EKEvent& event);
+
+// Whether the process may use the calendars. Status 0 ("not determined") counts as granted once
+// a prompt in this process said yes, which the process flag records.
+namespace CalendarAccess {
+
+bool isGranted();
+// The platform's status, except that 0 with the flag set reads as 3 (full access).
+EKAuthorizationStatus status();
+// Sets the process flag; it never goes back.
+void recordGrant();
+// For tests only: clears the process flag.
+void forgetGrantForTesting();
+
+} // namespace CalendarAccess
+
+} // namespace morvane

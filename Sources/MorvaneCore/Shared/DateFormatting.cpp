@@ -1,0 +1,123 @@
+#include "MorvaneCore/Shared/DateFormatting.h"
+
+#include <memory>
+#include <unicode/datefmt.h>
+#include <unicode/gregocal.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+
+namespace morvane::dates {
+namespace {
+
+constexpr std::string_view stampPattern = "yyyy-MM-dd-HHmmss";
+constexpr std::string_view isoPattern = "yyyy-MM-dd'T'HH:mm:ss'Z'";
+constexpr std::string_view posixLocale = "en_US_POSIX";
+
+UDate toUDate(Date date) { return date.secondsSince1970() * 1000.0; }
+Date fromUDate(UDate milliseconds) { return Date::fromSecondsSince1970(milliseconds / 1000.0); }
+
+icu::UnicodeString unicode(std::string_view text) {
+    return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+}
+
+std::string utf8(const icu::UnicodeString& text) {
+    std::string result;
+    text.toUTF8String(result);
+    return result;
+}
+
+std::unique_ptr<icu::SimpleDateFormat> makeFormatter(std::string_view pattern, std::string_view localeID,
+                                                     std::string_view zoneID) {
+    UErrorCode status = U_ZERO_ERROR;
+    auto formatter =
+        std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale(std::string(localeID).c_str()), status);
+    if (U_FAILURE(status)) return nullptr;
+    if (!zoneID.empty()) formatter->adoptTimeZone(icu::TimeZone::createTimeZone(unicode(zoneID)));
+    return formatter;
+}
+
+std::optional<Date> parseStrictly(std::string_view text, std::string_view pattern, std::string_view zoneID) {
+    auto formatter = makeFormatter(pattern, posixLocale, zoneID);
+    if (!formatter) return std::nullopt;
+    formatter->setLenient(false);
+    const auto input = unicode(text);
+    icu::ParsePosition position(0);
+    const UDate parsed = formatter->parse(input, position);
+    if (position.getErrorIndex() >= 0 || position.getIndex() != input.length()) return std::nullopt;
+    // ICU skips leading blanks and forgives a missing trailing literal even when strict; the
+    // text is only taken when it is exactly what the pattern writes for that moment.
+    icu::UnicodeString written;
+    formatter->format(parsed, written);
+    if (written != input) return std::nullopt;
+    return fromUDate(parsed);
+}
+
+// A Gregorian calendar in the current zone set to `date`; nothing if ICU can't make one.
+std::unique_ptr<icu::GregorianCalendar> calendarAt(Date date) {
+    UErrorCode status = U_ZERO_ERROR;
+    auto calendar = std::make_unique<icu::GregorianCalendar>(status);
+    calendar->setTime(toUDate(date), status);
+    if (U_FAILURE(status)) return nullptr;
+    return calendar;
+}
+
+} // namespace
+
+std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
+    auto formatter = makeFormatter(pattern, localeID, zoneID);
+    if (!formatter) return {};
+    icu::UnicodeString text;
+    formatter->format(toUDate(date), text);
+    return utf8(text);
+}
+
+std::string stamp(Date date) { return format(date, stampPattern, posixLocale); }
+
+std::optional<Date> parseStamp(std::string_view text) { return parseStrictly(text, stampPattern, {}); }
+
+std::string iso8601(Date date) { return format(date, isoPattern, posixLocale, "UTC"); }
+
+std::optional<Date> parseISO8601(std::string_view text) { return parseStrictly(text, isoPattern, "UTC"); }
+
+std::string longDate(Date date) {
+    std::unique_ptr<icu::DateFormat> formatter(icu::DateFormat::createDateInstance(icu::DateFormat::kLong));
+    if (!formatter) return {};
+    icu::UnicodeString text;
+    formatter->format(toUDate(date), text);
+    return utf8(text);
+}
+
+std::string abbreviatedDateTime(Date date) {
+    std::unique_ptr<icu::DateFormat> formatter(
+        icu::DateFormat::createDateTimeInstance(icu::DateFormat::kMedium, icu::DateFormat::kShort));
+    if (!formatter) return {};
+    icu::UnicodeString text;
+    formatter->format(toUDate(date), text);
+    return utf8(text);
+}
+
+Date startOfDay(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return date;
+    // Where a zone skips midnight, ICU resolves the missing 00:00 to the first moment of the day.
+    calendar->set(UCAL_HOUR_OF_DAY, 0);
+    calendar->set(UCAL_MINUTE, 0);
+    calendar->set(UCAL_SECOND, 0);
+    calendar->set(UCAL_MILLISECOND, 0);
+    UErrorCode status = U_ZERO_ERROR;
+    const UDate start = calendar->getTime(status);
+    return U_SUCCESS(status) ? fromUDate(start) : date;
+}
+
+Date addingYears(Date date, int years) {
+    auto calendar = calendarAt(date);
+    UErrorCode status = U_ZERO_ERROR;
+    if (calendar) {
+        calendar->add(UCAL_YEAR, years, status);
+        const UDate moved = calendar->getTime(status);
+        if (U_SUCCESS(status)) return fromUDate(moved);
+    }
+    return {date.seconds + years * 365.2425 * 86400.0};
+}
+
+} // namespace morvane::dates

@@ -1,0 +1,210 @@
+#include "MorvaneCore/Backups/BackupLocator.h"
+
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvanePlatform/Files.h"
+#include "Support/Fakes.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string relative(BackupLocator::relativeDBPath);
+
+class BackupLocatorTest : public ::testing::Test {
+protected:
+    void TearDown() override { BackupLocator::removeAllStagedCopies(); }
+
+    // Puts a database at `folder` (relative to the test's root) in the home layout.
+    fs::path homeDatabase(const std::string& folder) {
+        return user.root().write(fs::path(folder) / relative, "SQLite format 3");
+    }
+    fs::path find(const fs::path& root) { return BackupLocator::findDatabase(root.string(), "jane"); }
+
+    unsigned mode(const fs::path& file) {
+        struct stat info {};
+        ::stat(file.c_str(), &info);
+        return info.st_mode & 0777;
+    }
+
+    testing::TemporaryUser user;
+};
+
+TEST_F(BackupLocatorTest, LiveDatabaseLiesInTheHomeFolder) {
+    EXPECT_EQ(BackupLocator::liveDBPath(),
+              user.home().string() + "/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb");
+    EXPECT_FALSE(BackupLocator::canReadLiveDatabase());
+    user.root().makeFolder("home/Library/Group Containers/group.com.apple.calendar");
+    EXPECT_TRUE(BackupLocator::canReadLiveDatabase());
+}
+
+TEST_F(BackupLocatorTest, FindsAPlainFileRootAsItIs) {
+    const auto file = user.root().write("picked/anything.bin", "not a database");
+    EXPECT_EQ(find(file), file);
+}
+
+TEST_F(BackupLocatorTest, UsersFolderWinsOnALevelAndHigherLevelsWinOverLower) {
+    const auto volume = user.root().makeFolder("volume");
+    const auto inHome = homeDatabase("volume");
+    const auto inUsers = homeDatabase("volume/Users/jane");
+    EXPECT_EQ(find(volume), inUsers);
+    fs::remove(inUsers);
+    EXPECT_EQ(find(volume), inHome);
+
+    // A higher level beats a lower one, whatever the names; folders are searched in name order.
+    const auto backup = user.root().makeFolder("backup");
+    homeDatabase("backup/B Disk/Deep/Users/jane");
+    const auto shallow = homeDatabase("backup/Z Disk/Users/jane");
+    EXPECT_EQ(find(backup), shallow);
+    const auto first = homeDatabase("backup/A Disk/Users/jane");
+    EXPECT_EQ(find(backup), first);
+}
+
+TEST_F(BackupLocatorTest, SearchesTheRootAndThreeLevelsBelowIt) {
+    const auto root = user.root().makeFolder("root");
+    homeDatabase("root/1/2/3/4");
+    EXPECT_THROW(find(root), BackupLocatorError);
+    const auto found = homeDatabase("root/1/2/3");
+    EXPECT_EQ(find(root), found);
+}
+
+TEST_F(BackupLocatorTest, SkipsSystemFoldersAndLinksButEntersAnyOtherName) {
+    const auto root = user.root().makeFolder("root");
+    for (const char* skipped : {"System", "Applications", "Library", "private", "usr"}) {
+        homeDatabase(std::string("root/") + skipped + "/home");
+        homeDatabase(std::string("root/Volume/") + skipped + "/home");
+    }
+    // "Users" is only reached through the candidate path, for the given user.
+    homeDatabase("root/Users/someone-else");
+    fs::create_directory_symlink(user.root().makeFolder("elsewhere"), root / "link");
+    homeDatabase("elsewhere");
+    EXPECT_THROW(find(root), BackupLocatorError);
+
+    const auto found = homeDatabase("root/.hidden name [x]");
+    EXPECT_EQ(find(root), found);
+}
+
+TEST_F(BackupLocatorTest, NotFoundNamesTheExpandedRoot) {
+    try {
+        BackupLocator::findDatabase("~/missing", "jane");
+        FAIL() << "found a database";
+    } catch (const BackupLocatorError& error) {
+        EXPECT_EQ(error.which(), BackupLocatorError::Case::notFound);
+        EXPECT_EQ(error.description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string());
+    }
+    homeDatabase("home");
+    EXPECT_EQ(BackupLocator::findDatabase("~", "jane"), user.home() / relative);
+}
+
+TEST_F(BackupLocatorTest, UnlistableFoldersCountAsEmpty) {
+    const auto root = user.root().makeFolder("root");
+    homeDatabase("root/locked/inside");
+    const auto reachable = homeDatabase("root/open/inside/deeper");
+    fs::permissions(root / "locked", fs::perms::none);
+
+    // Root lists every folder, so the search runs as an unprivileged user in a child process;
+    // the tree is opened up for that user, all but the locked folder.
+    const auto top = user.root().path();
+    if ((fs::status(top.parent_path()).permissions() & fs::perms::others_exec) == fs::perms::none)
+        GTEST_SKIP() << top.parent_path() << " can't be entered by other users";
+    for (auto folder = root; folder != top.parent_path(); folder = folder.parent_path())
+        fs::permissions(folder, fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+    for (const auto& entry : fs::recursive_directory_iterator(root / "open"))
+        fs::permissions(entry.path(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(3);
+        try {
+            ::_exit(find(root) == reachable ? 0 : 1);
+        } catch (...) {
+            ::_exit(2);
+        }
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: another database was found, 2: the search failed";
+}
+
+TEST_F(BackupLocatorTest, StagesTheDatabaseWithItsCompanionsPrivately) {
+    const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
+    user.root().write("backup/Calendar.sqlitedb-wal", "wal");
+    user.root().write("backup/Calendar.sqlitedb-shm", "shm");
+    for (const char* suffix : {"", "-wal", "-shm"})
+        fs::permissions(database.string() + suffix, fs::perms::owner_read);
+
+    const auto staged = BackupLocator::stageCopy(database);
+    const auto folder = staged.parent_path();
+    EXPECT_EQ(staged.filename(), "Calendar.sqlitedb");
+    EXPECT_EQ(folder.parent_path(), user.temporary());
+    EXPECT_TRUE(folder.filename().string().starts_with("morvane-"));
+    EXPECT_EQ(files::read(staged), "main");
+    EXPECT_EQ(files::read(staged.string() + "-wal"), "wal");
+    EXPECT_EQ(files::read(staged.string() + "-shm"), "shm");
+    for (const char* suffix : {"", "-wal", "-shm"})
+        EXPECT_EQ(mode(staged.string() + suffix), 0600u) << suffix;
+    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{folder});
+
+    BackupLocator::removeStagedCopy(staged);
+    EXPECT_FALSE(fs::exists(folder));
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+    EXPECT_EQ(files::read(database), "main");
+}
+
+TEST_F(BackupLocatorTest, StagesOnlyTheCompanionsThatExist) {
+    const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
+    const auto staged = BackupLocator::stageCopy(database);
+    EXPECT_EQ(std::distance(fs::directory_iterator(staged.parent_path()), fs::directory_iterator()), 1);
+}
+
+TEST_F(BackupLocatorTest, AFailedCopyLeavesNothingBehind) {
+    const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
+    user.root().makeFolder("backup/Calendar.sqlitedb-wal"); // exists but can't be read as a file
+    try {
+        BackupLocator::stageCopy(database);
+        FAIL() << "staging succeeded";
+    } catch (const BackupLocatorError& error) {
+        EXPECT_EQ(error.which(), BackupLocatorError::Case::copyFailed);
+        EXPECT_EQ(error.description(), "Copy failed: Couldn't read " + database.string() + "-wal: Is a directory");
+    }
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+
+    // A temporary folder that can't hold a new folder fails the same way.
+    testing::FakeUserFolders folders(user.home(), user.root().write("plain-file"));
+    ScopedReplacement<UserFolders> installed(folders);
+    EXPECT_THROW(BackupLocator::stageCopy(database), BackupLocatorError);
+}
+
+TEST_F(BackupLocatorTest, StagesDataUnderItsName) {
+    const auto staged = BackupLocator::stageData(std::string("\0bytes", 6), "2024-03-01-101500.sqlite");
+    EXPECT_EQ(staged.filename(), "2024-03-01-101500.sqlite");
+    EXPECT_EQ(files::read(staged), std::string("\0bytes", 6));
+    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.parent_path()});
+
+    // The folder is registered before the write, so a failed write still leaves it to sweep up.
+    EXPECT_THROW(BackupLocator::stageData("x", "no/such/sub/folder"), PlatformError);
+    EXPECT_EQ(BackupLocator::stagedFolders().size(), 2u);
+    BackupLocator::removeAllStagedCopies();
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+}
+
+TEST_F(BackupLocatorTest, RemovingTrustsTheCallerButOnlyForStagedFolders) {
+    const auto unregistered = user.root().write("tmp/morvane-ABC/Calendar.sqlitedb", "x");
+    BackupLocator::removeStagedCopy(unregistered);
+    EXPECT_FALSE(fs::exists(unregistered.parent_path()));
+
+    const auto elsewhere = user.root().write("home/Documents/Calendar.sqlitedb", "keep");
+    BackupLocator::removeStagedCopy(elsewhere);
+    EXPECT_EQ(files::read(elsewhere), "keep");
+}
+
+} // namespace
+} // namespace morvane

@@ -1,0 +1,74 @@
+#include "MorvaneCore/Backups/BackupSource.h"
+
+#include "Support/Fakes.h"
+
+#include <gtest/gtest.h>
+#include <unordered_set>
+
+namespace morvane {
+namespace {
+
+using Kind = BackupSource::Kind;
+
+TEST(BackupSource, IdIsThePrefixOfTheCaseAndThePayloadAsItStands) {
+    EXPECT_EQ(BackupSource(Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), {}).id(),
+              "snap:com.apple.TimeMachine.2024-03-01-101500.local");
+    EXPECT_EQ(BackupSource(Kind::timeMachine("/Volumes/B/x"), {}).id(), "tm:/Volumes/B/x");
+    EXPECT_EQ(BackupSource(Kind::file("/a/Calendar.sqlitedb"), {}).id(), "file:/a/Calendar.sqlitedb");
+    EXPECT_EQ(BackupSource(Kind::icsArchive("/a/cals"), {}).id(), "ics:/a/cals");
+    EXPECT_EQ(BackupSource(Kind::appSnapshot("/s/x.calsnap"), {}).id(), "app:/s/x.calsnap");
+    EXPECT_EQ(BackupSource(Kind::iCloudSnapshot("/c/x.calsnap", "Jane's iMac"), {}).id(), "icloud:/c/x.calsnap");
+    EXPECT_EQ(BackupSource(Kind::timeMachineImport("/t/x.calsnap"), {}).id(), "tmi:/t/x.calsnap");
+}
+
+TEST(BackupSource, IdentityIsTheIdAlone) {
+    const BackupSource dated(Kind::file("/a/db"), Date{100}, true);
+    const BackupSource undated(Kind::file("/a/db"), std::nullopt);
+    EXPECT_EQ(dated, undated);
+    EXPECT_EQ(std::hash<BackupSource>()(dated), std::hash<BackupSource>()(undated));
+
+    // iCloud copies of one path from two Macs: one source, two kinds.
+    const BackupSource fromIMac(Kind::iCloudSnapshot("/c/x.calsnap", "iMac"), {});
+    const BackupSource fromLaptop(Kind::iCloudSnapshot("/c/x.calsnap", "MacBook"), {});
+    EXPECT_EQ(fromIMac, fromLaptop);
+    EXPECT_NE(fromIMac.kind, fromLaptop.kind);
+    EXPECT_NE(std::hash<Kind>()(fromIMac.kind), std::hash<Kind>()(fromLaptop.kind));
+
+    // The same path in two stores, or spelt two ways, is two sources.
+    EXPECT_NE(BackupSource(Kind::appSnapshot("/x"), {}), BackupSource(Kind::timeMachineImport("/x"), {}));
+    EXPECT_NE(BackupSource(Kind::file("/a/b"), {}), BackupSource(Kind::file("/a//b"), {}));
+
+    std::unordered_set<BackupSource> set{dated, undated, fromIMac, fromLaptop};
+    EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(BackupSource, TitleIsTheDateOrANameOrTheId) {
+    const auto date = Date::fromSecondsSince1970(1709316900);
+    EXPECT_EQ(BackupSource(Kind::timeMachine("/V/x"), date).title(), "Mar 1, 2024, 10:15\u202FAM");
+    EXPECT_EQ(BackupSource(Kind::file("/Users/jane/Desktop/Calendar.sqlitedb"), {}).title(), "Calendar.sqlitedb");
+    EXPECT_EQ(BackupSource(Kind::icsArchive("/Users/jane/Old Calendars/"), {}).title(), "Old Calendars");
+    EXPECT_EQ(BackupSource(Kind::localSnapshot("com.apple.TimeMachine.x.local"), {}).title(),
+              "snap:com.apple.TimeMachine.x.local");
+    EXPECT_EQ(BackupSource(Kind::appSnapshot("/s/x.calsnap"), {}).title(), "app:/s/x.calsnap");
+}
+
+TEST(BackupSource, SubtitleNamesTheKindAndWhereItIs) {
+    testing::FakeUserFolders folders("/Users/jane", "/tmp");
+    ScopedReplacement<UserFolders> installed(folders);
+
+    EXPECT_EQ(BackupSource(Kind::localSnapshot("n"), {}).subtitle(), "Local snapshot");
+    // The home folder is not abbreviated for Time Machine paths.
+    EXPECT_EQ(BackupSource(Kind::timeMachine("/Users/jane/Backups/2024-03-01-101500"), {}).subtitle(),
+              "Time Machine \u00B7 /Users/jane/Backups");
+    EXPECT_EQ(BackupSource(Kind::file("/Users/jane/Desktop/Calendar.sqlitedb"), {}).subtitle(),
+              "~/Desktop/Calendar.sqlitedb");
+    EXPECT_EQ(BackupSource(Kind::icsArchive("/Users/jane/Exports/Work"), {}).subtitle(),
+              ".ics archive \u00B7 ~/Exports");
+    EXPECT_EQ(BackupSource(Kind::appSnapshot("/x"), {}).subtitle(), "Morvane snapshot");
+    EXPECT_EQ(BackupSource(Kind::iCloudSnapshot("/x", "Jane\u2019s iMac"), {}).subtitle(),
+              "iCloud \u00B7 Jane\u2019s iMac");
+    EXPECT_EQ(BackupSource(Kind::timeMachineImport("/x"), {}).subtitle(), "Time Machine (via the helper)");
+}
+
+} // namespace
+} // namespace morvane

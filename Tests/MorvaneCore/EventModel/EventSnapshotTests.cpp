@@ -1,0 +1,324 @@
+#include "MorvaneCore/EventModel/EventSnapshot.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
+#include "Support/Pinned.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+namespace morvane {
+namespace {
+
+using testing::ScopedTimeZone;
+using Changes = std::vector<FieldChange>;
+
+Date utc(const char* iso) { return *dates::parseISO8601(iso); }
+
+// A timed event in Los Angeles, 2024-03-01 09:00 to 10:00 local time.
+EventSnapshot meeting() {
+    EventSnapshot event;
+    event.title = "Standup";
+    event.start = utc("2024-03-01T17:00:00Z");
+    event.end = utc("2024-03-01T18:00:00Z");
+    event.timeZone = "America/Los_Angeles";
+    event.calendarUUID = "CAL-1";
+    event.calendarName = "Work";
+    return event;
+}
+
+// --- Alarms ----------------------------------------------------------------------------------
+
+TEST(AlarmSpecDescription, ChoosesTheUnitOnWholeMinutes) {
+    const std::pair<std::int64_t, const char*> cases[] = {
+        {0, "at start"},          {-900, "15m before"},         {-5400, "90m before"}, {-7200, "2h before"},
+        {172800, "2d after"},     {-86401, "1d before"},        {-3659, "1h before"},  {-59, "0d before"},
+        {1, "0d after"},          {-60, "1m before"},           {90000, "25h after"},  {-604800, "7d before"},
+        {-86460, "1441m before"}, {3600 * 48 + 30, "2d after"},
+    };
+    for (const auto& [seconds, text] : cases)
+        EXPECT_EQ(AlarmSpec::relative(seconds).description(), text) << seconds;
+    EXPECT_EQ(AlarmSpec::relative(INT64_MIN).description(), "153722867280912930m before");
+}
+
+TEST(AlarmSpecDescription, AbsoluteAlarmsAreShownInTheCurrentZone) {
+    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-01 14:30");
+    ScopedTimeZone tokyo("Asia/Tokyo");
+    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-02 07:30");
+}
+
+TEST(AlarmSpecOrder, RelativeAlarmsComeFirstThenAbsoluteByDate) {
+    std::vector<AlarmSpec> alarms = {
+        AlarmSpec::absolute(Date{100}), AlarmSpec::relative(86400 * 365), AlarmSpec::absolute(Date{-5e8}),
+        AlarmSpec::relative(-900),      AlarmSpec::relative(0),
+    };
+    std::sort(alarms.begin(), alarms.end());
+    EXPECT_EQ(alarms, (std::vector<AlarmSpec>{AlarmSpec::relative(-900), AlarmSpec::relative(0),
+                                              AlarmSpec::relative(86400 * 365), AlarmSpec::absolute(Date{-5e8}),
+                                              AlarmSpec::absolute(Date{100})}));
+    EXPECT_TRUE(AlarmSpec::relative(5) <= AlarmSpec::relative(5));
+    EXPECT_TRUE(AlarmSpec::absolute(Date{0}) > AlarmSpec::relative(900));
+    EXPECT_FALSE(AlarmSpec::relative(5) >= AlarmSpec::relative(6));
+}
+
+// --- Formatting ------------------------------------------------------------------------------
+
+TEST(EventSnapshotFormat, UsesUTCForFloatingAndTheCurrentZoneOtherwise) {
+    const auto date = utc("2024-03-01T02:30:00Z");
+    EXPECT_EQ(EventSnapshot::format(date, false, false), "2024-02-29 18:30");
+    EXPECT_EQ(EventSnapshot::format(date, true, false), "2024-03-01 02:30");
+    EXPECT_EQ(EventSnapshot::format(date, false, true), "2024-02-29 (all day)");
+    EXPECT_EQ(EventSnapshot::format(date, true, true), "2024-03-01 (all day)");
+    testing::ScopedLocale arabic("ar_EG");
+    EXPECT_EQ(EventSnapshot::format(date, true, false), "2024-03-01 02:30");
+
+    auto event = meeting();
+    EXPECT_EQ(event.startText(), "2024-03-01 09:00");
+    event.timeZone.reset();
+    EXPECT_TRUE(event.isFloating());
+    EXPECT_EQ(event.startText(), "2024-03-01 17:00");
+}
+
+// --- Changes ---------------------------------------------------------------------------------
+
+TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmpty) {
+    auto before = meeting();
+    before.notes = std::nullopt;
+    auto after = meeting();
+    after.title = " \n Standup\u00A0\t";
+    after.location = "\u3000";
+    after.notes = "\r\n";
+    after.url = "";
+    EXPECT_TRUE(before.changes(after).empty());
+
+    after.location = "  Room 1 \n";
+    EXPECT_EQ(before.changes(after), (Changes{{"location", "", "Room 1"}}));
+}
+
+TEST(EventSnapshotChanges, ComparesTextsByCanonicalEquivalence) {
+    auto before = meeting();
+    before.title = "Caf\u00E9";
+    auto after = meeting();
+    after.title = "Cafe\u0301";
+    EXPECT_TRUE(before.changes(after).empty());
+    after.title = "Cafe";
+    EXPECT_EQ(before.changes(after), (Changes{{"title", "Caf\u00E9", "Cafe"}}));
+}
+
+TEST(EventSnapshotChanges, ReportsEveryFieldInItsFixedOrder) {
+    auto before = meeting();
+    before.recurrence = RecurrenceRule(RecurrenceRule::Frequency::weekly, 1);
+    auto after = meeting();
+    after.title = "Retro ";
+    after.start = utc("2024-03-01T18:00:00Z");
+    after.end = utc("2024-03-01T19:00:00Z");
+    after.location = "Room 2";
+    after.notes = "bring cake";
+    after.url = "https://example.com";
+    after.calendarUUID = "CAL-2";
+    after.calendarName = "Home";
+    after.alarms = {AlarmSpec::relative(-900), AlarmSpec::absolute(utc("2024-03-01T16:00:00Z"))};
+
+    EXPECT_EQ(before.changes(after), (Changes{
+                                         {"title", "Standup", "Retro"},
+                                         {"start", "2024-03-01 09:00", "2024-03-01 10:00"},
+                                         {"end", "2024-03-01 10:00", "2024-03-01 11:00"},
+                                         {"location", "", "Room 2"},
+                                         {"notes", "", "bring cake"},
+                                         {"url", "", "https://example.com"},
+                                         {"calendar", "Work", "Home"},
+                                         {"recurrence", "FREQ=WEEKLY", "none"},
+                                         {"alarms", "", "15m before, at 2024-03-01 08:00"},
+                                     }));
+
+    // Old is always the receiver's side.
+    EXPECT_EQ(after.changes(before).front(), (FieldChange{"title", "Retro", "Standup"}));
+    EXPECT_EQ(before.changes(after, {false, false, false}).size(), 6u);
+}
+
+TEST(EventSnapshotChanges, AnAddedAlarmIsTheLastRow) {
+    const auto before = meeting();
+    auto after = meeting();
+    after.alarms = {AlarmSpec::relative(-900)};
+    const auto changes = before.changes(after);
+    ASSERT_FALSE(changes.empty());
+    EXPECT_EQ(changes.back(), (FieldChange{"alarms", "", "15m before"}));
+    EXPECT_TRUE(before.changes(after, {.recurrence = true, .calendar = true, .alarms = false}).empty());
+    // The lists are joined as they stand: the order of the producer counts.
+    auto twoBefore = meeting();
+    twoBefore.alarms = {AlarmSpec::relative(-900), AlarmSpec::relative(0)};
+    auto twoAfter = meeting();
+    twoAfter.alarms = {AlarmSpec::relative(0), AlarmSpec::relative(-900)};
+    EXPECT_EQ(twoBefore.changes(twoAfter), (Changes{{"alarms", "15m before, at start", "at start, 15m before"}}));
+}
+
+TEST(EventSnapshotChanges, DatesNeedASecondAndADifferentText) {
+    const auto before = meeting();
+    auto after = meeting();
+    after.start = Date{before.start.seconds + 0.9};
+    EXPECT_TRUE(before.changes(after).empty());
+    after.start = Date{before.start.seconds + 30}; // 09:00:30, the same minute
+    EXPECT_TRUE(before.changes(after).empty());
+
+    auto late = meeting();
+    late.start = Date{late.start.seconds + 45};  // 09:00:45
+    after.start = Date{late.start.seconds + 30}; // 09:01:15, across the minute
+    EXPECT_EQ(late.changes(after), (Changes{{"start", "2024-03-01 09:00", "2024-03-01 09:01"}}));
+}
+
+TEST(EventSnapshotChanges, AllDayEventsCompareByDisplayedDay) {
+    auto before = meeting();
+    before.isAllDay = true;
+    before.timeZone.reset();
+    before.start = utc("2024-03-01T00:00:00Z");
+    before.end = utc("2024-03-01T23:59:59Z");
+    auto after = before;
+    after.end = utc("2024-03-01T20:00:00Z");
+    EXPECT_TRUE(before.changes(after).empty());
+    after.end = utc("2024-03-02T00:00:00Z");
+    EXPECT_EQ(before.changes(after), (Changes{{"end", "2024-03-01 (all day)", "2024-03-02 (all day)"}}));
+}
+
+TEST(EventSnapshotChanges, MakingAnEventAllDayReportsTheFlagAndMovedDates) {
+    const auto before = meeting();
+    auto after = meeting();
+    after.isAllDay = true;
+    EXPECT_EQ(before.changes(after), (Changes{{"all-day", "no", "yes"}}));
+    after.end = Date{after.end.seconds + 1};
+    EXPECT_EQ(before.changes(after),
+              (Changes{{"all-day", "no", "yes"}, {"end", "2024-03-01 10:00", "2024-03-01 (all day)"}}));
+}
+
+TEST(EventSnapshotChanges, EachSideIsFormattedWithItsOwnZoneFlag) {
+    // Floating 09:00 held as UTC against the same local time in Los Angeles: no change.
+    auto floating = meeting();
+    floating.timeZone.reset();
+    floating.start = utc("2024-03-01T09:00:00Z");
+    floating.end = utc("2024-03-01T10:00:00Z");
+    EXPECT_TRUE(floating.changes(meeting()).empty());
+
+    // Instants less than a second apart are the same, floating or not: nothing is formatted.
+    auto sameInstants = meeting();
+    sameInstants.timeZone.reset();
+    EXPECT_TRUE(meeting().changes(sameInstants).empty());
+
+    // Half a minute apart, one side floating: the texts differ unless the machine is on UTC.
+    auto nearlySame = sameInstants;
+    nearlySame.start = Date{nearlySame.start.seconds + 30};
+    EXPECT_EQ(meeting().changes(nearlySame), (Changes{{"start", "2024-03-01 09:00", "2024-03-01 17:00"}}));
+    ScopedTimeZone utcMachine("UTC");
+    EXPECT_TRUE(meeting().changes(nearlySame).empty());
+}
+
+TEST(EventSnapshotChanges, CalendarsCountAsMovedOnlyUnderAnotherName) {
+    auto before = meeting();
+    auto after = meeting();
+    after.calendarUUID.reset();
+    EXPECT_TRUE(before.changes(after).empty()); // one identifier absent, same name
+    after.calendarUUID = "CAL-1";
+    after.calendarName = "Work (old)";
+    EXPECT_TRUE(before.changes(after).empty()); // same identifier, renamed
+    after.calendarUUID = "CAL-9";
+    after.calendarName = " Work";
+    EXPECT_EQ(before.changes(after), (Changes{{"calendar", "Work", " Work"}})); // names aren't trimmed
+    before.calendarUUID.reset();
+    after.calendarUUID.reset();
+    EXPECT_TRUE(before.changes(after).empty()); // both absent
+    EXPECT_TRUE(meeting().changes(after, {.recurrence = true, .calendar = false, .alarms = true}).empty());
+}
+
+TEST(EventSnapshotChanges, RecurrenceComparesDescriptions) {
+    auto before = meeting();
+    auto after = meeting();
+    EXPECT_TRUE(before.changes(after).empty()); // "none" against "none"
+    before.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;WKST=MO");
+    after.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;INTERVAL=1");
+    EXPECT_TRUE(before.changes(after).empty());
+    after.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;COUNT=2");
+    EXPECT_EQ(before.changes(after), (Changes{{"recurrence", "FREQ=WEEKLY", "FREQ=WEEKLY;COUNT=2"}}));
+    EXPECT_TRUE(before.changes(after, {.recurrence = false, .calendar = true, .alarms = true}).empty());
+}
+
+// --- JSON ------------------------------------------------------------------------------------
+
+TEST(EventSnapshotJson, WritesKeysInFieldOrderAndLeavesOutAbsentOnes) {
+    auto event = meeting();
+    event.start = Date::fromSecondsSince1970(1709312400.25);
+    event.notes = "n";
+    event.alarms = {AlarmSpec::relative(-900), AlarmSpec::absolute(Date::fromSecondsSince1970(1709310000))};
+    event.recurrence = RecurrenceRule::fromRRule("FREQ=DAILY;COUNT=2");
+    EXPECT_EQ(json::dumpKeepingOrder(event.json(json::DateEncoding::secondsSince1970), false),
+              R"({"title":"Standup","start":1709312400.25,"end":1709316000.0,"isAllDay":false,)"
+              R"("timeZone":"America/Los_Angeles","notes":"n","calendarUUID":"CAL-1","calendarName":"Work",)"
+              R"("recurrence":{"frequency":1,"interval":1,"daysOfWeek":[],"daysOfMonth":[],"monthsOfYear":[],)"
+              R"("weeksOfYear":[],"daysOfYear":[],"setPositions":[],"end":{"count":{"_0":2}}},)"
+              R"("alarms":[{"relative":{"_0":-900}},{"absolute":{"_0":1709310000.0}}]})");
+
+    const auto iso = event.json(json::DateEncoding::iso8601);
+    EXPECT_EQ(iso["end"], "2024-03-01T18:00:00Z");
+    EXPECT_EQ(iso["alarms"][1].dump(), R"({"absolute":{"_0":"2024-03-01T16:20:00Z"}})");
+    // Sorted for fingerprints.
+    EXPECT_EQ(json::sorted(iso).begin().key(), "alarms");
+}
+
+TEST(EventSnapshotJson, RoundTrips) {
+    auto event = meeting();
+    event.location = "Room \"1\"";
+    event.url = "https://example.com/\u00E9";
+    event.start = Date::fromSecondsSince1970(1709312400.123456);
+    event.alarms = {AlarmSpec::relative(-900), AlarmSpec::absolute(Date::fromSecondsSince1970(1709310000.5))};
+    event.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;BYDAY=-1FR;UNTIL=20260101T120000Z;X-A=1");
+    auto bare = EventSnapshot{};
+    bare.isAllDay = true;
+
+    for (const auto& original : {event, bare}) {
+        const auto text = json::dumpKeepingOrder(original.json(json::DateEncoding::secondsSince1970), false);
+        EXPECT_EQ(EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970), original) << text;
+    }
+}
+
+std::optional<json::DecodingError> decodingFailure(const std::string& text) {
+    try {
+        EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970);
+    } catch (const json::DecodingError& error) {
+        return error;
+    }
+    return std::nullopt;
+}
+
+TEST(EventSnapshotJson, RequiresSixKeys) {
+    const std::string full = R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[]})";
+    EXPECT_FALSE(decodingFailure(full));
+    for (const char* key : {"title", "start", "end", "isAllDay", "calendarName", "alarms"}) {
+        auto value = json::parse(full);
+        value.erase(key);
+        const auto error = decodingFailure(json::dumpKeepingOrder(value, false));
+        ASSERT_TRUE(error) << key;
+        EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound) << key;
+        EXPECT_NE(error->description().find(key), std::string::npos) << error->description();
+    }
+    const auto wrongType = decodingFailure(
+        R"({"title":"t","start":"2024-03-01T00:00:00Z","end":1,"isAllDay":false,"calendarName":"c","alarms":[]})");
+    ASSERT_TRUE(wrongType);
+    EXPECT_EQ(wrongType->which(), json::DecodingError::Case::typeMismatch);
+    EXPECT_EQ(wrongType->codingPath(), "start");
+}
+
+TEST(EventSnapshotJson, AnAlarmNeedsExactlyOneCase) {
+    for (const char* alarm : {R"({})", R"({"relative":{"_0":1},"absolute":{"_0":2}})", R"({"other":{"_0":1}})"}) {
+        const auto error = decodingFailure(
+            std::string(R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[)") + alarm +
+            "]}");
+        ASSERT_TRUE(error) << alarm;
+        EXPECT_EQ(error->which(), json::DecodingError::Case::typeMismatch) << alarm;
+        EXPECT_EQ(error->description(), "Invalid number of keys found, expected one.");
+        EXPECT_EQ(error->codingPath(), "alarms[0]");
+    }
+    const auto noPayload = decodingFailure(
+        R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[{"relative":{}}]})");
+    ASSERT_TRUE(noPayload);
+    EXPECT_EQ(noPayload->which(), json::DecodingError::Case::keyNotFound);
+    EXPECT_EQ(AlarmSpec::fromJson(json::parse(R"({"relative":{"_0":-600.0}})"), json::DateEncoding::iso8601),
+              AlarmSpec::relative(-600));
+}
+
+} // namespace
+} // namespace morvane

@@ -1,0 +1,93 @@
+#include "MorvaneCore/Shared/Date.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/EventKeys.h"
+#include "Support/Pinned.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+
+namespace morvane {
+namespace {
+
+using testing::ScopedLocale;
+using testing::ScopedTimeZone;
+
+TEST(OccurrenceKey, RoundsToNearestWithHalvesAwayFromZero) {
+    EXPECT_EQ(Date{0.5}.occurrenceKey(), 1);
+    EXPECT_EQ(Date{-0.5}.occurrenceKey(), -1);
+    EXPECT_EQ(Date{1.4999}.occurrenceKey(), 1);
+    EXPECT_EQ(Date{-1.5}.occurrenceKey(), -2);
+    EXPECT_EQ(Date{730944000.4}.occurrenceKey(), 730944000);
+    EXPECT_EQ(Date{-978307200.5}.occurrenceKey(), -978307201);
+}
+
+TEST(OccurrenceKey, SaturatesInsteadOfOverflowing) {
+    constexpr auto max = std::numeric_limits<std::int64_t>::max();
+    constexpr auto min = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ(Date{1e300}.occurrenceKey(), max);
+    EXPECT_EQ(Date{-1e300}.occurrenceKey(), min);
+    EXPECT_EQ(Date{std::numeric_limits<double>::infinity()}.occurrenceKey(), max);
+    EXPECT_EQ(Date{std::nan("")}.occurrenceKey(), 0);
+    EXPECT_EQ(Date{-9223372036854775808.0}.occurrenceKey(), min);
+}
+
+TEST(SeriesKey, CutsBeforeTheFirstOccurrenceMarker) {
+    EXPECT_EQ(seriesKey("ABC-123"), "ABC-123");
+    EXPECT_EQ(seriesKey("ABC-123/RID=730944000"), "ABC-123");
+    EXPECT_EQ(seriesKey("a/RID=1/RID=2"), "a");
+    EXPECT_EQ(seriesKey("/RID=5"), "");
+    EXPECT_EQ(occurrenceIdentifier("ABC-123", -42), "ABC-123/RID=-42");
+}
+
+TEST(Stamp, IsLocalWallClockTimeInTheCurrentZone) {
+    const auto date = Date::fromSecondsSince1970(1709316900); // 2024-03-01 18:15:00 UTC
+    EXPECT_EQ(dates::stamp(date), "2024-03-01-101500");
+    EXPECT_EQ(dates::parseStamp("2024-03-01-101500"), date);
+    {
+        ScopedTimeZone berlin("Europe/Berlin");
+        EXPECT_EQ(dates::stamp(date), "2024-03-01-191500");
+        EXPECT_EQ(dates::parseStamp("2024-03-01-191500"), date);
+    }
+    // Whole seconds only: the fraction is dropped, not rounded up.
+    EXPECT_EQ(dates::stamp(Date{date.seconds + 0.9}), "2024-03-01-101500");
+}
+
+TEST(Stamp, TwoMomentsAnHourApartShareAStampWhenClocksGoBack) {
+    // 2024-11-03 01:30 happens twice in Los Angeles.
+    const auto first = Date::fromSecondsSince1970(1730622600);
+    const auto second = Date::fromSecondsSince1970(1730626200);
+    EXPECT_EQ(dates::stamp(first), "2024-11-03-013000");
+    EXPECT_EQ(dates::stamp(second), "2024-11-03-013000");
+}
+
+TEST(Stamp, ParsingIsStrict) {
+    for (const char* text : {"", "Snapshot dates for disk /:", "2024-03-01-1015", "2024-03-01-101500.local",
+                             " 2024-03-01-101500", "2024-03-01-101500 ", "2024-13-01-101500", "2024-02-30-101500",
+                             "2024-03-01-251500", "2024-03-01 101500", "2024-03-01-10:15:00"}) {
+        EXPECT_EQ(dates::parseStamp(text), std::nullopt) << '"' << text << '"';
+    }
+    EXPECT_TRUE(dates::parseStamp("2024-02-29-235959").has_value());
+}
+
+TEST(ISO8601, IsUTCWithWholeSeconds) {
+    const auto date = Date::fromSecondsSince1970(1709316900.75);
+    EXPECT_EQ(dates::iso8601(date), "2024-03-01T18:15:00Z");
+    EXPECT_EQ(dates::iso8601(Date{0}), "2001-01-01T00:00:00Z");
+    EXPECT_EQ(dates::parseISO8601("2024-03-01T18:15:00Z"), Date::fromSecondsSince1970(1709316900));
+    EXPECT_EQ(dates::parseISO8601("2024-03-01T18:15:00"), std::nullopt);
+}
+
+TEST(AbbreviatedDateTime, FollowsTheUserLocaleAndZone) {
+    const auto date = Date::fromSecondsSince1970(1709316900);
+    EXPECT_EQ(dates::abbreviatedDateTime(date), "Mar 1, 2024, 10:15\u202FAM");
+    {
+        ScopedLocale german("de_DE");
+        EXPECT_EQ(dates::abbreviatedDateTime(date), "01.03.2024, 10:15");
+    }
+    ScopedTimeZone tokyo("Asia/Tokyo");
+    EXPECT_EQ(dates::abbreviatedDateTime(date), "Mar 2, 2024, 3:15\u202FAM");
+}
+
+} // namespace
+} // namespace morvane

@@ -1,0 +1,267 @@
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
+
+#include "MorvaneCore/Backups/BackupCache.h"
+#include "MorvaneCore/Backups/BackupCatalog.h"
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
+#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvanePlatform/Files.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Fakes.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+using Kind = BackupSource::Kind;
+using Case = CalendarArchive::SnapshotResult::Case;
+
+class TimeMachineImportsTest : public ::testing::Test {
+protected:
+    void TearDown() override { BackupLocator::removeAllStagedCopies(); }
+
+    // A folder-based backup: {root}/Backups.backupdb/Mac/{stamp}/Macintosh HD/Users/jane/...
+    std::string backup(const std::string& stamp, int events = 1) {
+        const auto folder = user.root().path() / "Backups.backupdb" / "Mac" / stamp;
+        testing::CalendarDatabaseBuilder db(folder / "Macintosh HD" / "Users" / "jane" /
+                                            std::string(BackupLocator::relativeDBPath));
+        const auto calendar = db.addCalendar({.store = db.addStore({})});
+        for (int i = 0; i < events; ++i)
+            db.addItem({.calendar = calendar});
+        db.close();
+        return folder.string();
+    }
+
+    void listBackups(const std::vector<std::string>& stamps, const std::vector<std::string>& local = {}) {
+        std::string backups;
+        for (const auto& stamp : stamps)
+            backups += "/Volumes/B/Backups.backupdb/Mac/" + stamp + "\n";
+        std::string snapshots = "Snapshot dates for disk /:\n";
+        for (const auto& stamp : local)
+            snapshots += stamp + "\n";
+        tools.answer("/usr/bin/tmutil listbackups", {0, backups});
+        tools.answer("/usr/bin/tmutil listlocalsnapshotdates /", {0, snapshots});
+    }
+
+    std::vector<std::string> pendingPaths() {
+        std::vector<std::string> paths;
+        for (const auto& source : TimeMachineImports::pending(*archive).sources)
+            paths.push_back(source.id());
+        return paths;
+    }
+
+    BackupSource source(const std::string& path, const std::string& stamp) {
+        return {Kind::timeMachine(path), dates::parseStamp(stamp)};
+    }
+
+    testing::TemporaryUser user;
+    testing::RecordingToolLauncher tools;
+    ScopedReplacement<ToolLauncher> installedTools{tools};
+    std::shared_ptr<CalendarArchive> archive = TimeMachineImports::forAppStoreEdition();
+};
+
+TEST_F(TimeMachineImportsTest, BothSidesOfTheSandboxNameOneFolder) {
+    EXPECT_EQ(TimeMachineImports::appStoreContainer(), user.home() / "Library/Containers/com.quillfen.morvane");
+    EXPECT_EQ(archive->directory(), user.home() / "Library/Containers/com.quillfen.morvane/Data/Library/"
+                                                  "Application Support/Morvane/Time Machine");
+    EXPECT_EQ(TimeMachineImports::forThisApp()->directory(), archive->directory());
+    EXPECT_FALSE(fs::exists(archive->directory()));
+}
+
+TEST_F(TimeMachineImportsTest, OnlyTheLatestBackupOfEachLocalDayIsPending) {
+    listBackups({"2024-03-01-090000", "2024-03-01-170000", "2024-03-01-130000", "2024-03-01-235959",
+                 "2024-03-02-000000", "Latest"},
+                {"2024-02-28-120000", "2024-03-02-000000"});
+    // The local snapshot of the same moment as a disk backup is listed first and stays.
+    EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"snap:com.apple.TimeMachine.2024-02-28-120000.local",
+                                                        "tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-235959",
+                                                        "snap:com.apple.TimeMachine.2024-03-02-000000.local"}));
+}
+
+TEST_F(TimeMachineImportsTest, CheckedStampsAreNoLongerPendingButANewerBackupOfTheDayIs) {
+    listBackups({"2024-03-01-130000"});
+    fs::create_directories(archive->directory());
+    TimeMachineImports::markChecked("2024-03-01-130000", *archive);
+    EXPECT_TRUE(pendingPaths().empty());
+    listBackups({"2024-03-01-130000", "2024-03-01-170000"});
+    EXPECT_EQ(pendingPaths(), std::vector<std::string>{"tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-170000"});
+}
+
+TEST_F(TimeMachineImportsTest, ADamagedCheckedFileCountsAsEmptyAndMarksStaySorted) {
+    listBackups({"2024-03-01-130000"});
+    fs::create_directories(archive->directory());
+    for (const char* stored : {"[]", "not json", "[1, 2]", "{\"a\": 1}"}) {
+        files::write(archive->directory() / "checked.json", stored);
+        EXPECT_EQ(pendingPaths().size(), 1u) << stored;
+    }
+    for (const char* stamp : {"2024-03-02-101500", "2024-01-01-000000", "2024-03-02-101500", "2024-02-01-000000"})
+        TimeMachineImports::markChecked(stamp, *archive);
+    EXPECT_EQ(files::read(archive->directory() / "checked.json"),
+              R"(["2024-01-01-000000","2024-02-01-000000","2024-03-02-101500"])");
+}
+
+TEST_F(TimeMachineImportsTest, ImportingFilesTheBackupAndMarksItLast) {
+    const auto path = backup("2024-03-01-101500", 4);
+    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
+    EXPECT_EQ(result.which, Case::saved);
+    EXPECT_EQ(result.entry.eventCount, 4);
+    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive), std::vector<std::string>{"2024-03-01-101500"});
+
+    // The same content a day later: unchanged, and marked all the same.
+    const auto same = backup("2024-03-02-101500", 4);
+    EXPECT_EQ(TimeMachineImports::importBackup(source(same, "2024-03-02-101500"), *archive).which, Case::unchanged);
+    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive).size(), 2u);
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+}
+
+TEST_F(TimeMachineImportsTest, AFailedImportMarksNothingAndLeavesNothingBehind) {
+    try {
+        TimeMachineImports::importBackup({Kind::timeMachine(backup("Latest")), std::nullopt}, *archive);
+        FAIL() << "imported a backup without a date";
+    } catch (const RestoreError& error) {
+        EXPECT_EQ(error.description(), "This backup has no date.");
+    }
+
+    const auto damaged = backup("2024-03-01-101500");
+    files::write(fs::path(damaged) / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath),
+                 std::string(4096, 'x'));
+    EXPECT_THROW(TimeMachineImports::importBackup(source(damaged, "2024-03-01-101500"), *archive), SQLiteError);
+    EXPECT_TRUE(TimeMachineImports::checkedStamps(*archive).empty());
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+}
+
+TEST_F(TimeMachineImportsTest, ABackupIsReadFromTheDiskOnceAndThenFromTheCache) {
+    const auto path = backup("2024-03-01-101500", 2);
+    const auto tm = source(path, "2024-03-01-101500");
+    EXPECT_FALSE(BackupCache::shared().isCached(tm));
+
+    auto first = BackupCatalog::open(tm);
+    EXPECT_EQ(first.location, fs::path(path) / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath));
+    first.close();
+    first.close();
+    EXPECT_TRUE(BackupCache::shared().isCached(tm));
+
+    // The cache file depends on the id alone, so another date hits it too.
+    fs::remove_all(fs::path(path));
+    auto second = BackupCatalog::open({tm.kind, std::nullopt});
+    EXPECT_TRUE(second.location.ends_with(" (cached)")) << second.location;
+    EXPECT_EQ(second.mount, nullptr);
+    second.close();
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    // A truncated cache file is removed, and opening goes back to the (now missing) backup.
+    files::write(BackupCache::shared().url(tm), "trunc");
+    EXPECT_THROW(BackupCatalog::open(tm), Error);
+    EXPECT_FALSE(fs::exists(BackupCache::shared().url(tm)));
+}
+
+TEST_F(TimeMachineImportsTest, AFailedWriteLeavesTheStoreAsBeforeOrWithTheWholeNewEntry) {
+    const auto earlier = source(backup("2024-03-01-101500", 1), "2024-03-01-101500");
+    const auto later = source(backup("2024-03-02-101500", 2), "2024-03-02-101500");
+    TimeMachineImports::importBackup(earlier, *archive);
+    const auto indexBefore = files::read(archive->directory() / "index.json");
+    const auto checkedBefore = files::read(archive->directory() / "checked.json");
+
+    for (int failing = 1;; ++failing) {
+        testing::FailingFileSystem fileSystem(failing);
+        bool threw = false;
+        {
+            ScopedReplacement<FileSystem> installed(fileSystem);
+            try {
+                TimeMachineImports::importBackup(later, *archive);
+            } catch (const Error&) {
+                threw = true;
+            }
+        }
+        EXPECT_TRUE(BackupLocator::stagedFolders().empty()) << failing;
+        EXPECT_TRUE(fs::is_empty(user.temporary())) << failing;
+        const auto entries = archive->entries();
+        if (entries.size() == 1) {
+            // Nothing new is listed: the index and the marks are as they were.
+            EXPECT_TRUE(threw) << failing;
+            EXPECT_EQ(files::read(archive->directory() / "index.json"), indexBefore) << failing;
+            EXPECT_EQ(files::read(archive->directory() / "checked.json"), checkedBefore) << failing;
+        } else {
+            // The new entry is listed whole: its file is there and decompresses to its content.
+            ASSERT_EQ(entries.size(), 2u) << failing;
+            const auto staged = archive->stage(entries.front());
+            EXPECT_EQ(CalendarDatabase(staged).contentFingerprint(), entries.front().fingerprint) << failing;
+            BackupLocator::removeStagedCopy(staged);
+            // A failed mark leaves the backup pending; the next import marks it and stores nothing.
+            if (threw) {
+                EXPECT_EQ(TimeMachineImports::importBackup(later, *archive).which, Case::unchanged) << failing;
+            }
+        }
+        if (!fileSystem.failed()) break;
+        // Start the next round from the store as it was.
+        if (archive->entries().size() == 2) archive->remove(archive->entries().front());
+        files::write(archive->directory() / "checked.json", checkedBefore);
+        ASSERT_LT(failing, 50) << "the import never ran to its end";
+    }
+}
+
+TEST_F(TimeMachineImportsTest, SnapshotBasedBackupsAreMountedReadAndUnmounted) {
+    const std::string uuid = "4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9";
+    const auto volume = user.root().makeFolder("Backup Disk");
+    const auto content = fs::path(backup("content", 3)) / "Macintosh HD";
+    tools.answer("/usr/sbin/diskutil info -plist " + uuid,
+                 {0, "<plist><dict><key>MountPoint</key><string>" + volume.string() + "</string></dict></plist>"});
+    // Mounting makes the snapshot's volume appear at the mount point; unmounting takes it away.
+    tools.simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
+        fs::copy(content, arguments.back(), fs::copy_options::recursive);
+        return LaunchResult{0, ""};
+    });
+    tools.simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
+        for (const auto& entry : fs::directory_iterator(arguments.back()))
+            fs::remove_all(entry.path());
+        return LaunchResult{0, ""};
+    });
+    const auto path = "/Volumes/.timemachine/" + uuid + "/2024-03-01-101500.backup/2024-03-01-101500.backup";
+
+    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
+    EXPECT_EQ(result.which, Case::saved);
+    EXPECT_EQ(result.entry.eventCount, 3);
+    EXPECT_EQ(tools.count("/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.backup " +
+                          volume.string() + " "),
+              1u);
+    EXPECT_EQ(tools.count("/sbin/umount "), 1u);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+
+    // Several threads opening it through the cache: one mounts and reads, the others wait and
+    // then read the cached copy.
+    std::vector<std::thread> threads;
+    std::atomic<int> cached{0};
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            auto opened = BackupCatalog::open(source(path, "2024-03-01-101500"));
+            if (opened.location.ends_with(" (cached)")) ++cached;
+            opened.close();
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(tools.count("/sbin/mount_apfs "), 2u);
+    EXPECT_EQ(cached.load(), 3);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+}
+
+TEST_F(TimeMachineImportsTest, OnlyTimeMachineSourcesGoThroughTheCache) {
+    const auto path = backup("2024-03-01-101500");
+    const BackupSource file(Kind::file(path), std::nullopt);
+    EXPECT_TRUE(BackupCache::shared().isCached(file));
+    BackupCatalog::prepareCache(file);
+    auto opened = BackupCatalog::open(file);
+    EXPECT_FALSE(opened.location.ends_with("(cached)"));
+    opened.close();
+    EXPECT_FALSE(fs::exists(BackupCache::shared().directory()));
+    EXPECT_EQ(BackupCache::shared().url(file).filename().string().size(), 32u + 8u);
+}
+
+} // namespace
+} // namespace morvane
