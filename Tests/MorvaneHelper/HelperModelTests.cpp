@@ -3,9 +3,9 @@
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
-#include "MorvanePlatform/QueuedMainThread.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/QueuedMainThread.h"
 
 #include <gtest/gtest.h>
 
@@ -48,12 +48,14 @@ protected:
     }
 
     bool settled() { return !model->phase().isBusy(); }
-    bool pump(const std::function<bool()>& done) { return mainThread.pumpUntil(done, std::chrono::seconds(60)); }
+    bool pump(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+        return mainThread.pumpUntil(done, timeout);
+    }
 
     testing::TemporaryUser user;
     testing::RecordingToolLauncher tools;
     ScopedReplacement<ToolLauncher> installedTools{tools};
-    QueuedMainThread mainThread;
+    testing::QueuedMainThread mainThread;
     ScopedReplacement<MainThread> installedMainThread{mainThread};
     testing::RecordingSystemLog log;
     ScopedReplacement<SystemLog> installedLog{log};
@@ -119,6 +121,25 @@ TEST_F(HelperModelTest, ARunImportsEveryPendingBackupAndKeepsItsResultOnScreen) 
     model->refresh();
     ASSERT_TRUE(pump([&] { return settled(); }));
     EXPECT_EQ(model->phase(), Phase::finished(2, 4, 1));
+}
+
+TEST_F(HelperModelTest, QuittingStopsARunBetweenBackupsAndLeavesNothingStaged) {
+    grantBothPermissions();
+    backups({{"2024-03-01-101500", 1}, {"2024-03-02-101500", 2}, {"2024-03-03-101500", 3}});
+    model->refresh();
+    ASSERT_TRUE(pump([&] { return settled(); }));
+    model->importAll();
+    ASSERT_TRUE(pump([&] { return model->phase().which == Phase::Case::importing && model->phase().done == 1; }));
+
+    model->quit();
+    // The second backup was in hand or not yet started; the third never starts.
+    const auto checked = TimeMachineImports::checkedStamps(*model->archive());
+    EXPECT_TRUE(checked == std::vector<std::string>{"2024-03-01-101500"} ||
+                checked == (std::vector<std::string>{"2024-03-01-101500", "2024-03-02-101500"}))
+        << ::testing::PrintToString(checked);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+    // What the run handed over and hadn't been shown yet is dropped, not run later.
+    EXPECT_FALSE(pump([&] { return !model->phase().isBusy(); }, std::chrono::milliseconds(200)));
 }
 
 TEST_F(HelperModelTest, LosingFullDiskAccessEmptiesTheListAndLeavesThePhase) {
