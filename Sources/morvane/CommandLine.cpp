@@ -38,7 +38,7 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
-             return [options](std::ostream& out, std::ostream& err) { return runCalendars(*options, out, err); };
+             return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
          }},
         {"events", "List the live events of a date range, repeating events expanded, by start",
          [](CLI::App& command) {
@@ -59,7 +59,7 @@ std::vector<Command> commands() {
                  ->required();
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
-             return [options](std::ostream& out, std::ostream& err) { return runInspect(*options, out, err); };
+             return [options](std::ostream& out, std::ostream&) { return runInspect(*options, out); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {
