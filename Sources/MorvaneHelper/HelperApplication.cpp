@@ -17,8 +17,6 @@
 #include <QPushButton>
 #include <QSocketNotifier>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -137,12 +135,10 @@ int TimeMachineHelperApp::run(int argc, char** argv) {
     window.show();
     const int status = QApplication::exec();
 
-    // A scan or import still running would go on touching what the process is tearing down;
-    // its work ends with the process, as it would at any quit.
-    if (model->phase().isBusy()) {
-        std::fflush(nullptr);
-        std::_Exit(status);
-    }
+    // The delegate swept as the loop ended; a run still going stops before its next backup, and
+    // whatever it took for the backup in hand goes with it. Then nothing runs but this thread.
+    model->quit();
+    HelperDelegate::applicationWillTerminate();
     return status;
 }
 

@@ -30,8 +30,9 @@ private:
 };
 
 // The helper's application: sets up the platform's services for a window program, shows the
-// one window "Morvane Time Machine Helper" over a new model, and runs until it quits.
-// Returns the exit status.
+// one window "Morvane Time Machine Helper" over a new model, and runs until it quits. Then it
+// stops the model's background work, waits for it, sweeps again what it may have held, and
+// returns the exit status for `main` to return.
 class TimeMachineHelperApp {
 public:
     static int run(int argc, char** argv);

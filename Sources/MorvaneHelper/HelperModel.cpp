@@ -2,24 +2,23 @@
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Backups/SnapshotMount.h"
-#include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvaneCore/Uninstall/Uninstaller.h"
 #include "MorvaneHelper/HelperShell.h"
 #include "MorvanePlatform/Bundle.h"
 #include "MorvanePlatform/MainThread.h"
-#include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/Trash.h"
 #include "MorvanePlatform/Workspace.h"
 
 #include <filesystem>
-#include <thread>
 
 namespace morvane {
 
 std::shared_ptr<HelperModel> HelperModel::make(std::shared_ptr<CalendarArchive> archive) {
     return std::shared_ptr<HelperModel>(new HelperModel(std::move(archive)));
 }
+
+void HelperModel::quit() { worker_.stop(); }
 
 HelperModel::HelperModel(std::shared_ptr<CalendarArchive> archive) : archive_(std::move(archive)) {}
 
@@ -43,45 +42,48 @@ void HelperModel::refresh() {
 
     const Phase previous = phase_;
     set(phase_, Phase::scanning());
-    std::thread([self = shared_from_this(), previous] {
-        auto found = TimeMachineImports::pending(*self->archive_);
-        MainThread::current().run([&] {
-            self->set(self->pending_, std::move(found.sources));
-            self->set(self->notes_, std::move(found.notes));
-            // The result of a run stays on screen through the rescan that follows it.
-            if (self->phase_.which == Phase::Case::scanning)
-                self->set(self->phase_, previous.which == Phase::Case::finished ? previous : Phase::idle());
-        });
-    }).detach();
+    worker_.post([this, previous](std::stop_token stop) {
+        auto found = TimeMachineImports::pending(*archive_);
+        MainThread::current().run(
+            [&] {
+                set(pending_, std::move(found.sources));
+                set(notes_, std::move(found.notes));
+                // The result of a run stays on screen through the rescan that follows it.
+                if (phase_.which == Phase::Case::scanning)
+                    set(phase_, previous.which == Phase::Case::finished ? previous : Phase::idle());
+            },
+            stop);
+    });
 }
 
 void HelperModel::importAll() {
     if (pending_.empty() || phase_.isBusy()) return;
-    const int total = static_cast<int>(pending_.size());
-    set(phase_, Phase::importing(0, total, ""));
+    set(phase_, Phase::importing(0, static_cast<int>(pending_.size()), ""));
 
-    std::thread([self = shared_from_this(), backups = pending_, total] {
-        int added = 0;
-        int failed = 0;
-        for (int index = 0; index < total; ++index) {
-            const auto& source = backups[static_cast<size_t>(index)];
-            const auto shown = source.date ? dates::abbreviatedDateTime(*source.date) : std::string();
-            MainThread::current().run([&] { self->set(self->phase_, Phase::importing(index, total, shown)); });
-            try {
-                const auto result = TimeMachineImports::importBackup(source, *self->archive_);
-                if (result.which == CalendarArchive::SnapshotResult::Case::saved) ++added;
-            } catch (const std::exception& error) {
-                ++failed;
-                SystemLog::current().write("Time Machine Helper: " + shown + ": " + error.what());
+    worker_.post([this, backups = pending_](std::stop_token stop) {
+        // Each backup shows before its copy starts, so the bar shows those finished so far.
+        class Shown final : public ImportRun::Progress {
+        public:
+            Shown(HelperModel& model, std::stop_token stop) : model_(model), stop_(std::move(stop)) {}
+            void copying(const Phase& importing) override {
+                MainThread::current().run([&] { model_.set(model_.phase_, importing); }, stop_);
             }
-        }
-        MainThread::current().run([&] {
-            self->set(self->phase_, Phase::finished(added, total, failed));
-            self->set(self->imported_, static_cast<int>(self->archive_->entries().size()));
-            self->set(self->pending_, std::vector<BackupSource>{});
-            self->refresh();
-        });
-    }).detach();
+
+        private:
+            HelperModel& model_;
+            const std::stop_token stop_;
+        } shown(*this, stop);
+
+        const auto result = ImportRun::copyAll(backups, *archive_, shown, stop);
+        MainThread::current().run(
+            [&] {
+                set(phase_, result);
+                set(imported_, static_cast<int>(archive_->entries().size()));
+                set(pending_, std::vector<BackupSource>{});
+                refresh();
+            },
+            stop);
+    });
 }
 
 void HelperModel::openMorvane() { Workspace::current().openApplication(std::string(TimeMachineImports::appBundleID)); }

@@ -2,6 +2,8 @@
 
 #include "MorvaneCore/Backups/BackupSource.h"
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
+#include "MorvaneCore/SnapshotStore/ImportRun.h"
+#include "MorvaneHelper/SerialWorker.h"
 
 #include <functional>
 #include <memory>
@@ -22,38 +24,12 @@ inline constexpr const char* privacySettingsURL =
 // backups itself; it turns what the core reports into states for the window.
 //
 // Lives on the main thread: its properties are read and written there only, and its operations
-// are called there. Work that blocks runs on detached background threads, one scan or one
-// import run at a time, which hand each change of state to the main thread (MainThread) and
-// wait for it. Create it with `make`: background work keeps the model alive.
-class HelperModel : public std::enable_shared_from_this<HelperModel> {
+// are called there. Work that blocks runs on the model's own background thread, one scan or one
+// import run at a time, which hands each change of state to the main thread (MainThread) and
+// waits for it. `quit`, or destroying the model, stops that work and waits for its end.
+class HelperModel {
 public:
-    struct Phase {
-        enum class Case { idle, scanning, importing, finished, failed };
-        Case which = Case::idle;
-        // importing: backup number `done` (from 0) of `total`, `current` its date for display.
-        int done = 0;
-        int total = 0;
-        std::string current;
-        // finished: `added` restore points from `checked` backups tried, `failed` of them failed.
-        int added = 0;
-        int checked = 0;
-        int failed = 0;
-        // failed: a message to show.
-        std::string message;
-
-        static Phase idle() { return {}; }
-        static Phase scanning() { return {.which = Case::scanning}; }
-        static Phase importing(int done, int total, std::string current) {
-            return {.which = Case::importing, .done = done, .total = total, .current = std::move(current)};
-        }
-        static Phase finished(int added, int checked, int failed) {
-            return {.which = Case::finished, .added = added, .checked = checked, .failed = failed};
-        }
-        static Phase failure(std::string message) { return {.which = Case::failed, .message = std::move(message)}; }
-
-        bool isBusy() const { return which == Case::scanning || which == Case::importing; }
-        friend bool operator==(const Phase&, const Phase&) = default;
-    };
+    using Phase = ImportRun::Phase;
 
     // A model importing into `archive` (the App Store edition's imports store in the product).
     static std::shared_ptr<HelperModel> make(std::shared_ptr<CalendarArchive> archive);
@@ -82,9 +58,15 @@ public:
 
     // The removal dialogue (HelperShell's alerts): on confirmation takes away mounts and staged
     // copies, deletes the imported restore points if asked, moves the helper to the trash (or
-    // shows it, for the user to finish), clears its settings and ends the process. Cancelling
-    // changes nothing.
+    // shows it, for the user to finish), clears its settings and asks the shell to end the
+    // application. Cancelling changes nothing.
     void confirmRemove();
+
+    // Stops the background work and waits for its end: a scan finishes, an import run stops
+    // before its next backup (what it held for the backup in hand goes with it), and no change
+    // of state reaches the main thread any more. The properties keep their last values. Call
+    // on the main thread, when the application ends.
+    void quit();
 
 private:
     explicit HelperModel(std::shared_ptr<CalendarArchive> archive);
@@ -99,6 +81,8 @@ private:
     Phase phase_;
     const std::shared_ptr<CalendarArchive> archive_;
     std::function<void()> observer_;
+    // Last, so that its tasks end before the fields they use go.
+    SerialWorker worker_;
 };
 
 } // namespace morvane

@@ -1,7 +1,5 @@
 #include "MorvaneHelper/HelperShell.h"
 
-#include <cstdlib>
-
 namespace morvane {
 namespace {
 
@@ -11,7 +9,8 @@ public:
         return {.button = alert.buttons.empty() ? 0 : static_cast<int>(alert.buttons.size()) - 1};
     }
     void closeAllWindows() override {}
-    void exit(int status) override { std::exit(status); }
+    // Without a window there is no event loop to leave; the program ends by returning from main.
+    void exit(int) override {}
 };
 
 } // namespace

@@ -24,16 +24,16 @@ struct AlertAnswer {
     bool checkboxOn = false;
 };
 
-// What the helper asks of its application: modal alerts, its windows, and the end of the
-// process. The window program installs its own for its lifetime; everything here runs on the
-// main thread.
+// What the helper asks of its application: modal alerts, its windows, and its end. The window
+// program installs its own for its lifetime; everything here runs on the main thread.
 class HelperShell : public Replaceable<HelperShell> {
 public:
     virtual ~HelperShell() = default;
 
     virtual AlertAnswer runAlert(const Alert& alert) = 0;
     virtual void closeAllWindows() = 0;
-    // Ends the process with `status` once the caller returns to the event loop.
+    // Leaves the event loop with `status` once the caller returns to it; the application then
+    // ends as at any quit.
     virtual void exit(int status) = 0;
 
     // Without a window nobody can answer, so every alert gets its last button (the

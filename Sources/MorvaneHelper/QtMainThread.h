@@ -5,12 +5,11 @@
 namespace morvane {
 
 // The main thread of a Qt application: work from background threads runs on the GUI thread, in
-// the order handed over, and the caller waits until it has run. Once the event loop has ended
-// nothing runs any more and callers wait for the end of the process; before an application
-// exists, work runs at once.
+// the order handed over, while its event loop runs, and the caller waits until it has run or its
+// stop is requested. Before an application exists, work runs at once.
 class QtMainThread final : public MainThread {
 public:
-    void run(const std::function<void()>& work) override;
+    bool run(const std::function<void()>& work, std::stop_token stop) override;
 };
 
 } // namespace morvane

@@ -32,36 +32,30 @@ std::optional<std::string> colorHex(const EKCalendar& calendar) {
 
 } // namespace
 
-int runCalendars(const CalendarsOptions& options, std::ostream& out, std::ostream& err) {
-    try {
-        auto store = std::make_shared<EKEventStore>();
-        EventKitSource(store).requestAccess();
-        const auto calendars = store->calendarsForEntityType(EKEntityType::event);
-        if (options.json) {
-            json::Value list = json::Value::array();
-            for (const auto& calendar : calendars) {
-                const auto color = colorHex(*calendar);
-                list.push_back(
-                    {{"identifier", calendar->calendarIdentifier},
-                     {"title", calendar->title},
-                     {"source", calendar->source ? json::Value(calendar->source->title) : json::Value(nullptr)},
-                     {"type", typeName(calendar->type)},
-                     {"writable", calendar->allowsContentModifications},
-                     {"colorHex", color ? json::Value(*color) : json::Value(nullptr)}});
-            }
-            out << json::dump(list, true) << '\n';
-            return exitSuccess;
-        }
+int runCalendars(const CalendarsOptions& options, std::ostream& out) {
+    auto store = std::make_shared<EKEventStore>();
+    EventKitSource(store).requestAccess();
+    const auto calendars = store->calendarsForEntityType(EKEntityType::event);
+    if (options.json) {
+        json::Value list = json::Value::array();
         for (const auto& calendar : calendars) {
-            out << calendar->title << " (" << (calendar->source ? calendar->source->title : "?") << ")  "
-                << typeName(calendar->type) << (calendar->allowsContentModifications ? "" : ", read-only") << "  "
-                << calendar->calendarIdentifier << '\n';
+            const auto color = colorHex(*calendar);
+            list.push_back({{"identifier", calendar->calendarIdentifier},
+                            {"title", calendar->title},
+                            {"source", calendar->source ? json::Value(calendar->source->title) : json::Value(nullptr)},
+                            {"type", typeName(calendar->type)},
+                            {"writable", calendar->allowsContentModifications},
+                            {"colorHex", color ? json::Value(*color) : json::Value(nullptr)}});
         }
+        out << json::dump(list, true) << '\n';
         return exitSuccess;
-    } catch (const Error& error) {
-        err << "morvane: " << error.description() << '\n';
-        return exitFailure;
     }
+    for (const auto& calendar : calendars) {
+        out << calendar->title << " (" << (calendar->source ? calendar->source->title : "?") << ")  "
+            << typeName(calendar->type) << (calendar->allowsContentModifications ? "" : ", read-only") << "  "
+            << calendar->calendarIdentifier << '\n';
+    }
+    return exitSuccess;
 }
 
 } // namespace morvane::cli

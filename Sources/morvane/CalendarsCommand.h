@@ -10,8 +10,8 @@ struct CalendarsOptions {
 
 // `morvane calendars [--json]`: every event calendar of the live store, in the store's order,
 // with its identifier, title, account, kind, whether it can be written and its colour. Opening
-// the store creates it on a machine that has none. Fails, with the reason on `err`, when calendar
-// access is refused or the store can't be opened.
-int runCalendars(const CalendarsOptions& options, std::ostream& out, std::ostream& err);
+// the store creates it on a machine that has none. Throws, for the command table to report, when
+// calendar access is refused or the store can't be opened.
+int runCalendars(const CalendarsOptions& options, std::ostream& out);
 
 } // namespace morvane::cli

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <functional>
+#include <new>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -37,7 +38,7 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
-             return [options](std::ostream& out, std::ostream& err) { return runCalendars(*options, out, err); };
+             return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
          }},
         {"events", "List the live events of a date range, repeating events expanded, by start",
          [](CLI::App& command) {
@@ -58,7 +59,7 @@ std::vector<Command> commands() {
                  ->required();
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
-             return [options](std::ostream& out, std::ostream& err) { return runInspect(*options, out, err); };
+             return [options](std::ostream& out, std::ostream&) { return runInspect(*options, out); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {
@@ -105,9 +106,8 @@ const Command* nearest(const std::vector<Command>& table, const std::string& typ
     return best;
 }
 
-} // namespace
-
-int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+// Parses the arguments and runs the command they select.
+int dispatch(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
     const auto table = commands();
 
     if (argc >= 2) {
@@ -138,12 +138,32 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
         return help ? exitSuccess : exitUsage;
     }
 
+    return selected(out, err);
+}
+
+// A message that isn't ours may span lines; the program's failures are one line each.
+std::string oneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+    return text;
+}
+
+} // namespace
+
+int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+    // Whatever a command lets through ends it with a status of its own, never with an abort.
     try {
-        return selected(out, err);
+        return dispatch(argc, argv, out, err);
     } catch (const Error& error) {
         err << "morvane: " << error.description() << '\n';
-        return exitFailure;
+    } catch (const std::bad_alloc&) {
+        err << "morvane: out of memory.\n";
+    } catch (const std::exception& error) {
+        err << "morvane: " << oneLine(error.what()) << '\n';
+    } catch (...) {
+        err << "morvane: the command failed for an unknown reason.\n";
     }
+    return exitFailure;
 }
 
 } // namespace morvane::cli

@@ -13,7 +13,8 @@ enum ExitStatus : int {
     exitUsage = 2,   // the command line was wrong
 };
 
-// Runs the program with its arguments, writing results to `out` and messages to `err`.
+// Runs the program with its arguments, writing results to `out` and messages to `err`. Never
+// throws: whatever escapes a command ends it with exitFailure and one line on `err`.
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
 } // namespace morvane::cli

@@ -1,55 +1,17 @@
 #include "morvane/EventsCommand.h"
 
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
-#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/DateInput.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "MorvaneCore/Shared/TimeZones.h"
 #include "morvane/CommandLine.h"
 
 #include <algorithm>
 #include <ostream>
-#include <regex>
 #include <set>
-#include <unicode/gregocal.h>
 
 namespace morvane::cli {
 namespace {
-
-// The start of a calendar day in the current zone.
-std::optional<Date> startOfDay(int year, int month, int day) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::GregorianCalendar calendar(status);
-    calendar.setLenient(false);
-    calendar.clear();
-    calendar.set(year, month - 1, day, 0, 0, 0);
-    const UDate millis = calendar.getTime(status);
-    if (U_FAILURE(status)) return std::nullopt;
-    return Date::fromSecondsSince1970(millis / 1000.0);
-}
-
-// "YYYY-MM-DD", or an ISO 8601 date-time with "Z" or an offset, optionally with fractions.
-std::optional<Date> parseDate(const std::string& text) {
-    static const std::regex day(R"((\d{4})-(\d{2})-(\d{2}))");
-    static const std::regex dateTime(R"((\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2})(\.\d+)?(Z|[+-]\d{2}:?\d{2}))");
-    std::smatch parts;
-    if (std::regex_match(text, parts, day)) {
-        return startOfDay(std::stoi(parts[1]), std::stoi(parts[2]), std::stoi(parts[3]));
-    }
-    if (!std::regex_match(text, parts, dateTime)) return std::nullopt;
-    auto moment = dates::parseISO8601(parts[1].str() + "Z");
-    if (!moment) return std::nullopt;
-    if (parts[2].matched) moment->seconds += std::stod("0" + parts[2].str());
-    const std::string zone = parts[3];
-    if (zone != "Z") {
-        const int sign = zone[0] == '-' ? -1 : 1;
-        const std::string digits = zone.substr(1);
-        const int hours = std::stoi(digits.substr(0, 2));
-        const int minutes = std::stoi(digits.substr(digits.size() - 2));
-        if (hours > 23 || minutes > 59) return std::nullopt;
-        moment->seconds -= sign * (hours * 3600 + minutes * 60);
-    }
-    return moment;
-}
 
 struct Occurrence {
     std::shared_ptr<EKEvent> event;
@@ -98,10 +60,12 @@ json::Value occurrenceJSON(const Occurrence& occurrence) {
 } // namespace
 
 int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err) {
-    const auto from = parseDate(options.from);
-    const auto to = parseDate(options.to);
+    const auto from = dates::parseDayOrDateTime(options.from);
+    const auto to = dates::parseDayOrDateTime(options.to);
     if (!from || !to) {
-        err << "morvane: dates are YYYY-MM-DD or an ISO 8601 date-time such as 2024-03-01T09:00:00Z, not '"
+        err << "morvane: " << (!from ? "--from" : "--to")
+            << " takes YYYY-MM-DD or an ISO 8601 date-time such as 2024-03-01T09:00:00Z or "
+               "2024-03-01T09:00:00+01:00, not '"
             << (!from ? options.from : options.to) << "'.\n";
         return exitUsage;
     }

@@ -11,9 +11,9 @@ struct InspectOptions {
     bool json = false;
 };
 
-// `morvane inspect PATH [--events] [--json]`: what a calendar database holds, read from a staged
-// copy (the file itself is never opened). Fails, with the reason on `err`, for a database that
-// can't be found, copied, opened or trusted.
-int runInspect(const InspectOptions& options, std::ostream& out, std::ostream& err);
+// `morvane inspect PATH [--events] [--json]`: what a backup holds (BackupReport), read from a
+// staged copy (the file itself is never opened). Throws, for the command table to report, what
+// finding, copying, opening or trusting the backup throws.
+int runInspect(const InspectOptions& options, std::ostream& out);
 
 } // namespace morvane::cli

@@ -1,10 +1,9 @@
 #include "morvane/TimeMachineCommand.h"
 
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/SnapshotStore/ImportRun.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
-#include "MorvaneHelper/HelperModel.h"
-#include "MorvaneHelper/HelperTexts.h"
 #include "MorvanePlatform/Files.h"
-#include "MorvanePlatform/QueuedMainThread.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CommandLine.h"
 
@@ -12,8 +11,6 @@
 
 namespace morvane::cli {
 namespace {
-
-using Phase = HelperModel::Phase;
 
 // A text progress bar: "[=====     ]".
 std::string bar(int done, int total) {
@@ -23,49 +20,46 @@ std::string bar(int done, int total) {
            "]";
 }
 
+// A line per backup as its copy starts, flushed so that a long copy shows which one it is.
+class PrintedProgress final : public ImportRun::Progress {
+public:
+    explicit PrintedProgress(std::ostream& out) : out_(out) {}
+    void copying(const ImportRun::Phase& importing) override {
+        if (importing.current.empty()) return;
+        out_ << bar(importing.done, importing.total) << ' ' << ImportRun::copyingLabel(importing) << "  "
+             << importing.current << std::endl;
+    }
+
+private:
+    std::ostream& out_;
+};
+
 int runImport(std::ostream& out, std::ostream& err) {
     // Here this program is the app the helper works for, so its container exists once it runs.
     files::createDirectories(TimeMachineImports::appStoreContainer());
-
-    QueuedMainThread mainThread;
-    ScopedReplacement<MainThread> installed(mainThread);
-    const auto model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
-    Phase shown;
-    model->setObserver([&] {
-        const auto& phase = model->phase();
-        if (phase == shown) return;
-        shown = phase;
-        if (phase.which == Phase::Case::importing && !phase.current.empty())
-            out << bar(phase.done, phase.total) << ' ' << helperTexts::copyingLabel(phase) << "  " << phase.current
-                << std::endl;
-    });
-
-    model->refresh();
-    mainThread.pumpUntil([&] { return !model->phase().isBusy(); });
-    if (!model->hasFullDiskAccess()) {
-        err << "morvane: the calendars can't be read: "
-            << "macOS only lets apps read Time Machine backups with Full "
-            << "Disk Access. Turn on Morvane Time Machine Helper in Privacy & Security → Full Disk Access, then come "
-            << "back.\n";
+    if (!BackupLocator::canReadLiveDatabase()) {
+        err << "morvane: the calendars can't be read: " << ImportRun::fullDiskAccessAdvice << '\n';
         return exitFailure;
     }
-    for (const auto& note : model->notes())
+    const auto archive = TimeMachineImports::forAppStoreEdition();
+    const auto before = TimeMachineImports::pending(*archive);
+    for (const auto& note : before.notes)
         out << note << '\n';
-    if (model->pending().empty()) {
-        out << helperTexts::statusLine(model->pending(), model->imported()) << '\n';
+    if (before.sources.empty()) {
+        out << ImportRun::statusLine({}, static_cast<int>(archive->entries().size())) << '\n';
         return exitSuccess;
     }
-    out << helperTexts::pendingSummary(model->pending()) << '\n';
+    out << ImportRun::pendingSummary(before.sources) << '\n';
 
-    model->importAll();
-    // The run ends in `finished`; the rescan after it ends when nothing is busy any more.
-    mainThread.pumpUntil([&] { return model->phase().which == Phase::Case::finished && !model->phase().isBusy(); });
-    const auto result = model->phase();
+    PrintedProgress progress(out);
+    const auto result = ImportRun::copyAll(before.sources, *archive, progress);
     out << bar(result.checked, result.checked) << '\n';
-    out << helperTexts::runHeadline(result) << '\n';
-    if (const auto advice = helperTexts::runFailureAdvice(result)) out << *advice << '\n';
-    out << helperTexts::statusLine(model->pending(), model->imported()) << '\n';
-    for (const auto& note : model->notes())
+    out << ImportRun::headline(result) << '\n';
+    if (const auto advice = ImportRun::failureAdvice(result)) out << *advice << '\n';
+    // What is still to copy after the run: the backups that failed, and any that came meanwhile.
+    const auto after = TimeMachineImports::pending(*archive);
+    out << ImportRun::statusLine(after.sources, static_cast<int>(archive->entries().size())) << '\n';
+    for (const auto& note : after.notes)
         out << note << '\n';
     return result.failed == 0 ? exitSuccess : exitFailure;
 }
@@ -76,7 +70,7 @@ int runTimeMachine(const TimeMachineOptions& options, std::ostream& out, std::os
     if (options.action == TimeMachineOptions::Action::import) return runImport(out, err);
     const auto pending = TimeMachineImports::pending(*TimeMachineImports::forAppStoreEdition());
     printSources(pending.sources, pending.notes, options.json, "No Time Machine backups to copy.", out);
-    if (!options.json && !pending.sources.empty()) out << helperTexts::pendingSummary(pending.sources) << '\n';
+    if (!options.json && !pending.sources.empty()) out << ImportRun::pendingSummary(pending.sources) << '\n';
     return exitSuccess;
 }
 

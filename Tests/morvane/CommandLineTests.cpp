@@ -166,6 +166,23 @@ TEST_F(CommandLineTest, InspectOfSomethingUnreadableFailsWithTheReason) {
     EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 }
 
+TEST_F(CommandLineTest, AnythingThrownOutOfACommandEndsItWithOneLineAndStatusOne) {
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[] { throw std::runtime_error("stoi\nat line 3"); }, "morvane: stoi at line 3\n"},
+        {[] { throw std::bad_alloc(); }, "morvane: out of memory.\n"},
+        {[] { throw 42; }, "morvane: the command failed for an unknown reason.\n"},
+    };
+    for (const auto& [failure, message] : cases) {
+        tools.simulate("/usr/bin/tmutil", [&](const std::vector<std::string>&) -> LaunchResult {
+            failure();
+            return {};
+        });
+        const auto result = runCommandLine({"backups"});
+        EXPECT_EQ(result.status, cli::exitFailure);
+        EXPECT_EQ(result.err, message);
+    }
+}
+
 TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {
     const auto typo = runCommandLine({"bakups"});
     EXPECT_EQ(typo.status, cli::exitUsage);

@@ -1,24 +1,51 @@
-#include "MorvaneHelper/HelperTexts.h"
+#include "MorvaneCore/SnapshotStore/ImportRun.h"
 
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
+#include "MorvanePlatform/SystemLog.h"
 
 #include <algorithm>
 
-namespace morvane::helperTexts {
+namespace morvane::ImportRun {
 namespace {
 
 std::string plural(int count) { return count == 1 ? "" : "s"; }
 
 } // namespace
 
-std::string runHeadline(const HelperModel::Phase& finished) {
+Phase copyAll(const std::vector<BackupSource>& backups, CalendarArchive& archive, Progress& progress,
+              std::stop_token stop) {
+    const int total = static_cast<int>(backups.size());
+    int tried = 0;
+    int added = 0;
+    int failed = 0;
+    for (const auto& source : backups) {
+        if (stop.stop_requested()) break;
+        const auto shown = source.date ? dates::abbreviatedDateTime(*source.date) : std::string();
+        progress.copying(Phase::importing(tried, total, shown));
+        // Asked to stop while the front end showed the backup: it isn't started any more.
+        if (stop.stop_requested()) break;
+        ++tried;
+        try {
+            const auto result = TimeMachineImports::importBackup(source, archive);
+            if (result.which == CalendarArchive::SnapshotResult::Case::saved) ++added;
+        } catch (const std::exception& error) {
+            // One unreadable backup never stops the others; the user sees the count, the log the reason.
+            ++failed;
+            SystemLog::current().write("Time Machine Helper: " + shown + ": " + error.what());
+        }
+    }
+    return Phase::finished(added, tried, failed);
+}
+
+std::string headline(const Phase& finished) {
     if (finished.failed == finished.checked) return "The backups couldn't be read.";
     if (finished.added != 0)
         return "Done. Added " + std::to_string(finished.added) + " restore point" + plural(finished.added) + ".";
     return "Done. No new calendar changes in those backups.";
 }
 
-std::optional<std::string> runFailureAdvice(const HelperModel::Phase& finished) {
+std::optional<std::string> failureAdvice(const Phase& finished) {
     if (finished.failed < 1) return std::nullopt;
     return std::to_string(finished.failed) + " backup" + plural(finished.failed) +
            " couldn't be read. Is the backup disk still connected? Click Import Backups to try " +
@@ -50,17 +77,8 @@ std::string statusLine(const std::vector<BackupSource>& pending, int imported) {
            "bring in newer backups.";
 }
 
-std::string copyingLabel(const HelperModel::Phase& importing) {
+std::string copyingLabel(const Phase& importing) {
     return "Copying backup " + std::to_string(importing.done + 1) + " of " + std::to_string(importing.total);
 }
 
-bool importStepDone(const HelperModel& model) {
-    return importStepDone(model.phase(), model.imported(), model.pending());
-}
-
-bool importStepDone(const HelperModel::Phase& phase, int imported, const std::vector<BackupSource>& pending) {
-    if (phase.which == HelperModel::Phase::Case::finished) return true;
-    return imported >= 1 && pending.empty() && !phase.isBusy();
-}
-
-} // namespace morvane::helperTexts
+} // namespace morvane::ImportRun

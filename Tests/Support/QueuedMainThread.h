@@ -6,20 +6,21 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
-namespace morvane {
+namespace morvane::testing {
 
-// A main thread for programs without a window's event loop: the thread that makes this object
-// is the main thread, and it runs the work handed over from background threads when it pumps.
+// A main thread without a window's event loop: the thread that makes this object is the main
+// thread, and it runs the work handed over from background threads when the test pumps.
 class QueuedMainThread final : public MainThread {
 public:
     QueuedMainThread() = default;
     QueuedMainThread(const QueuedMainThread&) = delete;
     QueuedMainThread& operator=(const QueuedMainThread&) = delete;
 
-    void run(const std::function<void()>& work) override;
+    bool run(const std::function<void()>& work, std::stop_token stop) override;
 
     // On the main thread: runs handed-over work, in order, until `done` holds or `timeout` has
     // passed. Returns whether `done` holds.
@@ -30,7 +31,7 @@ private:
     const std::thread::id owner_ = std::this_thread::get_id();
     std::mutex lock_;
     std::condition_variable changed_;
-    std::deque<std::function<void()>*> queue_; // guarded by lock_
+    std::deque<std::shared_ptr<HandedOverWork>> queue_; // guarded by lock_
 };
 
-} // namespace morvane
+} // namespace morvane::testing
