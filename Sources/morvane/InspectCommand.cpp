@@ -173,15 +173,12 @@ void printText(const Report& report, bool withEvents, std::ostream& out) {
 
 int runInspect(const InspectOptions& options, std::ostream& out, std::ostream& err) {
     try {
-        const auto opened = BackupCatalog::open(BackupCatalog::source(options.path));
         Report report;
-        try {
+        {
+            // Closed at the end of the block, whether reading worked or not.
+            const auto opened = BackupCatalog::open(BackupCatalog::source(options.path));
             report = read(*opened.store, options.events);
-        } catch (...) {
-            opened.close();
-            throw;
         }
-        opened.close();
         options.json ? printJSON(report, options.events, out) : printText(report, options.events, out);
         return exitSuccess;
     } catch (const Error& error) {

@@ -317,7 +317,7 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
 
     const auto uid = *series->calendarItemExternalIdentifier();
     const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-    CalendarDatabase database(staged);
+    CalendarDatabase database(staged.file());
     database.verifyIntegrity();
     const auto events = database.events(std::nullopt);
     ASSERT_EQ(events.size(), 4u);
@@ -348,7 +348,6 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     EXPECT_EQ(cache.dates.size(), 3u);
     EXPECT_EQ(cache.dates.at(uid).count(Date{utc(2024, 3, 14, 2)}.occurrenceKey()), 0u);
     EXPECT_EQ(cache.dates.at(uid).count(movedKey), 1u);
-    BackupLocator::removeStagedCopy(staged);
 }
 
 TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
@@ -379,11 +378,10 @@ TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
 
     // The series a copy shows, every one of them with its three exception dates.
     auto seriesInACopy = [] {
-        std::filesystem::path staged;
         size_t series = 0;
         try {
-            staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-            CalendarDatabase database(staged);
+            const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+            CalendarDatabase database(staged.file());
             database.verifyIntegrity();
             for (const auto& event : database.events(std::nullopt)) {
                 EXPECT_EQ(database.exceptionDates(event.rowID).size(), 3u) << event.snapshot.title;
@@ -392,7 +390,6 @@ TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
         } catch (const Error&) {
             // A copy caught in the middle of a write may be refused; it may not be wrong.
         }
-        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
         return series;
     };
     while (!done)
