@@ -35,7 +35,10 @@ void fetchYearByYear(EKEventStore& store, DateInterval span,
         for (auto& event : store.eventsMatchingPredicate(predicate)) {
             if (!event) continue;
             const auto& identifier = event->calendarItemIdentifier();
-            const auto earlier = seen.find(identifier);
+            // Only what started before this year can have been fetched with the last one: the other
+            // occurrences of a series seen at the seam need no key.
+            const bool startedBefore = !event->startDate || *event->startDate < cursor.seconds;
+            const auto earlier = startedBefore ? seen.find(identifier) : seen.end();
             // Whatever ends at the seam may be fetched again on its other side.
             const bool crosses = !event->endDate || *event->endDate >= next.seconds;
             if (earlier == seen.end() && !crosses) {
