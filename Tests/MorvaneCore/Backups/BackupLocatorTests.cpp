@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string relative(BackupLocator::relativeDBPath);
+constexpr std::string_view relative = BackupLocator::relativeDBPath;
 
 class BackupLocatorTest : public ::testing::Test {
 protected:
