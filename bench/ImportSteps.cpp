@@ -36,19 +36,19 @@ int main(int argc, char** argv) {
                                   /*keepLog=*/true);
     const auto size = fs::file_size(source) + fs::file_size(source.string() + "-wal");
 
-    fs::path staged;
+    StagedCopy staged;
     std::string fingerprint;
     std::string compressed;
     std::size_t eventCount = 0;
     std::unique_ptr<CalendarDatabase> database;
     const std::vector<std::pair<const char*, std::function<void()>>> steps = {
         {"stage", [&] { staged = BackupLocator::stageCopy(source); }},
-        {"open", [&] { database = std::make_unique<CalendarDatabase>(staged); }},
+        {"open", [&] { database = std::make_unique<CalendarDatabase>(staged.file()); }},
         {"integrity", [&] { database->verifyIntegrity(); }},
         {"fingerprint", [&] { fingerprint = database->contentFingerprint(); }},
         {"events", [&] { eventCount = database->loadEvents().size(); }},
         {"checkpoint", [&] { database->checkpoint(); }},
-        {"compress", [&] { compressed = compression::compress(files::read(staged)); }},
+        {"compress", [&] { compressed = compression::compress(files::read(staged.file())); }},
         {"write", [&] { files::writeAtomically(folder / "restore-point.calsnap", compressed); }},
     };
 
@@ -62,7 +62,8 @@ int main(int argc, char** argv) {
     }
     std::cout << std::left << std::setw(12) << "total" << std::right << std::setw(8) << total << " s; compressed to "
               << compressed.size() / 1e6 << " MB; " << eventCount << " events read\n";
-    BackupLocator::removeStagedCopy(staged);
+    database.reset();
+    staged.remove();
     fs::remove_all(folder);
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 #include <string>
+#include <utility>
 
 // Decoding runs in two passes. The first walks the block headers only: it checks that every
 // block lies inside the input, that the stream ends where it should, and adds up the output
@@ -316,6 +317,15 @@ void FseBlockDecoder::decode(const BlockLayout& layout, const std::uint8_t* p, c
 
 namespace {
 
+// "4 GiB" for a whole number of GiB or MiB, else the bytes: limits are round numbers to a user.
+std::string sizeText(std::size_t bytes) {
+    for (const auto& [unit, name] :
+         {std::pair{std::size_t{1} << 30, " GiB"}, std::pair{std::size_t{1} << 20, " MiB"}}) {
+        if (bytes >= unit && bytes % unit == 0) return std::to_string(bytes / unit) + name;
+    }
+    return std::to_string(bytes) + " bytes";
+}
+
 void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_t>& out, std::size_t maxOutputSize) {
     const std::uint8_t* const data = input.data();
     const std::size_t size = input.size();
@@ -327,7 +337,7 @@ void decompressInto(std::span<const std::uint8_t> input, std::vector<std::uint8_
         total += block.rawBytes;
         if (total > maxOutputSize)
             throw LzfseError("The compressed data is too large: it would decompress to more than " +
-                             std::to_string(maxOutputSize) + " bytes");
+                             sizeText(maxOutputSize));
         if (block.magic == magicEnd) {
             if (at != size) damaged("data follows the end of the stream");
             break;

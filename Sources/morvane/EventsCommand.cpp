@@ -1,6 +1,7 @@
 #include "morvane/EventsCommand.h"
 
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Shared/DateInput.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "MorvaneCore/Shared/TimeZones.h"
@@ -8,7 +9,6 @@
 
 #include <algorithm>
 #include <ostream>
-#include <set>
 
 namespace morvane::cli {
 namespace {
@@ -20,19 +20,10 @@ struct Occurrence {
 
 std::vector<Occurrence> occurrencesBetween(EKEventStore& store, Date from, Date to) {
     std::vector<Occurrence> found;
-    // Occurrences on the seam of two fetches come twice.
-    std::set<std::pair<std::string, std::int64_t>> seen;
-    for (Date cursor = from; cursor < to;) {
-        const auto predicate = store.predicateForEvents(cursor.seconds, to.seconds, std::nullopt);
-        if (!(predicate.endDate > cursor.seconds)) break;
-        for (auto& event : store.eventsMatchingPredicate(predicate)) {
-            const auto key = liveOccurrenceKey(*event).value_or(0);
-            const auto identity = event->calendarItemExternalIdentifier().value_or(event->calendarItemIdentifier());
-            if (!seen.emplace(identity, key).second) continue;
-            found.push_back({std::move(event), key});
-        }
-        cursor = Date{predicate.endDate};
-    }
+    fetchYearByYear(store, {from, to}, [&found](std::shared_ptr<EKEvent> event) {
+        const auto key = liveOccurrenceKey(*event).value_or(0);
+        found.push_back({std::move(event), key});
+    });
     std::stable_sort(found.begin(), found.end(), [](const Occurrence& a, const Occurrence& b) {
         if (*a.event->startDate != *b.event->startDate) return *a.event->startDate < *b.event->startDate;
         return a.event->title.value_or("") < b.event->title.value_or("");

@@ -108,7 +108,7 @@ TEST_F(HelperRemovalTest, CancellingChangesNothing) {
     EXPECT_TRUE(question.firstButtonDestructive);
     EXPECT_EQ(question.checkbox, "Also delete the 1 Time Machine restore point it brought into Morvane");
 
-    EXPECT_TRUE(fs::exists(staged));
+    EXPECT_TRUE(fs::exists(staged.file()));
     EXPECT_TRUE(fs::exists(bundlePath));
     EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
     EXPECT_TRUE(fs::exists(preferences()));
@@ -125,7 +125,7 @@ TEST_F(HelperRemovalTest, ConfirmingWithTheCheckboxDeletesTheRestorePointsAndTra
 
     ASSERT_EQ(shell.alerts.size(), 2u);
     EXPECT_EQ(shell.alerts[0].checkbox, "Also delete the 3 Time Machine restore points it brought into Morvane");
-    EXPECT_FALSE(fs::exists(staged));
+    EXPECT_FALSE(fs::exists(staged.file()));
     EXPECT_FALSE(fs::exists(model->archive()->directory()));
 
     EXPECT_FALSE(fs::exists(bundlePath));

@@ -243,7 +243,7 @@ TEST_F(HelperWindowTest, ATerminationSignalQuitsAndSweepsWhatAnImportLeftOpen) {
     const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
     QTimer::singleShot(0, [] { std::raise(SIGTERM); });
     EXPECT_EQ(QApplication::exec(), 0);
-    EXPECT_FALSE(fs::exists(staged));
+    EXPECT_FALSE(fs::exists(staged.file()));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 }
 

@@ -35,15 +35,16 @@ std::filesystem::path BackupCache::url(const BackupSource& source) const {
     return directory_ / (SHA256::hex(digest.data(), 16) + ".calsnap");
 }
 
-std::optional<std::filesystem::path> BackupCache::stage(const BackupSource& source) const {
+StagedCopy BackupCache::stage(const BackupSource& source) const {
     const auto file = url(source);
     std::error_code error;
-    if (!std::filesystem::exists(file, error)) return std::nullopt;
+    if (!std::filesystem::exists(file, error)) return {};
     try {
         return CalendarArchive::stageFile(file);
     } catch (const Error&) {
+        // A damaged entry costs only speed: the next opening reads the backup and saves it anew.
         std::filesystem::remove(file, error);
-        return std::nullopt;
+        return {};
     }
 }
 
@@ -77,19 +78,26 @@ void BackupCache::clear() const {
     std::filesystem::remove_all(directory_, ignored);
 }
 
-bool BackupCache::beginOpening(const std::string& id) {
+std::optional<BackupCache::Opening> BackupCache::beginOpening(const std::string& id) {
     std::lock_guard guard(lock_);
-    return inFlight_.insert(id).second;
+    if (!inFlight_.insert(id).second) return std::nullopt;
+    return Opening(*this, id);
+}
+
+void BackupCache::awaitOpening(const std::string& id) const {
+    std::unique_lock guard(lock_);
+    openingEnded_.wait(guard, [&] { return inFlight_.count(id) == 0; });
 }
 
 void BackupCache::endOpening(const std::string& id) {
     std::lock_guard guard(lock_);
     inFlight_.erase(id);
+    // Waiters of every id share the one condition; each checks its own id again.
+    openingEnded_.notify_all();
 }
 
-bool BackupCache::isOpening(const std::string& id) const {
-    std::lock_guard guard(lock_);
-    return inFlight_.count(id) > 0;
+BackupCache::Opening::~Opening() {
+    if (cache_ != nullptr) cache_->endOpening(id_);
 }
 
 } // namespace morvane

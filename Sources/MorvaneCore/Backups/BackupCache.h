@@ -1,7 +1,9 @@
 #pragma once
 
 #include "MorvaneCore/Backups/BackupSource.h"
+#include "MorvaneCore/Backups/StagedCopy.h"
 
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -9,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace morvane {
 
@@ -36,9 +39,9 @@ public:
     // The file of a source: the first 16 bytes of the SHA-256 of its id in hex, ".calsnap".
     std::filesystem::path url(const BackupSource& source) const;
 
-    // A staged plain copy of the cached database, or nothing. A file that won't decompress is
-    // damaged and removed.
-    std::optional<std::filesystem::path> stage(const BackupSource& source) const;
+    // A staged plain copy of the cached database, owned by the caller; empty when there is none.
+    // A file that won't decompress (damaged, or larger than a stored file may be) is removed.
+    StagedCopy stage(const BackupSource& source) const;
 
     // Checks, checkpoints and stores the database copy at `file` for `source`. Never fails to
     // the caller: a failure costs a line on standard error and the next opening's speed.
@@ -49,16 +52,33 @@ public:
     // Removes the whole folder, dropping any error.
     void clear() const;
 
-    // The first opening of one source is serialised: `beginOpening` says whether this caller
-    // is the first, `isOpening` whether someone is at it now.
-    bool beginOpening(const std::string& id);
-    void endOpening(const std::string& id);
-    bool isOpening(const std::string& id) const;
+    // The first opening of one source is serialised. Whoever holds the Opening of a source's id
+    // reads the source itself; others wait for it to let go, then look in the cache again.
+    class Opening {
+    public:
+        Opening(Opening&& other) noexcept : cache_(std::exchange(other.cache_, nullptr)), id_(std::move(other.id_)) {}
+        Opening& operator=(Opening&&) = delete;
+        ~Opening();
+
+    private:
+        friend class BackupCache;
+        Opening(BackupCache& cache, std::string id) : cache_(&cache), id_(std::move(id)) {}
+
+        BackupCache* cache_;
+        std::string id_;
+    };
+    // The claim on the first opening of `id`; nothing when someone else holds it.
+    std::optional<Opening> beginOpening(const std::string& id);
+    // Blocks, without a limit, while someone else holds the claim on `id`.
+    void awaitOpening(const std::string& id) const;
 
 private:
+    void endOpening(const std::string& id);
+
     const std::filesystem::path directory_;
     mutable std::mutex lock_;
-    std::set<std::string> inFlight_; // guarded by lock_
+    mutable std::condition_variable openingEnded_; // signalled under lock_ whenever inFlight_ loses an id
+    std::set<std::string> inFlight_;               // guarded by lock_
 };
 
 } // namespace morvane

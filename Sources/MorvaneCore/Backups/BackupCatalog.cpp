@@ -15,10 +15,8 @@
 #include "MorvanePlatform/UserFolders.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
 #include <plist/plist.h>
-#include <thread>
 
 namespace morvane::BackupCatalog {
 namespace {
@@ -128,7 +126,8 @@ PreparedSource prepare(const BackupSource& source) {
     switch (source.kind.which) {
     case Case::localSnapshot: {
         auto mount = SnapshotMount::create(source.kind.name(), std::string(dataVolume));
-        return {mount->mountPoint().string(), mount};
+        auto root = mount->mountPoint().string();
+        return {std::move(root), std::move(mount)};
     }
     case Case::timeMachine: {
         const auto& path = source.kind.path();
@@ -142,7 +141,8 @@ PreparedSource prepare(const BackupSource& source) {
         if (!snapshot)
             throw RestoreError("Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
         auto mount = SnapshotMount::create(snapshot->name, snapshot->volume);
-        return {mount->mountPoint().string(), mount};
+        auto root = mount->mountPoint().string();
+        return {std::move(root), std::move(mount)};
     }
     case Case::file:
     case Case::icsArchive:
@@ -176,27 +176,51 @@ std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path) {
 
 namespace morvane {
 
-void OpenedBackup::close() const {
-    if (stagedCopy) BackupLocator::removeStagedCopy(*stagedCopy);
+OpenedBackup::OpenedBackup(std::shared_ptr<BackupStore> opened, std::string from, StagedCopy staged,
+                           std::shared_ptr<SnapshotMount> mounted)
+    : store(std::move(opened)), location(std::move(from)), stagedCopy(std::move(staged)), mount(std::move(mounted)) {}
+
+OpenedBackup::~OpenedBackup() {
+    // Ours may be the last hold on the database: it closes before its files go.
+    store.reset();
+    close();
+}
+
+OpenedBackup& OpenedBackup::operator=(OpenedBackup&& other) noexcept {
+    if (this != &other) {
+        store.reset();
+        close();
+        store = std::move(other.store);
+        location = std::move(other.location);
+        stagedCopy = std::move(other.stagedCopy);
+        mount = std::move(other.mount);
+    }
+    return *this;
+}
+
+void OpenedBackup::close() noexcept {
+    stagedCopy.remove();
     if (mount) mount->unmount();
 }
 
 namespace BackupCatalog {
-namespace {
 
-constexpr auto inFlightPoll = std::chrono::milliseconds(300);
+PreparedSource::PreparedSource(std::string readable, std::shared_ptr<SnapshotMount> mounted)
+    : root(std::move(readable)), mount(std::move(mounted)) {}
 
-// A calendar database staged at `staged`; the staged copy goes if it doesn't open.
-std::shared_ptr<CalendarDatabase> openStaged(const std::filesystem::path& staged) {
-    try {
-        return std::make_shared<CalendarDatabase>(staged);
-    } catch (...) {
-        BackupLocator::removeStagedCopy(staged);
-        throw;
-    }
+PreparedSource::~PreparedSource() {
+    if (mount) mount->unmount();
 }
 
-OpenedBackup openPrepared(const BackupSource& source, const PreparedSource& prepared) {
+namespace {
+
+// A calendar database on its staged copy; the copy goes if it doesn't open.
+OpenedBackup openDatabase(StagedCopy staged, std::string location) {
+    auto database = std::make_shared<CalendarDatabase>(staged.file());
+    return {std::move(database), std::move(location), std::move(staged)};
+}
+
+OpenedBackup openPrepared(const BackupSource& source, PreparedSource& prepared) {
     using Case = BackupSource::Kind::Case;
     const auto& path = source.kind.path();
     switch (source.kind.which) {
@@ -204,16 +228,17 @@ OpenedBackup openPrepared(const BackupSource& source, const PreparedSource& prep
     case Case::timeMachine:
     case Case::file: {
         const auto found = BackupLocator::findDatabase(prepared.root, UserFolders::current().userName());
-        const auto staged = BackupLocator::stageCopy(found);
-        return {openStaged(staged), found.string(), staged, prepared.mount};
+        auto opened = openDatabase(BackupLocator::stageCopy(found), found.string());
+        // Only now, with nothing left to fail, does the mount pass to the opened backup.
+        opened.mount = std::move(prepared.mount);
+        return opened;
     }
-    case Case::icsArchive: return {std::make_shared<IcsArchive>(path, liveCalendarResolver()), path, {}, nullptr};
+    case Case::icsArchive: return {std::make_shared<IcsArchive>(path, liveCalendarResolver()), path};
     case Case::appSnapshot:
     case Case::iCloudSnapshot:
     case Case::timeMachineImport: {
-        if (path.ends_with(".calevents")) return {std::make_shared<EventKitStore>(path), path, {}, nullptr};
-        const auto staged = CalendarArchive::stageFile(path);
-        return {openStaged(staged), path, staged, nullptr};
+        if (path.ends_with(".calevents")) return {std::make_shared<EventKitStore>(path), path};
+        return openDatabase(CalendarArchive::stageFile(path), path);
     }
     }
     throw RestoreError("Unknown kind of backup: " + source.id());
@@ -222,13 +247,9 @@ OpenedBackup openPrepared(const BackupSource& source, const PreparedSource& prep
 } // namespace
 
 OpenedBackup openUncached(const BackupSource& source) {
-    const auto prepared = prepare(source);
-    try {
-        return openPrepared(source, prepared);
-    } catch (...) {
-        if (prepared.mount) prepared.mount->unmount();
-        throw;
-    }
+    // Whatever fails below, the staged copy and the mount go with their owners on the way out.
+    auto prepared = prepare(source);
+    return openPrepared(source, prepared);
 }
 
 OpenedBackup open(const BackupSource& source) {
@@ -238,32 +259,24 @@ OpenedBackup open(const BackupSource& source) {
 
     for (;;) {
         // Someone else is reading this source for the first time: wait, then use the cache.
-        while (cache.isOpening(id))
-            std::this_thread::sleep_for(inFlightPoll);
-
-        if (const auto staged = cache.stage(source)) {
+        cache.awaitOpening(id);
+        if (auto staged = cache.stage(source)) {
             try {
-                return {std::make_shared<CalendarDatabase>(*staged), source.subtitle() + " (cached)", *staged, nullptr};
+                return openDatabase(std::move(staged), source.subtitle() + " (cached)");
             } catch (const Error&) {
                 // A cached file that decompresses but doesn't open is replaced by the save below.
-                BackupLocator::removeStagedCopy(*staged);
             }
         }
-        if (cache.beginOpening(id)) break;
-        // Another thread began in the gap: go back to waiting for it.
+        if (const auto claim = cache.beginOpening(id)) {
+            // The claim is let go on the way out, also by an exception, which wakes the waiters.
+            auto opened = openUncached(source);
+            if (auto database = std::dynamic_pointer_cast<CalendarDatabase>(opened.store);
+                database && opened.stagedCopy)
+                cache.save(*database, opened.stagedCopy.file(), source);
+            return opened;
+        }
+        // Another thread began in the gap: back to waiting for it.
     }
-
-    OpenedBackup opened;
-    try {
-        opened = openUncached(source);
-    } catch (...) {
-        cache.endOpening(id);
-        throw;
-    }
-    if (auto database = std::dynamic_pointer_cast<CalendarDatabase>(opened.store); database && opened.stagedCopy)
-        cache.save(*database, *opened.stagedCopy, source);
-    cache.endOpening(id);
-    return opened;
 }
 
 void prepareCache(const BackupSource& source) {
@@ -272,23 +285,13 @@ void prepareCache(const BackupSource& source) {
 }
 
 CalendarResolver liveCalendarResolver() {
-    const CalendarResolver knowsNothing = [](const std::string&, const std::optional<std::string>&) {
-        return std::optional<ArchiveCalendarInfo>();
-    };
-    std::filesystem::path staged;
     try {
-        staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-        CalendarResolver resolver;
-        {
-            CalendarDatabase database(staged);
-            resolver = database.calendarDirectory();
-        }
-        BackupLocator::removeStagedCopy(staged);
-        return resolver;
-    } catch (...) {
+        const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+        return CalendarDatabase(staged.file()).calendarDirectory();
+    } catch (const Error&) {
         // Without the live calendars an archive still opens, with its own names for them.
-        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
-        return knowsNothing;
+        return
+            [](const std::string&, const std::optional<std::string>&) { return std::optional<ArchiveCalendarInfo>(); };
     }
 }
 

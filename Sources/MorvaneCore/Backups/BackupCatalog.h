@@ -47,10 +47,18 @@ void sortNewestFirst(std::vector<BackupSource>& sources);
 // Reads "yyyy-MM-dd-HHmmss" as local wall-clock time; nothing when the text isn't exactly that.
 std::optional<Date> parseStamp(std::string_view text);
 
+// A source made readable. Owns its mount: when the value goes, the mount is taken away, unless
+// it was moved on to an owner that holds it longer (an OpenedBackup). Move-only.
 struct PreparedSource {
+    PreparedSource(std::string root, std::shared_ptr<SnapshotMount> mount);
+    ~PreparedSource();
+    PreparedSource(PreparedSource&&) noexcept = default;
+    PreparedSource& operator=(PreparedSource&&) = delete;
+    PreparedSource(const PreparedSource&) = delete;
+    PreparedSource& operator=(const PreparedSource&) = delete;
+
     std::string root;
-    // Present when a snapshot had to be mounted (or borrowed) to read the backup. The caller
-    // owns it and must unmount it when done.
+    // Present when a snapshot had to be mounted (or borrowed) to read the backup.
     std::shared_ptr<SnapshotMount> mount;
 };
 
@@ -78,8 +86,9 @@ BackupSource source(std::string_view forPath);
 
 // Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
 // read once before comes from its cached copy, without the disk or a mount. Several threads
-// opening one uncached source are serialised: one reads it, the others then use the cache.
-// Throws what opening the source throws; nothing stays staged or mounted then.
+// opening one uncached source are serialised: one reads it while the others wait (on a
+// condition, without a limit), then use the cache. Throws what opening the source throws;
+// nothing stays staged or mounted then. The caller owns what comes back.
 OpenedBackup open(const BackupSource& source);
 
 // Opens a source from the source itself, never through the cache.
@@ -89,8 +98,9 @@ OpenedBackup openUncached(const BackupSource& source);
 void prepareCache(const BackupSource& source);
 
 // A resolver that matches the calendars of an .ics archive against this Mac's calendars, read
-// from a staged copy of the live database that is gone again when this returns. Never throws:
-// when the live database can't be staged, opened or read, the resolver knows no calendar.
+// from a staged copy of the live database that is gone again when this returns. When the live
+// database can't be staged, opened or read, the resolver knows no calendar; only what no
+// reader can help (running out of memory, a broken invariant) is thrown.
 CalendarResolver liveCalendarResolver();
 
 } // namespace BackupCatalog

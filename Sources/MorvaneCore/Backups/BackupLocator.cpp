@@ -9,6 +9,7 @@
 #include <array>
 #include <mutex>
 #include <set>
+#include <utility>
 
 namespace morvane::BackupLocator {
 namespace {
@@ -42,10 +43,13 @@ void remember(const fs::path& folder) {
     shared.staged.insert(folder);
 }
 
-fs::path newStagedFolder() {
+// A fresh registered folder, owned from the start by the copy of `name` that it is to hold, so
+// that a failure while filling it takes it away again.
+StagedCopy newStagedCopy(const fs::path& name) {
     const auto folder = UserFolders::current().temporary() / (std::string(stagedFolderPrefix) + files::randomUUID());
     files::createDirectories(folder);
-    return folder;
+    remember(folder);
+    return StagedCopy(folder / name);
 }
 
 // The sub-folders of `folder` that the search enters, in name order. Links are not followed,
@@ -101,35 +105,30 @@ fs::path findDatabase(std::string_view root, std::string_view user) {
     throw BackupLocatorError::notFound(expanded.string());
 }
 
-fs::path stageCopy(const fs::path& database) {
-    fs::path folder;
+StagedCopy stageCopy(const fs::path& database) {
     try {
-        folder = newStagedFolder();
+        auto staged = newStagedCopy(database.filename());
         for (const char* suffix : {"", "-wal", "-shm"}) {
             auto source = database;
             source += suffix;
             std::error_code error;
             if (!fs::exists(source, error)) continue;
             // By content, not as a file-system copy, so the copy is ours whatever the source is.
-            const auto copy = folder / source.filename();
+            const auto copy = staged.file().parent_path() / source.filename();
             files::write(copy, files::read(source));
             files::setPermissions(copy, 0600);
         }
-    } catch (const std::exception& failure) {
-        std::error_code ignored;
-        if (!folder.empty()) fs::remove_all(folder, ignored);
-        throw BackupLocatorError::copyFailed(failure.what());
+        return staged;
+    } catch (const Error& failure) {
+        // The folder went with `staged` on the way out.
+        throw BackupLocatorError::copyFailed(failure.description());
     }
-    remember(folder);
-    return folder / database.filename();
 }
 
-fs::path stageData(std::string_view data, const std::string& name) {
-    const auto folder = newStagedFolder();
-    remember(folder);
-    const auto file = folder / name;
-    files::write(file, data);
-    return file;
+StagedCopy stageData(std::string_view data, const std::string& name) {
+    auto staged = newStagedCopy(name);
+    files::write(staged.file(), data);
+    return staged;
 }
 
 void removeStagedCopy(const fs::path& file) {
@@ -158,3 +157,20 @@ std::vector<fs::path> stagedFolders() {
 }
 
 } // namespace morvane::BackupLocator
+
+namespace morvane {
+
+StagedCopy& StagedCopy::operator=(StagedCopy&& other) noexcept {
+    if (this != &other) {
+        remove();
+        file_ = std::exchange(other.file_, {});
+    }
+    return *this;
+}
+
+void StagedCopy::remove() noexcept {
+    if (file_.empty()) return;
+    BackupLocator::removeStagedCopy(std::exchange(file_, {}));
+}
+
+} // namespace morvane

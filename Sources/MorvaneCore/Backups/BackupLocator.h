@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MorvaneCore/Backups/StagedCopy.h"
+
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -30,16 +32,17 @@ bool canReadLiveDatabase();
 std::filesystem::path findDatabase(std::string_view root, std::string_view user);
 
 // Copies the database and its "-wal" and "-shm" files, where they exist, into a fresh private
-// "morvane-{UUID}" folder in the temporary folder, with mode 600, and returns the copy of the
-// database. Throws BackupLocatorError::copyFailed, leaving no folder behind.
-std::filesystem::path stageCopy(const std::filesystem::path& database);
+// "morvane-{UUID}" folder in the temporary folder, with mode 600. The caller owns the copy of
+// the database that comes back. Throws BackupLocatorError::copyFailed, leaving no folder behind.
+StagedCopy stageCopy(const std::filesystem::path& database);
 
-// Writes `data` as the file `name` in a fresh staged folder and returns it. Throws the
-// platform's error; once the folder exists it is registered, even if the write then fails.
-std::filesystem::path stageData(std::string_view data, const std::string& name);
+// Writes `data` as the file `name` (a plain file name) in a fresh staged folder; the caller owns
+// the file that comes back. Throws the platform's error, leaving no folder behind.
+StagedCopy stageData(std::string_view data, const std::string& name);
 
-// Removes the staged folder holding `file` with everything in it. Errors are dropped. Only a
-// "morvane-" folder is ever removed, whether it is registered or not.
+// Removes the staged folder holding `file` with everything in it, and forgets it. Errors are
+// dropped. Only a "morvane-" folder is ever removed, whether it is registered or not. What a
+// StagedCopy does when its owner lets go.
 void removeStagedCopy(const std::filesystem::path& file);
 
 // Removes every staged folder of the registry; errors are dropped.

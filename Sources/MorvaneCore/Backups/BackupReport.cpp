@@ -73,16 +73,9 @@ json::Value eventJSON(const BackupEvent& event, const std::vector<Date>& excepti
 } // namespace
 
 BackupReport BackupReport::of(std::string_view path, bool withEvents) {
+    // The staged copy and any mount go when `opened` does, whether reading worked or not.
     const auto opened = BackupCatalog::open(BackupCatalog::source(path));
-    BackupReport report;
-    try {
-        report = read(*opened.store, withEvents);
-    } catch (...) {
-        opened.close();
-        throw;
-    }
-    opened.close();
-    return report;
+    return read(*opened.store, withEvents);
 }
 
 BackupReport BackupReport::read(BackupStore& store, bool withEvents) {

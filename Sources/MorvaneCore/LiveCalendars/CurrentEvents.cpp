@@ -1,6 +1,6 @@
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 
-#include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "MorvaneCore/Shared/Text.h"
@@ -126,23 +126,16 @@ std::optional<EventSnapshot> EventKitSource::snapshot(const BackupEvent& event) 
 
 CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
     CurrentOccurrences result{in, {}, {}};
-    for (Date cursor = in.start; cursor < in.end;) {
-        const Date end = std::min(dates::addingYears(cursor, 1), in.end);
-        // A zone whose year doesn't advance would loop for ever; no real zone does that.
-        if (!(cursor < end)) break;
-        const auto predicate = store_->predicateForEvents(cursor.seconds, end.seconds, std::nullopt);
-        for (const auto& event : store_->eventsMatchingPredicate(predicate)) {
-            const auto& identifier = event->calendarItemExternalIdentifier();
-            if (!identifier || !event->occurrenceDate()) continue;
-            const std::string uid(seriesKey(*identifier));
-            if (uids.count(uid) == 0) continue;
-            const auto key = liveOccurrenceKey(*event);
-            if (!key) continue;
-            result.dates[uid].insert(*key);
-            if (event->isDetached()) result.detached[uid][*key] = snapshot(*event);
-        }
-        cursor = end;
-    }
+    fetchYearByYear(*store_, in, [&](std::shared_ptr<EKEvent> event) {
+        const auto& identifier = event->calendarItemExternalIdentifier();
+        if (!identifier || !event->occurrenceDate()) return;
+        const std::string uid(seriesKey(*identifier));
+        if (uids.count(uid) == 0) return;
+        const auto key = liveOccurrenceKey(*event);
+        if (!key) return;
+        result.dates[uid].insert(*key);
+        if (event->isDetached()) result.detached[uid][*key] = snapshot(*event);
+    });
     return result;
 }
 

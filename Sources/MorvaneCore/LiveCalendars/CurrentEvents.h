@@ -55,7 +55,7 @@ public:
     bool contains(const BackupEvent& event) override;
     bool hasEquivalent(const BackupEvent& event) override;
     std::optional<EventSnapshot> snapshot(const BackupEvent& event) override;
-    // One fetch per calendar year of the span; never actually fails.
+    // One fetch per calendar year of the span (fetchYearByYear). Throws what the store throws.
     CurrentOccurrences occurrences(const std::set<std::string>& uids, DateInterval in) override;
 
     // The comparable form of a platform event; no lookup. A floating event's dates become its

@@ -18,6 +18,8 @@ std::string asText(const std::vector<std::uint8_t>& bytes) { return {bytes.begin
 
 std::string compress(std::string_view bytes) { return asText(lzfse::compress(asBytes(bytes))); }
 
-std::string decompress(std::string_view bytes) { return asText(lzfse::decompress(asBytes(bytes))); }
+std::string decompress(std::string_view bytes, std::size_t maxSize) {
+    return asText(lzfse::decompress(asBytes(bytes), maxSize));
+}
 
 } // namespace morvane::compression

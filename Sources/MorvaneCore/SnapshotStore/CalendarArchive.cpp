@@ -111,9 +111,9 @@ std::int64_t CalendarArchive::totalBytes() const {
     return total;
 }
 
-std::filesystem::path CalendarArchive::stage(const Entry& entry) const { return stageFile(fileURL(entry)); }
+StagedCopy CalendarArchive::stage(const Entry& entry) const { return stageFile(fileURL(entry)); }
 
-std::filesystem::path CalendarArchive::stageFile(const std::filesystem::path& file) {
+StagedCopy CalendarArchive::stageFile(const std::filesystem::path& file) {
     const auto stored = readCoordinated(file);
     return BackupLocator::stageData(compression::decompress(stored), "Calendar.sqlitedb");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "MorvaneCore/Backups/StagedCopy.h"
 #include "MorvaneCore/Shared/Date.h"
 
 #include <cstdint>
@@ -70,10 +71,12 @@ public:
     std::filesystem::path fileURL(const Entry& entry) const { return directory_ / entry.fileName(); }
 
     // A staged plain copy of a database restore point (see stageFile).
-    std::filesystem::path stage(const Entry& entry) const;
-    // Reads a stored database file, decompresses it and stages it as "Calendar.sqlitedb"; the
-    // caller owns the staged copy (BackupLocator::removeStagedCopy).
-    static std::filesystem::path stageFile(const std::filesystem::path& file);
+    StagedCopy stage(const Entry& entry) const;
+    // Reads a stored database file, decompresses it and stages it as "Calendar.sqlitedb", owned by
+    // the caller. Throws RestoreError "Couldn't read {path}.", lzfse::LzfseError for a file that is
+    // damaged or would decompress to more than compression::maxStoredSize, or the platform's error
+    // of staging; nothing stays staged then.
+    static StagedCopy stageFile(const std::filesystem::path& file);
     // A whole file's bytes. Throws RestoreError "Couldn't read {path}." when nothing was read.
     static std::string readCoordinated(const std::filesystem::path& file);
 

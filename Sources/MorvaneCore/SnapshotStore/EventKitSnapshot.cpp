@@ -1,12 +1,12 @@
-// Capture walks the window one Gregorian year per fetch, because the store answers at most a
-// year at a time. Every fetch gives each occurrence of a series as its own object, so a series
-// is gathered across the spans into its keys and the calendars it was seen in, and only
-// afterwards is its master looked up by UID, once per calendar. Singles are gathered by item
-// identifier, so that an event fetched in two spans is kept once. Numbering happens last, in a
-// sorted order, so that two captures of the same content give the same document.
+// Capture walks the window one Gregorian year per fetch (fetchYearByYear), because the store
+// answers at most a year at a time. Every fetch gives each occurrence of a series as its own
+// object, so a series is gathered across the years into its keys and the calendars it was seen
+// in, and only afterwards is its master looked up by UID, once per calendar. Numbering happens
+// last, in a sorted order, so that two captures of the same content give the same document.
 #include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Shared/Compression.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
@@ -32,12 +32,7 @@ struct ListedCalendar {
 
 // The store's calendars by identifier, numbered in identifier order.
 std::map<std::string, ListedCalendar> listCalendars(EKEventStore& store) {
-    std::vector<std::shared_ptr<const EKCalendar>> calendars;
-    try {
-        calendars = store.calendarsForEntityType(EKEntityType::event);
-    } catch (const Error&) {
-        return {};
-    }
+    auto calendars = store.calendarsForEntityType(EKEntityType::event);
     std::erase(calendars, nullptr);
     std::stable_sort(calendars.begin(), calendars.end(),
                      [](const auto& a, const auto& b) { return a->calendarIdentifier < b->calendarIdentifier; });
@@ -59,8 +54,8 @@ std::map<std::string, ListedCalendar> listCalendars(EKEventStore& store) {
 
 // What the scan of the window gathered of one series.
 struct Series {
-    // In the order seen, sorted once at the end: a set would cost a node per occurrence. An
-    // occurrence that spans two fetched years is in here twice.
+    // In the order seen, sorted once at the end: a set would cost a node per occurrence. Copies
+    // of one series in two calendars may give one key twice.
     std::vector<std::int64_t> keys;
     // Identifiers of the calendars its occurrences were seen in.
     std::set<std::string> calendars;
@@ -74,34 +69,41 @@ struct Scan {
     std::map<std::string, Series, std::less<>> series;
 };
 
-void scanSpan(Scan& scan, const std::vector<std::shared_ptr<EKEvent>>& events) {
-    // A fetch gives the occurrences of a series one after another, so the series of the last
-    // occurrence is nearly always the next one's: a million occurrences need few lookups.
-    std::string_view lastUID;
-    Series* last = nullptr;
-    for (const auto& event : events) {
-        if (!event) continue;
+// Gathers the window's events: singles by item identifier, series by UID.
+class Scanner {
+public:
+    explicit Scanner(Scan& scan) : scan_(scan) {}
+
+    void add(std::shared_ptr<EKEvent> event) {
         const auto& identifier = event->calendarItemExternalIdentifier();
-        if (!identifier || !event->calendar) continue;
+        if (!identifier || !event->calendar) return;
         if (!event->hasRecurrenceRules() && !event->isDetached()) {
-            scan.singles[event->calendarItemIdentifier()] = event;
-            continue;
+            auto& single = scan_.singles[event->calendarItemIdentifier()];
+            single = std::move(event);
+            return;
         }
-        if (!event->occurrenceDate()) continue;
+        if (!event->occurrenceDate()) return;
         const auto key = liveOccurrenceKey(*event);
-        if (!key) continue;
+        if (!key) return;
         const auto uid = seriesKey(*identifier);
-        if (!last || uid != lastUID) {
-            auto found = scan.series.find(uid);
-            if (found == scan.series.end()) found = scan.series.emplace(std::string(uid), Series{}).first;
-            lastUID = found->first;
-            last = &found->second;
+        // A fetch gives the occurrences of a series one after another, so the series of the last
+        // occurrence is nearly always the next one's: a million occurrences need few lookups.
+        if (!last_ || uid != lastUID_) {
+            auto found = scan_.series.find(uid);
+            if (found == scan_.series.end()) found = scan_.series.emplace(std::string(uid), Series{}).first;
+            lastUID_ = found->first;
+            last_ = &found->second;
         }
-        last->keys.push_back(*key);
-        last->calendars.insert(event->calendar->calendarIdentifier);
-        if (event->isDetached()) last->detached[*key] = event;
+        last_->keys.push_back(*key);
+        last_->calendars.insert(event->calendar->calendarIdentifier);
+        if (event->isDetached()) last_->detached[*key] = std::move(event);
     }
-}
+
+private:
+    Scan& scan_;
+    std::string_view lastUID_; // a key of scan_.series, which never moves
+    Series* last_ = nullptr;
+};
 
 EventKitSnapshot::Event eventOf(const EKEvent& event, const ListedCalendar& calendar) {
     EventKitSnapshot::Event made;
@@ -135,14 +137,13 @@ json::Ordered occurrencesJSON(const std::map<std::string, std::vector<std::int64
     return object;
 }
 
-} // namespace
-
-EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
+// `capture`, failing with the store's own errors.
+EventKitSnapshot captureWhole(EKEventStore& store, Date now) {
     EventKitSnapshot snapshot;
     snapshot.taken = now;
     const Date today = dates::startOfDay(now);
-    snapshot.windowStart = dates::addingYears(today, -yearsBack);
-    snapshot.windowEnd = dates::addingYears(today, yearsAhead);
+    snapshot.windowStart = dates::addingYears(today, -EventKitSnapshot::yearsBack);
+    snapshot.windowEnd = dates::addingYears(today, EventKitSnapshot::yearsAhead);
 
     const auto calendars = listCalendars(store);
     const auto listed = [&calendars](const std::shared_ptr<const EKCalendar>& calendar) -> const ListedCalendar* {
@@ -152,20 +153,9 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
     };
 
     Scan scan;
-    for (Date cursor = snapshot.windowStart; cursor < snapshot.windowEnd;) {
-        const Date spanEnd = std::min(dates::addingYears(cursor, 1), snapshot.windowEnd);
-        // The store cuts a predicate to its own idea of a year; following its end leaves no gap
-        // should the two ever disagree.
-        const auto predicate = store.predicateForEvents(cursor.seconds, spanEnd.seconds, std::nullopt);
-        const Date next{std::min(predicate.endDate, spanEnd.seconds)};
-        if (!(cursor < next)) break;
-        try {
-            scanSpan(scan, store.eventsMatchingPredicate(predicate));
-        } catch (const Error&) {
-            // Capture never fails: a span the store can't read is simply missing from the document.
-        }
-        cursor = next;
-    }
+    Scanner scanner(scan);
+    fetchYearByYear(store, {snapshot.windowStart, snapshot.windowEnd},
+                    [&scanner](std::shared_ptr<EKEvent> event) { scanner.add(std::move(event)); });
 
     std::vector<std::shared_ptr<EKEvent>> singles;
     singles.reserve(scan.singles.size());
@@ -189,14 +179,8 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
     }
 
     for (const auto& [uid, series] : scan.series) {
-        std::vector<std::shared_ptr<EKCalendarItem>> items;
-        try {
-            items = store.calendarItemsWithExternalIdentifier(uid);
-        } catch (const Error&) {
-            continue;
-        }
         std::set<std::string> calendarsDone;
-        for (const auto& item : items) {
+        for (const auto& item : store.calendarItemsWithExternalIdentifier(uid)) {
             const auto master = std::dynamic_pointer_cast<EKEvent>(item);
             if (!master || master->isDetached() || !master->hasRecurrenceRules() || !master->calendar) continue;
             const auto& calendarID = master->calendar->calendarIdentifier;
@@ -233,6 +217,16 @@ EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
         snapshot.occurrences.emplace(uid, std::move(keys));
     }
     return snapshot;
+}
+
+} // namespace
+
+EventKitSnapshot EventKitSnapshot::capture(EKEventStore& store, Date now) {
+    try {
+        return captureWhole(store, now);
+    } catch (const Error& error) {
+        throw RestoreError("Couldn't read all of the calendars: " + error.description());
+    }
 }
 
 std::optional<std::string> EventKitSnapshot::colorHex(const EKCalendar& calendar) {

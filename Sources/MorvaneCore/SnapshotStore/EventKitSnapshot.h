@@ -61,8 +61,15 @@ struct EventKitSnapshot {
     // Series key to its occurrence keys within the window, ascending.
     std::map<std::string, std::vector<std::int64_t>> occurrences;
 
-    // Reads the whole store, one Gregorian year of the window per fetch. Never throws: what the
-    // store can't give is left out. Blocks while the store answers, on the calling thread.
+    // Reads the whole store, one Gregorian year of the window per fetch. Blocks while the store
+    // answers, on the calling thread.
+    //
+    // All or nothing: when the store fails to list its calendars, to fetch a year or to look up
+    // a series, capture throws RestoreError "Couldn't read all of the calendars: {the store's
+    // words}". A document that left out what couldn't be read would look complete and restore
+    // as if those events had been deleted; a failed capture only means no restore point this
+    // time. Items the store gives without what a document needs (an identifier, a calendar, an
+    // occurrence date, a listed calendar, a master) are data, not failures, and are left out.
     static EventKitSnapshot capture(EKEventStore& store, Date now);
 
     // "#RRGGBB" of the first three colour components, each times 255 cut toward zero; nothing

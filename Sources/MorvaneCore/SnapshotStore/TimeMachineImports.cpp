@@ -75,18 +75,13 @@ Pending pending(const CalendarArchive& archive) {
 
 CalendarArchive::SnapshotResult importBackup(const BackupSource& source, CalendarArchive& archive) {
     if (!source.date) throw RestoreError("This backup has no date.");
+    // The staged copy and the mount go with `opened`, whatever happens.
     const auto opened = BackupCatalog::openUncached(source);
-    try {
-        const auto database = std::dynamic_pointer_cast<CalendarDatabase>(opened.store);
-        if (!database || !opened.stagedCopy) throw RestoreError("This backup has no calendar database.");
-        auto result = archive.importDatabase(*database, *opened.stagedCopy, *source.date);
-        markChecked(CalendarArchive::stamp(*source.date), archive);
-        opened.close();
-        return result;
-    } catch (...) {
-        opened.close();
-        throw;
-    }
+    const auto database = std::dynamic_pointer_cast<CalendarDatabase>(opened.store);
+    if (!database || !opened.stagedCopy) throw RestoreError("This backup has no calendar database.");
+    auto result = archive.importDatabase(*database, opened.stagedCopy.file(), *source.date);
+    markChecked(CalendarArchive::stamp(*source.date), archive);
+    return result;
 }
 
 void markChecked(const std::string& stamp, const CalendarArchive& archive) {

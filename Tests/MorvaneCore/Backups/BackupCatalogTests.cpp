@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
+#include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
 #include "Support/EventStoreSnapshots.h"
@@ -13,6 +14,7 @@
 #include "Support/SavedEvents.h"
 
 #include <gtest/gtest.h>
+#include <stdexcept>
 
 namespace morvane {
 namespace {
@@ -291,6 +293,46 @@ TEST_F(BackupCatalogTest, SourceForAPathClassesWhatTheUserPicked) {
     EXPECT_EQ(kindOf((root.path() / "plain").string()), Case::file);
 }
 
+TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwnerLetsGo) {
+    // A local snapshot whose mount shows a whole volume with a database in jane's home.
+    const auto volume = user.root().path() / "volume";
+    const auto database = volume / "Users/jane" / BackupLocator::relativeDBPath;
+    testing::generateCalendarFile(database, 5, 1);
+    tools.simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
+        std::filesystem::copy(volume, arguments.back(), std::filesystem::copy_options::recursive);
+        return LaunchResult{0, ""};
+    });
+    tools.simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
+        for (const auto& entry : std::filesystem::directory_iterator(arguments.back()))
+            std::filesystem::remove_all(entry.path());
+        return LaunchResult{0, ""};
+    });
+    const BackupSource snapshot(Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt);
+
+    const auto nothingLeft = [&](size_t openings) {
+        EXPECT_EQ(tools.count("/sbin/mount_apfs "), openings);
+        EXPECT_EQ(tools.count("/sbin/umount "), openings);
+        EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
+        EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+    };
+    {
+        const auto opened = BackupCatalog::openUncached(snapshot);
+        ASSERT_TRUE(opened.stagedCopy && opened.mount && opened.mount->mounted());
+        EXPECT_FALSE(opened.store->loadEvents().empty());
+    }
+    nothingLeft(1);
+    try {
+        const auto opened = BackupCatalog::openUncached(snapshot);
+        throw std::runtime_error("reading it failed");
+    } catch (const std::runtime_error&) {
+    }
+    nothingLeft(2);
+    // Failing after the mount, on a database that doesn't open.
+    files::write(database, std::string(4096, 'x'));
+    EXPECT_THROW(BackupCatalog::openUncached(snapshot), SQLiteError);
+    nothingLeft(3);
+}
+
 TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     const auto& root = user.root();
     // A database in a home folder's layout, the same stored as a restore point, an event store
@@ -322,9 +364,9 @@ TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     };
     for (const auto& expected : cases) {
         SCOPED_TRACE(expected.source.id());
-        const auto opened = BackupCatalog::open(expected.source);
+        auto opened = BackupCatalog::open(expected.source);
         EXPECT_EQ(opened.location, expected.location);
-        EXPECT_EQ(opened.stagedCopy.has_value(), expected.staged);
+        EXPECT_EQ(static_cast<bool>(opened.stagedCopy), expected.staged);
         EXPECT_EQ(opened.mount, nullptr);
         EXPECT_FALSE(opened.store->loadEvents().empty());
         opened.close();

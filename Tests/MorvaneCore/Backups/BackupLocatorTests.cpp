@@ -5,6 +5,7 @@
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string relative(BackupLocator::relativeDBPath);
+constexpr std::string_view relative = BackupLocator::relativeDBPath;
 
 class BackupLocatorTest : public ::testing::Test {
 protected:
@@ -139,28 +140,58 @@ TEST_F(BackupLocatorTest, StagesTheDatabaseWithItsCompanionsPrivately) {
     for (const char* suffix : {"", "-wal", "-shm"})
         fs::permissions(database.string() + suffix, fs::perms::owner_read);
 
-    const auto staged = BackupLocator::stageCopy(database);
-    const auto folder = staged.parent_path();
-    EXPECT_EQ(staged.filename(), "Calendar.sqlitedb");
+    auto staged = BackupLocator::stageCopy(database);
+    const auto file = staged.file();
+    const auto folder = file.parent_path();
+    EXPECT_EQ(file.filename(), "Calendar.sqlitedb");
     EXPECT_EQ(folder.parent_path(), user.temporary());
     EXPECT_TRUE(folder.filename().string().starts_with("morvane-"));
-    EXPECT_EQ(files::read(staged), "main");
-    EXPECT_EQ(files::read(staged.string() + "-wal"), "wal");
-    EXPECT_EQ(files::read(staged.string() + "-shm"), "shm");
+    EXPECT_EQ(files::read(file), "main");
+    EXPECT_EQ(files::read(file.string() + "-wal"), "wal");
+    EXPECT_EQ(files::read(file.string() + "-shm"), "shm");
     for (const char* suffix : {"", "-wal", "-shm"})
-        EXPECT_EQ(mode(staged.string() + suffix), 0600u) << suffix;
+        EXPECT_EQ(mode(file.string() + suffix), 0600u) << suffix;
     EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{folder});
 
-    BackupLocator::removeStagedCopy(staged);
+    staged.remove();
     EXPECT_FALSE(fs::exists(folder));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
     EXPECT_EQ(files::read(database), "main");
+
+    // Only the companions that exist.
+    fs::remove(database.string() + "-shm");
+    const auto withLog = BackupLocator::stageCopy(database);
+    EXPECT_EQ(std::distance(fs::directory_iterator(withLog.file().parent_path()), fs::directory_iterator()), 2);
 }
 
-TEST_F(BackupLocatorTest, StagesOnlyTheCompanionsThatExist) {
+TEST_F(BackupLocatorTest, AStagedCopyGoesWhenItsLastOwnerLetsGo) {
     const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
-    const auto staged = BackupLocator::stageCopy(database);
-    EXPECT_EQ(std::distance(fs::directory_iterator(staged.parent_path()), fs::directory_iterator()), 1);
+    fs::path folder;
+    {
+        const auto staged = BackupLocator::stageCopy(database);
+        folder = staged.file().parent_path();
+    }
+    EXPECT_FALSE(fs::exists(folder));
+    try {
+        const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
+        folder = staged.file().parent_path();
+        throw std::runtime_error("reading it failed");
+    } catch (const std::runtime_error&) {
+    }
+    EXPECT_FALSE(fs::exists(folder));
+
+    // Handed on, the copy stays until its new owner lets go; the one it came from holds nothing.
+    StagedCopy kept;
+    {
+        auto staged = BackupLocator::stageCopy(database);
+        kept = std::move(staged);
+    }
+    ASSERT_TRUE(fs::exists(kept.file()));
+    kept = BackupLocator::stageCopy(database);
+    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{kept.file().parent_path()});
+    kept.remove();
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 }
 
 TEST_F(BackupLocatorTest, AFailedCopyLeavesNothingBehind) {
@@ -184,13 +215,18 @@ TEST_F(BackupLocatorTest, AFailedCopyLeavesNothingBehind) {
 
 TEST_F(BackupLocatorTest, StagesDataUnderItsName) {
     const auto staged = BackupLocator::stageData(std::string("\0bytes", 6), "2024-03-01-101500.sqlite");
-    EXPECT_EQ(staged.filename(), "2024-03-01-101500.sqlite");
-    EXPECT_EQ(files::read(staged), std::string("\0bytes", 6));
-    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.parent_path()});
+    EXPECT_EQ(staged.file().filename(), "2024-03-01-101500.sqlite");
+    EXPECT_EQ(files::read(staged.file()), std::string("\0bytes", 6));
+    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.file().parent_path()});
 
-    // The folder is registered before the write, so a failed write still leaves it to sweep up.
-    EXPECT_THROW(BackupLocator::stageData("x", "no/such/sub/folder"), PlatformError);
-    EXPECT_EQ(BackupLocator::stagedFolders().size(), 2u);
+    // A failed write takes its folder away again.
+    testing::FailingFileSystem fullDisk(2);
+    {
+        ScopedReplacement<FileSystem> installed(fullDisk);
+        EXPECT_THROW(BackupLocator::stageData("x", "Calendar.sqlitedb"), PlatformError);
+    }
+    ASSERT_TRUE(fullDisk.failed());
+    EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.file().parent_path()});
     BackupLocator::removeAllStagedCopies();
     EXPECT_TRUE(fs::is_empty(user.temporary()));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());

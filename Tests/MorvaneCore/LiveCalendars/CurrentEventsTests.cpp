@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Database/CalendarDatabase.h"
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "Support/CalendarDatabaseBuilder.h"
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <ctime>
 #include <gtest/gtest.h>
+#include <map>
 #include <thread>
 
 namespace morvane {
@@ -222,6 +224,36 @@ TEST_F(CurrentEventsTest, OccurrencesKeepOnlyTheAskedSeriesWithTheirDetachedCont
     EXPECT_TRUE(empty.dates.empty());
 }
 
+TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
+    // The seams of fetches from 1 January are at local midnight, 08:00 UTC in Los Angeles.
+    const double seam2025 = utc(2025, 1, 1, 8);
+    const double seam2026 = utc(2026, 1, 1, 8);
+    save("Across one seam", seam2025 - 3600, seam2025 + 3600);
+    save("Across two seams", seam2025 - 3600, seam2026 + 3600);
+    save("Ends at the seam", seam2025 - 3600, seam2025);
+    save("Starts at the seam", seam2025, seam2025 + 3600);
+    EKRecurrenceRule nightly;
+    nightly.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(3);
+    testing::saveEvent(*store, "Nightly", seam2025 - 86400 - 3600, seam2025 - 86400 + 3600, testing::pinnedZone,
+                       nightly);
+
+    std::map<std::string, int> visits;
+    fetchYearByYear(*store, {Date{utc(2024, 1, 1, 8)}, Date{utc(2027, 1, 1, 8)}}, [&](std::shared_ptr<EKEvent> event) {
+        ++visits[*event->title + " " + std::to_string(static_cast<std::int64_t>(*event->startDate))];
+    });
+    const auto at = [](const char* title, double start) {
+        return std::string(title) + " " + std::to_string(static_cast<std::int64_t>(start));
+    };
+    EXPECT_EQ(visits, (std::map<std::string, int>{{at("Across one seam", seam2025 - 3600), 1},
+                                                  {at("Across two seams", seam2025 - 3600), 1},
+                                                  {at("Ends at the seam", seam2025 - 3600), 1},
+                                                  {at("Starts at the seam", seam2025), 1},
+                                                  {at("Nightly", seam2025 - 86400 - 3600), 1},
+                                                  {at("Nightly", seam2025 - 3600), 1},
+                                                  {at("Nightly", seam2025 + 86400 - 3600), 1}}));
+}
+
+// ---- Access ----
 // ---- Access ----
 
 TEST_F(CurrentEventsTest, RequestingAccessUsesTheExactWordsAndTheProcessFlag) {
@@ -317,7 +349,7 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
 
     const auto uid = *series->calendarItemExternalIdentifier();
     const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-    CalendarDatabase database(staged);
+    CalendarDatabase database(staged.file());
     database.verifyIntegrity();
     const auto events = database.events(std::nullopt);
     ASSERT_EQ(events.size(), 4u);
@@ -348,7 +380,6 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     EXPECT_EQ(cache.dates.size(), 3u);
     EXPECT_EQ(cache.dates.at(uid).count(Date{utc(2024, 3, 14, 2)}.occurrenceKey()), 0u);
     EXPECT_EQ(cache.dates.at(uid).count(movedKey), 1u);
-    BackupLocator::removeStagedCopy(staged);
 }
 
 TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
@@ -379,11 +410,10 @@ TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
 
     // The series a copy shows, every one of them with its three exception dates.
     auto seriesInACopy = [] {
-        std::filesystem::path staged;
         size_t series = 0;
         try {
-            staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-            CalendarDatabase database(staged);
+            const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+            CalendarDatabase database(staged.file());
             database.verifyIntegrity();
             for (const auto& event : database.events(std::nullopt)) {
                 EXPECT_EQ(database.exceptionDates(event.rowID).size(), 3u) << event.snapshot.title;
@@ -392,7 +422,6 @@ TEST_F(CurrentEventsTest, ACopyTakenWhileTheStoreWritesIsWholeOrRefused) {
         } catch (const Error&) {
             // A copy caught in the middle of a write may be refused; it may not be wrong.
         }
-        if (!staged.empty()) BackupLocator::removeStagedCopy(staged);
         return series;
     };
     while (!done)

@@ -44,8 +44,8 @@ protected:
 
     CalendarArchive::SnapshotResult import(CalendarArchive& store, const fs::path& file, Date date) {
         const auto staged = BackupLocator::stageCopy(file);
-        CalendarDatabase db(staged);
-        return store.importDatabase(db, staged, date);
+        CalendarDatabase db(staged.file());
+        return store.importDatabase(db, staged.file(), date);
     }
 
     Date at(const char* stamp) { return *dates::parseStamp(stamp); }
@@ -80,8 +80,8 @@ TEST_F(CalendarArchiveTest, AStoredRestorePointStagesAsTheDatabaseItWas) {
     const auto source = database("a", 2);
     const auto result = import(archive, source, at("2024-03-01-101500"));
     const auto staged = archive.stage(result.entry);
-    EXPECT_EQ(staged.filename(), "Calendar.sqlitedb");
-    CalendarDatabase copy(staged);
+    EXPECT_EQ(staged.file().filename(), "Calendar.sqlitedb");
+    CalendarDatabase copy(staged.file());
     EXPECT_EQ(copy.contentFingerprint(), result.entry.fingerprint);
 
     files::write(archive.fileURL(result.entry), "not a stream");
@@ -106,7 +106,8 @@ TEST_F(CalendarArchiveTest, ADatabaseWithALiveLogIsStoredWhole) {
     ASSERT_GT(fs::file_size(path.string() + "-wal"), 0u);
     const auto result = import(archive, path, at("2024-03-01-101500"));
     EXPECT_EQ(result.entry.eventCount, 20);
-    CalendarDatabase copy(archive.stage(result.entry));
+    const auto staged = archive.stage(result.entry);
+    CalendarDatabase copy(staged.file());
     EXPECT_EQ(copy.contentFingerprint(), result.entry.fingerprint);
     EXPECT_EQ(copy.loadEvents().size(), 20u);
 }
@@ -138,7 +139,7 @@ TEST_F(CalendarArchiveTest, ImportingAListedStampOrUnchangedContentStoresNothing
 TEST_F(CalendarArchiveTest, OfEqualDatesTheFirstListedIsTheNeighbour) {
     const auto content = database("a", 1);
     const auto staged = BackupLocator::stageCopy(content);
-    const auto fingerprint = CalendarDatabase(staged).contentFingerprint();
+    const auto fingerprint = CalendarDatabase(staged.file()).contentFingerprint();
     const auto date = at("2024-03-01-101500");
     fs::create_directories(archive.directory());
     CalendarArchive::writeIndex({Entry{"x-first", date, fingerprint, 1, 10, std::nullopt},
@@ -206,9 +207,9 @@ TEST_F(CalendarArchiveTest, RemovingDropsTheFileAndTheEntryEvenWhenTheFileIsGone
 TEST_F(CalendarArchiveTest, ABadDatabaseStoresNothing) {
     const auto path = database("a", 1);
     const auto staged = BackupLocator::stageCopy(path);
-    CalendarDatabase db(staged);
-    files::write(staged, std::string(8192, 'x')); // the copy is damaged after opening
-    EXPECT_THROW(archive.importDatabase(db, staged, at("2024-03-01-101500")), SQLiteError);
+    CalendarDatabase db(staged.file());
+    files::write(staged.file(), std::string(8192, 'x')); // the copy is damaged after opening
+    EXPECT_THROW(archive.importDatabase(db, staged.file(), at("2024-03-01-101500")), SQLiteError);
     EXPECT_TRUE(fs::is_empty(archive.directory()));
 }
 

@@ -192,6 +192,21 @@ TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrence
     EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const auto& e) { return e.title() == "Overnight"; }), 1);
 }
 
+TEST_F(EventKitSnapshotTest, CaptureFailsRatherThanLeaveOutWhatTheStoreCantRead) {
+    testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
+    builder.addItem({.calendar = builder.addCalendar({.store = builder.addStore({})}),
+                     .summary = "Dentist",
+                     .start = utc(2024, 6, 10, 16),
+                     .end = utc(2024, 6, 10, 17)});
+    EKEventStore store;
+    ASSERT_EQ(EventKitSnapshot::capture(store, now).events.size(), 1u);
+
+    // Changed under the open store: its calendars still list, but no year of events can be read.
+    builder.execute("ALTER TABLE CalendarItem RENAME COLUMN end_date TO gone");
+    const auto words = failure<RestoreError>([&] { EventKitSnapshot::capture(store, now); });
+    EXPECT_TRUE(words.starts_with("Couldn't read all of the calendars: ")) << words;
+}
+
 TEST_F(EventKitSnapshotTest, CalendarsAreNumberedByIdentifierWithTheirStoreTypesAndColours) {
     {
         testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
