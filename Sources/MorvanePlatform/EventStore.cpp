@@ -14,11 +14,14 @@
 // when its window or zone no longer fits the clock.
 #include "MorvanePlatform/EventKit.h"
 
+#include "MorvanePlatform/CalendarColumns.h"
+#include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/CalendarSchema.h"
 #include "MorvanePlatform/Clock.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/RecurrenceExpansion.h"
 #include "MorvanePlatform/SQLiteHandles.h"
+#include "MorvanePlatform/TextPieces.h"
 #include "MorvanePlatform/UserFolders.h"
 #include "MorvanePlatform/ZoneOffsets.h"
 
@@ -39,7 +42,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view relativeDatabasePath = "Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb";
-constexpr std::string_view floatingMarker = "_float";
 constexpr double secondsPerDay = 86400;
 // Wider than any zone's offset, so that a range query on stored wall-clock dates misses nothing.
 constexpr double storedDatePadding = 2 * secondsPerDay;
@@ -122,167 +124,6 @@ bool overlaps(double start, double end, double spanStart, double spanEnd) {
     return start < spanEnd && (end > spanStart || start >= spanStart);
 }
 
-// Trims white space and line ends, as the database reader of the core does, so that both read
-// a structured location alike.
-std::string_view trimmed(std::string_view text) {
-    auto isSpace = [](std::string_view rest, bool atEnd) -> size_t {
-        static constexpr std::string_view multiByte[] = {
-            "\u0085", "\u00A0", "\u1680", "\u2000", "\u2001", "\u2002", "\u2003", "\u2004", "\u2005", "\u2006",
-            "\u2007", "\u2008", "\u2009", "\u200A", "\u2028", "\u2029", "\u202F", "\u205F", "\u3000"};
-        if (rest.empty()) return 0;
-        const char edge = atEnd ? rest.back() : rest.front();
-        if (edge == ' ' || (edge >= '\t' && edge <= '\r')) return 1;
-        for (const auto mark : multiByte) {
-            if (atEnd ? rest.ends_with(mark) : rest.starts_with(mark)) return mark.size();
-        }
-        return 0;
-    };
-    while (const size_t size = isSpace(text, false))
-        text.remove_prefix(size);
-    while (const size_t size = isSpace(text, true))
-        text.remove_suffix(size);
-    return text;
-}
-
-std::optional<std::string> locationText(const std::optional<std::string>& title,
-                                        const std::optional<std::string>& address) {
-    const auto name = trimmed(title ? std::string_view(*title) : std::string_view());
-    auto place = trimmed(address ? std::string_view(*address) : std::string_view());
-    if (!name.empty() && place.starts_with(name)) {
-        place = trimmed(place.substr(name.size()));
-        while (!place.empty() && (place.front() == ',' || place.back() == ',')) {
-            while (!place.empty() && place.front() == ',')
-                place.remove_prefix(1);
-            while (!place.empty() && place.back() == ',')
-                place.remove_suffix(1);
-            place = trimmed(place);
-        }
-    }
-    if (name.empty() && place.empty()) return std::nullopt;
-    if (name.empty()) return std::string(place);
-    if (place.empty()) return std::string(name);
-    return std::string(name) + "\n" + std::string(place);
-}
-
-constexpr const char* dayCodes[] = {"SU", "MO", "TU", "WE", "TH", "FR", "SA"};
-
-std::optional<int> integerText(std::string_view text) {
-    if (text.empty()) return std::nullopt;
-    size_t at = (text[0] == '-' || text[0] == '+') ? 1 : 0;
-    if (at == text.size() || text.size() > 12) return std::nullopt;
-    for (size_t i = at; i < text.size(); ++i) {
-        if (text[i] < '0' || text[i] > '9') return std::nullopt;
-    }
-    return std::stoi(std::string(text));
-}
-
-std::vector<std::string_view> pieces(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    while (!text.empty()) {
-        const auto at = text.find(separator);
-        const auto part = text.substr(0, at);
-        if (!part.empty()) parts.push_back(part);
-        if (at == std::string_view::npos) break;
-        text.remove_prefix(at + 1);
-    }
-    return parts;
-}
-
-// The database's specifier: "D=0MO,-1FR;M=15;O=3;W=10;Y=100;S=-1", each key only when its list has
-// items.
-std::optional<std::string> specifierOf(const EKRecurrenceRule& rule) {
-    std::string text;
-    auto add = [&text](std::string_view key, const std::string& items) {
-        if (items.empty()) return;
-        text += (text.empty() ? "" : ";") + std::string(key) + "=" + items;
-    };
-    std::string days;
-    for (const auto& weekday : rule.daysOfTheWeek.value_or(std::vector<EKRecurrenceDayOfWeek>{})) {
-        days += (days.empty() ? "" : ",") + std::to_string(weekday.weekNumber) + dayCodes[weekday.dayOfTheWeek - 1];
-    }
-    add("D", days);
-    auto list = [](const std::optional<std::vector<int>>& values) {
-        std::string items;
-        for (const int value : values.value_or(std::vector<int>{}))
-            items += (items.empty() ? "" : ",") + std::to_string(value);
-        return items;
-    };
-    add("M", list(rule.daysOfTheMonth));
-    add("O", list(rule.monthsOfTheYear));
-    add("W", list(rule.weeksOfTheYear));
-    add("Y", list(rule.daysOfTheYear));
-    add("S", list(rule.setPositions));
-    if (text.empty()) return std::nullopt;
-    return text;
-}
-
-// A rule from the columns of a Recurrence row; nothing for an unknown frequency. Pieces of the
-// specifier that don't read are left out: the store expands what it understands.
-std::optional<EKRecurrenceRule> ruleFromRow(std::int64_t frequency, std::int64_t interval, std::int64_t count,
-                                            std::optional<double> endDate, std::optional<std::string> specifier) {
-    if (frequency < 1 || frequency > 4) return std::nullopt;
-    EKRecurrenceRule rule;
-    rule.frequency = static_cast<EKRecurrenceFrequency>(frequency - 1);
-    rule.interval = static_cast<int>(std::clamp<std::int64_t>(interval, 1, 1'000'000));
-    if (count >= 1) {
-        rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(
-            static_cast<int>(std::min<std::int64_t>(count, 1'000'000'000)));
-    } else if (endDate) {
-        rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithEndDate(*endDate);
-    }
-    const std::string text = specifier.value_or("");
-    for (const auto piece : pieces(text, ';')) {
-        const auto equals = piece.find('=');
-        if (equals == std::string_view::npos) continue;
-        const auto key = piece.substr(0, equals);
-        const auto items = pieces(piece.substr(equals + 1), ',');
-        if (key == "D") {
-            std::vector<EKRecurrenceDayOfWeek> days;
-            for (const auto item : items) {
-                if (item.size() < 3) continue;
-                const auto code = item.substr(item.size() - 2);
-                const auto week = integerText(item.substr(0, item.size() - 2));
-                for (int weekday = 1; weekday <= 7; ++weekday) {
-                    if (week && code == dayCodes[weekday - 1]) days.push_back({weekday, *week});
-                }
-            }
-            if (!days.empty()) rule.daysOfTheWeek = std::move(days);
-            continue;
-        }
-        std::vector<int> values;
-        for (const auto item : items) {
-            if (const auto value = integerText(item)) values.push_back(*value);
-        }
-        if (values.empty()) continue;
-        if (key == "M") rule.daysOfTheMonth = std::move(values);
-        if (key == "O") rule.monthsOfTheYear = std::move(values);
-        if (key == "W") rule.weeksOfTheYear = std::move(values);
-        if (key == "Y") rule.daysOfTheYear = std::move(values);
-        if (key == "S") rule.setPositions = std::move(values);
-    }
-    return rule;
-}
-
-// "#RRGGBB" or "#RRGGBBAA", as the database keeps a calendar's colour.
-std::optional<std::vector<double>> colorComponents(const std::optional<std::string>& text) {
-    if (!text || (text->size() != 7 && text->size() != 9) || (*text)[0] != '#') return std::nullopt;
-    std::vector<double> components;
-    for (size_t at = 1; at < text->size(); at += 2) {
-        int value = 0;
-        for (const char digit : text->substr(at, 2)) {
-            const int nibble = std::isdigit(static_cast<unsigned char>(digit)) ? digit - '0'
-                               : (digit >= 'a' && digit <= 'f')                ? digit - 'a' + 10
-                               : (digit >= 'A' && digit <= 'F')                ? digit - 'A' + 10
-                                                                               : -1;
-            if (nibble < 0) return std::nullopt;
-            value = value * 16 + nibble;
-        }
-        components.push_back(value / 255.0);
-    }
-    if (components.size() == 3) components.push_back(1.0);
-    return components;
-}
-
 EKCalendarType calendarType(std::int64_t storeType) {
     switch (storeType) {
     case 1: return EKCalendarType::exchange;
@@ -298,12 +139,12 @@ double yearStartWallClock(int year) {
     std::tm parts{};
     parts.tm_year = year - 1900;
     parts.tm_mday = 1;
-    return static_cast<double>(timegm(&parts)) - 978307200.0;
+    return static_cast<double>(timegm(&parts)) - secondsFrom1970To2001;
 }
 
 // Whole seconds since 1970, held to years 1 to 9999 so that a hostile date can't overflow.
 time_t unixSeconds(double wallClock) {
-    const double seconds = std::floor(wallClock + 978307200.0);
+    const double seconds = std::floor(wallClock + secondsFrom1970To2001);
     if (!(seconds > -62135596800.0)) return -62135596800;
     if (!(seconds < 253402300799.0)) return 253402300799;
     return static_cast<time_t>(seconds);
@@ -314,16 +155,6 @@ int yearOfWallClock(double wallClock) {
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     return parts.tm_year + 1900;
-}
-
-// The same wall-clock time a calendar year later (29 February going to 1 March).
-double yearLaterWallClock(double wallClock) {
-    const double whole = std::floor(wallClock);
-    const auto seconds = unixSeconds(whole);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    parts.tm_year += 1;
-    return static_cast<double>(timegm(&parts)) - 978307200.0 + (wallClock - whole);
 }
 
 std::string numberText(double value) {
@@ -470,7 +301,7 @@ struct EKEventStore::Impl {
             calendar->title = rows.optionalText(2).value_or("?");
             if (calendar->title == "DEFAULT_CALENDAR_NAME") calendar->title = "Calendar";
             if (calendar->title == "DEFAULT_TASK_CALENDAR_NAME") calendar->title = "Reminders";
-            calendar->colorComponents = colorComponents(rows.optionalText(3));
+            calendar->colorComponents = calendarColumns::colorComponents(rows.optionalText(3));
             if (!rows.isNull(4)) {
                 const auto storeRow = rows.integer(4);
                 const auto type = rows.optionalInteger(6).value_or(-1);
@@ -518,8 +349,7 @@ struct EKEventStore::Impl {
         item.title = row.optionalText(1);
         item.start = row.optionalReal(2).value_or(0);
         item.end = row.optionalReal(3).value_or(item.start);
-        if (auto zone = row.optionalText(4); zone && *zone != floatingMarker && !zone->empty())
-            item.zone = std::move(zone);
+        item.zone = calendarColumns::zoneOf(row.optionalText(4));
         item.allDay = row.optionalInteger(5).value_or(0) != 0;
         item.calendarRow = row.optionalInteger(6).value_or(0);
         item.masterRow = row.integer(7);
@@ -530,7 +360,7 @@ struct EKEventStore::Impl {
         item.url = row.optionalText(12);
         item.lastModified = row.optionalReal(13);
         item.hasAttendees = row.optionalInteger(14).value_or(0) != 0;
-        item.location = locationText(row.optionalText(15), row.optionalText(16));
+        item.location = calendarColumns::locationText(row.optionalText(15), row.optionalText(16));
         item.entityType = row.optionalInteger(17).value_or(0);
         return item;
     }
@@ -547,10 +377,13 @@ struct EKEventStore::Impl {
             const auto ownerRow = rows.integer(0);
             // The first usable row of an owner wins, as the database reader has it.
             if (rules.count(ownerRow) > 0) continue;
-            if (auto rule =
-                    ruleFromRow(rows.optionalInteger(1).value_or(0), rows.optionalInteger(2).value_or(1),
-                                rows.optionalInteger(3).value_or(0), rows.optionalReal(4), rows.optionalText(5))) {
-                rules.emplace(ownerRow, std::move(*rule));
+            const auto specifier = rows.optionalText(5);
+            // What the rule can't hold is left out: the store expands what it understands.
+            if (auto reading = calendarColumns::readRecurrence(
+                    rows.optionalInteger(1).value_or(0), rows.optionalInteger(2).value_or(1),
+                    rows.optionalInteger(3).value_or(0), rows.optionalReal(4),
+                    specifier ? std::optional<std::string_view>(*specifier) : std::nullopt)) {
+                rules.emplace(ownerRow, std::move(reading->rule));
             }
         }
         return rules;
@@ -936,7 +769,7 @@ struct EKEventStore::Impl {
             db.get(), "UPDATE CalendarItem SET summary = ?, start_date = ?, start_tz = ?, end_date = ?,\n"
                       "  end_tz = ?, all_day = ?, calendar_id = ?, url = ?, description = ?, last_modified = ?\n"
                       "WHERE ROWID = ?");
-        const std::string zoneText = zone ? *zone : std::string(floatingMarker);
+        const std::string zoneText = zone ? *zone : std::string(calendarColumns::floatingZone);
         update.bind(1, event.title)
             .bind(2, zones.stored(zone, *event.startDate))
             .bind(3, std::string_view(zoneText))
@@ -1019,7 +852,7 @@ struct EKEventStore::Impl {
                 .bind(4, std::int64_t{byCount ? rule->recurrenceEnd->occurrenceCount : 0})
                 .bind(5, endDate)
                 .bind(6, endDate)
-                .bind(7, specifierOf(*rule))
+                .bind(7, calendarColumns::specifierText(*rule))
                 .bind(8, files::randomUUID())
                 .run();
         }
@@ -1091,12 +924,11 @@ struct EKEventStore::Impl {
             if (!rows.isNull(0) && !rows.isNull(1)) properties[rows.text(0)] = rows.text(1);
         }
         if (properties.size() != 3) return std::nullopt;
-        try {
-            return CacheWindow{std::stod(properties["OccurrenceCacheStart"]),
-                               std::stod(properties["OccurrenceCacheEnd"]), properties["OccurrenceCacheTimeZone"]};
-        } catch (const std::exception&) {
-            return std::nullopt;
-        }
+        // A window that doesn't read is rebuilt like one that doesn't fit.
+        const auto start = text::realNumber(properties["OccurrenceCacheStart"]);
+        const auto end = text::realNumber(properties["OccurrenceCacheEnd"]);
+        if (!start || !end) return std::nullopt;
+        return CacheWindow{*start, *end, properties["OccurrenceCacheTimeZone"]};
     }
 
     struct CacheRow {
@@ -1463,9 +1295,7 @@ EKEventStore::predicateForEvents(double startDate, double endDate,
                                  const std::optional<std::vector<std::shared_ptr<const EKCalendar>>>& calendars) {
     EKEventPredicate predicate;
     predicate.startDate = startDate;
-    auto zone = ZoneOffsets::current();
-    const double yearLater = zone.moment(yearLaterWallClock(zone.wallClock(startDate)));
-    predicate.endDate = std::min(endDate, yearLater);
+    predicate.endDate = std::min(endDate, addingCalendarYears(startDate, 1));
     if (calendars) {
         predicate.calendarIdentifiers.emplace();
         for (const auto& calendar : *calendars) {

@@ -291,6 +291,14 @@ TEST(RecurrenceExpansion, PlainRulesGiveWhatLibicalGives) {
     EXPECT_FALSE(recurrence::expandPlainly(lastFriday, 0, std::nullopt, 0, 1e9, [](double) { return true; }));
 }
 
+TEST_F(EventStoreTest, AFetchSpanEndsAYearLaterWith29FebruaryOn28February) {
+    // The core walks long spans a year at a time by the same rule: a step is never cut short here.
+    const double leapDay = utc(2024, 2, 29, 17);
+    EXPECT_EQ(store.predicateForEvents(leapDay, leapDay + 3 * 365 * 86400.0, std::nullopt).endDate,
+              utc(2025, 2, 28, 17));
+    EXPECT_EQ(store.predicateForEvents(leapDay, leapDay + 86400, std::nullopt).endDate, leapDay + 86400);
+}
+
 // ---- Editing occurrences ----
 
 TEST_F(EventStoreTest, RemovingOneOccurrenceAddsAnExceptionDate) {
@@ -524,6 +532,40 @@ TEST_F(ExistingDatabaseTest, IsReadAsFoundAndLeftUntouchedUntilSomethingIsSaved)
         EXPECT_EQ(error.description(), "The calendar is read-only.");
     }
     EXPECT_EQ(SHA256::hex(SHA256::of(files::read(path))), before);
+}
+
+TEST_F(ExistingDatabaseTest, DamagedValuesAreLeftOutNotThrown) {
+    testing::CalendarDatabaseBuilder builder(path);
+    const auto home = builder.addCalendar({.store = builder.addStore({}), .title = "Home", .uuid = "HOME"});
+    const double first = utc(2024, 4, 2, 17);
+    const auto master = builder.addItem({.calendar = home,
+                                         .start = first,
+                                         .end = first + 3600,
+                                         .uniqueIdentifier = "TUESDAYS",
+                                         .hasRecurrences = std::int64_t{1}});
+    // Weekly on Tuesdays, with numbers no rule can hold.
+    builder.addRecurrence({.owner = master, .specifier = "M=99999999999;D=0TU,99999999999MO"});
+    builder.setProperty("OccurrenceCacheStart", "1e400");
+    builder.setProperty("OccurrenceCacheEnd", "x");
+    builder.setProperty("OccurrenceCacheTimeZone", "America/Los_Angeles");
+    builder.close();
+
+    EKEventStore store;
+    const auto events =
+        store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 4, 1), utc(2024, 4, 20), std::nullopt));
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0]->recurrenceRules.at(0),
+              (EKRecurrenceRule{.frequency = EKRecurrenceFrequency::weekly,
+                                .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(3)}}));
+
+    // A window that doesn't read is rebuilt at the next write, like one that doesn't fit.
+    auto event = EKEvent::eventWithEventStore(store);
+    event->startDate = utc(2024, 6, 3, 16);
+    event->endDate = utc(2024, 6, 3, 17);
+    event->calendar = store.defaultCalendarForNewEvents();
+    store.saveEvent(*event, EKSpan::thisEvent, true);
+    EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheStart'"),
+              std::to_string(static_cast<long long>(utc(2023, 1, 1, 8))));
 }
 
 TEST_F(ExistingDatabaseTest, MissingColumnsRefuseTheFile) {
