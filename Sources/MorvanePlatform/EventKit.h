@@ -275,8 +275,12 @@ public:
     void refreshSourcesIfNecessary();
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    // The store behind this interface (EventStore/EventStoreImplementation.h): the local event
+    // store today, another kind of account beside it later. Implementations are nested so that
+    // they may set the objects' store-only fields.
+    class Implementation;
+    class LocalStore;
+    std::unique_ptr<Implementation> impl_;
 };
 
 } // namespace morvane

@@ -1,7 +1,7 @@
 #include "MorvanePlatform/EventKit.h"
 
 #include "MorvanePlatform/Files.h"
-#include "MorvanePlatform/RecurrenceExpansion.h"
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"

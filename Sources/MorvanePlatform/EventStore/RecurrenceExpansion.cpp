@@ -1,4 +1,4 @@
-#include "MorvanePlatform/RecurrenceExpansion.h"
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
 
 #include "MorvanePlatform/CalendarColumns.h"
 #include "MorvanePlatform/CalendarDates.h"

@@ -1,4 +1,4 @@
-#include "MorvanePlatform/SQLiteHandles.h"
+#include "MorvanePlatform/EventStore/SQLiteHandles.h"
 
 #include "MorvanePlatform/EventKit.h"
 

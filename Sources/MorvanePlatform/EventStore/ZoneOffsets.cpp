@@ -1,4 +1,4 @@
-#include "MorvanePlatform/ZoneOffsets.h"
+#include "MorvanePlatform/EventStore/ZoneOffsets.h"
 
 #include "MorvanePlatform/CalendarDates.h"
 
