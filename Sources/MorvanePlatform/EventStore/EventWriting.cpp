@@ -46,20 +46,28 @@ template <typename Body> void EKEventStore::LocalStore::write(bool commitNow, Bo
     if (began) {
         sqlite::execute(db.get(), "BEGIN IMMEDIATE");
         inTransaction = true;
-        // What another connection committed before the transaction began is what it sees.
-        noticeOtherWriters();
-        loadCalendars();
     }
-    sqlite::execute(db.get(), "SAVEPOINT event_store_write");
+    bool inSavepoint = false;
     try {
+        if (began) {
+            // What another connection committed before the transaction began is what it sees.
+            noticeOtherWriters();
+            loadCalendars();
+        }
+        sqlite::execute(db.get(), "SAVEPOINT event_store_write");
+        inSavepoint = true;
         body();
         sqlite::execute(db.get(), "RELEASE event_store_write");
     } catch (...) {
-        sqlite3_exec(db.get(), "ROLLBACK TO event_store_write; RELEASE event_store_write", nullptr, nullptr, nullptr);
-        if (began) {
-            sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-            inTransaction = false;
+        // Back to where this write began: the writes pending before it stay pending, and a
+        // transaction it began ends, so that no lock outlives a failure.
+        if (inSavepoint) {
+            sqlite3_exec(db.get(), "ROLLBACK TO event_store_write; RELEASE event_store_write", nullptr, nullptr,
+                         nullptr);
         }
+        if (began) sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        // SQLite ends the whole transaction itself after some failures (a full disk, say).
+        inTransaction = sqlite3_get_autocommit(db.get()) == 0;
         index.reset();
         throw;
     }
@@ -69,7 +77,14 @@ template <typename Body> void EKEventStore::LocalStore::write(bool commitNow, Bo
 
 void EKEventStore::LocalStore::commit() {
     if (!inTransaction) return;
-    sqlite::execute(db.get(), "COMMIT");
+    try {
+        sqlite::execute(db.get(), "COMMIT");
+    } catch (...) {
+        // Kept pending, the writes would reach the file with whatever is written next; dropped,
+        // the file stays as it was before them.
+        reset();
+        throw;
+    }
     inTransaction = false;
 }
 
