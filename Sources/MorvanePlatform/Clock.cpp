@@ -1,5 +1,7 @@
 #include "MorvanePlatform/Clock.h"
 
+#include "MorvanePlatform/CalendarDates.h"
+
 #include <chrono>
 
 namespace morvane {
@@ -9,7 +11,6 @@ class SystemClock final : public Clock {
 public:
     double now() const override {
         using namespace std::chrono;
-        constexpr double secondsFrom1970To2001 = 978307200.0;
         return duration<double>(system_clock::now().time_since_epoch()).count() - secondsFrom1970To2001;
     }
 };

@@ -212,14 +212,23 @@ public:
     static CalendarPermission& system();
 };
 
-// The live calendars. One thread at a time per store; several stores over one file may live in
-// one process or in several (writes wait up to five seconds for each other).
+// The live calendars.
+//
+// Threads: one thread at a time per store. Any thread may use a store, a background thread
+// included, but two threads never at once, and handing it from one thread to another needs a
+// lock or a join between them. The static members and `EKEvent::eventWithEventStore` may be
+// called from any thread at any time. What a store gives out belongs to the caller and may go to
+// any thread: events are plain values, and the calendars and sources they share are never
+// changed. Several stores over one file may live on several threads of one process, or in
+// several processes; their writes wait up to five seconds for each other.
 //
 // Writes run in a transaction of the database: a save or removal with `commit` false stays
 // pending, visible to this store only, until `commit` (or a later write with `commit` true), and
 // `reset` drops it. Each write keeps the rows the operating system keeps (Recurrence,
 // ExceptionDate, Alarm, Location, OccurrenceCache and its window) in step, so that a copy of the
-// file reads like the system's own. A write that fails leaves nothing of itself behind.
+// file reads like the system's own. A write that fails leaves nothing of itself behind, in the
+// file or among the pending writes, and leaves the event object as it was; one that fails in
+// committing takes the writes pending before it along, as `commit` does.
 class EKEventStore {
 public:
     // Opens the live calendars at `defaultDatabasePath()`, creating the file on first use.
@@ -267,7 +276,8 @@ public:
     // Removing one occurrence adds an exception date; `futureEvents` ends the series before the
     // occurrence (removes it whole from its first). Throws EventStoreError.
     void removeEvent(EKEvent& event, EKSpan span, bool commit);
-    // Makes pending changes permanent. Throws EventStoreError.
+    // Makes pending changes permanent. When that fails they are dropped, as by `reset`, and the
+    // file holds none of them. Throws EventStoreError.
     void commit();
     // Drops pending changes and everything cached.
     void reset();
@@ -275,8 +285,12 @@ public:
     void refreshSourcesIfNecessary();
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    // The store behind this interface (EventStore/EventStoreImplementation.h): the local event
+    // store today, another kind of account beside it later. Implementations are nested so that
+    // they may set the objects' store-only fields.
+    class Implementation;
+    class LocalStore;
+    std::unique_ptr<Implementation> impl_;
 };
 
 } // namespace morvane

@@ -1,6 +1,6 @@
 #include "Support/CalendarDatabaseBuilder.h"
 
-#include "MorvanePlatform/CalendarSchema.h"
+#include "MorvanePlatform/EventStore/CalendarSchema.h"
 
 #include <algorithm>
 #include <sqlite3.h>

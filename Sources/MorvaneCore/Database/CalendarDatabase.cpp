@@ -7,7 +7,6 @@
 #include "MorvanePlatform/SHA256.h"
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <memory>
 #include <sqlite3.h>
@@ -74,18 +73,9 @@ constexpr std::string_view windowStatement =
 
 constexpr std::string_view occurrenceStatement =
     "SELECT ci.unique_identifier, ci.orig_item_id, ci.orig_date, oc.occurrence_date,\n"
-    "       COALESCE(ci.start_tz, '_float') = '_float'\n"
+    "       COALESCE(NULLIF(ci.start_tz, ''), '_float') = '_float'\n"
     "FROM OccurrenceCache oc JOIN CalendarItem ci ON ci.ROWID = oc.event_id\n"
     "WHERE ci.unique_identifier IS NOT NULL AND oc.occurrence_date IS NOT NULL";
-
-// A whole text as a floating-point number, as the system writes the cache's window.
-std::optional<double> wholeNumber(const std::string& text) {
-    double value = 0;
-    const auto* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (text.empty() || error != std::errc() || stop != end) return std::nullopt;
-    return value;
-}
 
 } // namespace
 
@@ -187,8 +177,8 @@ std::vector<BackupEvent> CalendarDatabase::events(const std::optional<std::vecto
         snapshot.start = Date{row.real(2).value_or(0)};
         snapshot.end = Date{row.real(3).value_or(0)};
         snapshot.isAllDay = row.integer(4).value_or(0) != 0;
-        // "_float" marks a floating time, as does no zone at all; the dates stay as stored.
-        if (auto zone = row.text(5); zone && *zone != "_float") snapshot.timeZone = std::move(zone);
+        // A floating time keeps its dates as stored.
+        snapshot.timeZone = calendarColumns::zoneOf(row.text(5));
         snapshot.notes = row.text(12);
         snapshot.url = row.text(13);
         snapshot.location = locationText(row.text(14), row.text(15));
@@ -295,9 +285,9 @@ OccurrenceSet CalendarDatabase::occurrences() {
     });
 
     const auto start =
-        properties.count("OccurrenceCacheStart") ? wholeNumber(properties["OccurrenceCacheStart"]) : std::nullopt;
+        properties.count("OccurrenceCacheStart") ? text::realNumber(properties["OccurrenceCacheStart"]) : std::nullopt;
     const auto end =
-        properties.count("OccurrenceCacheEnd") ? wholeNumber(properties["OccurrenceCacheEnd"]) : std::nullopt;
+        properties.count("OccurrenceCacheEnd") ? text::realNumber(properties["OccurrenceCacheEnd"]) : std::nullopt;
     if (!start || !end || !(*start < *end)) throw SQLiteError("OccurrenceCache window not recorded in this database.");
 
     // The zone in which the system expanded floating events; the machine's when unrecorded.
@@ -362,23 +352,6 @@ std::string CalendarDatabase::contentFingerprint() {
         });
     }
     return SHA256::hex(hash.finish());
-}
-
-std::optional<std::string> locationText(const std::optional<std::string>& title,
-                                        const std::optional<std::string>& address) {
-    const auto name = text::trimmingWhitespaceAndNewlines(title ? std::string_view(*title) : std::string_view());
-    auto place = text::trimmingWhitespaceAndNewlines(address ? std::string_view(*address) : std::string_view());
-    if (!name.empty() && place.starts_with(name)) {
-        // Addresses often repeat the place's name first: "Work, Main Street 1".
-        place = text::trimmingWhitespaceAndNewlines(place.substr(name.size()));
-        while (!place.empty() && (place.front() == ',' || place.back() == ',')) {
-            place = text::trimmingWhitespaceAndNewlines(text::trimming(place, ","));
-        }
-    }
-    if (name.empty() && place.empty()) return std::nullopt;
-    if (name.empty()) return std::string(place);
-    if (place.empty()) return std::string(name);
-    return std::string(name) + "\n" + std::string(place);
 }
 
 } // namespace morvane

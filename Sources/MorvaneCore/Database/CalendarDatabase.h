@@ -4,6 +4,7 @@
 #include "MorvaneCore/Database/SQLiteDB.h"
 #include "MorvaneCore/IcsArchives/IcsArchive.h"
 #include "MorvaneCore/Shared/Date.h"
+#include "MorvanePlatform/CalendarColumns.h"
 
 #include <filesystem>
 #include <functional>
@@ -75,9 +76,7 @@ private:
     std::string hasAttachmentSQL_;
 };
 
-// The location of an event as one text: title, then the address without a repeat of the title,
-// on separate lines; nothing when both are empty.
-std::optional<std::string> locationText(const std::optional<std::string>& title,
-                                        const std::optional<std::string>& address);
+// The location of an event as one text, as the event store reads it too.
+using calendarColumns::locationText;
 
 } // namespace morvane

@@ -8,6 +8,7 @@
 #include "MorvaneCore/IcsArchives/ICalendar.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Text.h"
+#include "MorvanePlatform/CalendarColumns.h"
 
 #include <algorithm>
 #include <unicode/utf8.h>
@@ -35,12 +36,7 @@ std::string_view frequencyName(Frequency frequency) {
     return "DAILY";
 }
 
-std::optional<std::int64_t> weekdayOf(std::string_view code) {
-    const auto& codes = RecurrenceRule::dayCodes();
-    const auto found = codes.find(code);
-    if (found == codes.end()) return std::nullopt;
-    return found->second;
-}
+std::optional<std::int64_t> weekdayOf(std::string_view code) { return calendarColumns::weekdayOfCode(code); }
 
 std::vector<std::int64_t> integers(const std::vector<std::string_view>& items) {
     std::vector<std::int64_t> values;
@@ -64,16 +60,6 @@ std::optional<std::string> joined(const std::vector<std::string>& parts, std::st
     for (size_t i = 1; i < parts.size(); ++i)
         result.append(separator).append(parts[i]);
     return result;
-}
-
-// A day of the specifier: "{week}{code}", the week obligatory, the code in upper case.
-std::optional<Day> databaseDay(std::string_view item) {
-    if (item.size() < 3) return std::nullopt;
-    const auto weekday = weekdayOf(item.substr(item.size() - 2));
-    if (!weekday) return std::nullopt;
-    const auto week = text::integer(item.substr(0, item.size() - 2));
-    if (!week) return std::nullopt;
-    return Day{*weekday, *week};
 }
 
 // A day of BYDAY: an optional week, then a code in any case. The code is the last two
@@ -141,9 +127,12 @@ RecurrenceRule::End endFromJson(const json::Ordered& value, json::DateEncoding d
 } // namespace
 
 const std::map<std::string, std::int64_t, std::less<>>& RecurrenceRule::dayCodes() {
-    static const std::map<std::string, std::int64_t, std::less<>> codes = {
-        {"SU", 1}, {"MO", 2}, {"TU", 3}, {"WE", 4}, {"TH", 5}, {"FR", 6}, {"SA", 7},
-    };
+    static const auto codes = [] {
+        std::map<std::string, std::int64_t, std::less<>> made;
+        for (std::int64_t weekday = 1; weekday <= 7; ++weekday)
+            made.emplace(calendarColumns::weekdayCode(weekday), weekday);
+        return made;
+    }();
     return codes;
 }
 
@@ -153,48 +142,11 @@ RecurrenceRule::RecurrenceRule(Frequency frequencyOfRule, std::int64_t intervalO
 std::optional<RecurrenceRule> RecurrenceRule::fromDatabase(std::int64_t dbFrequency, std::int64_t interval,
                                                            std::int64_t count, std::optional<double> endDate,
                                                            std::optional<std::string_view> specifier) {
-    const auto frequency = frequencyOf(dbFrequency);
-    if (!frequency) return std::nullopt;
-    RecurrenceRule rule(*frequency, interval);
-    if (count >= 1) {
-        rule.end = End::count(count);
-    } else if (endDate) {
-        rule.end = End::until(Date{*endDate});
-    }
-
-    std::vector<std::string> unparsed;
-    for (const auto piece : text::nonEmptyPieces(specifier.value_or(""), ';')) {
-        const auto sides = text::splittingOnce(piece, '=');
-        if (sides.size() != 2) {
-            unparsed.emplace_back(piece);
-            continue;
-        }
-        const auto key = sides[0];
-        const auto items = text::nonEmptyPieces(sides[1], ',');
-        if (key == "D") {
-            for (const auto item : items) {
-                if (const auto day = databaseDay(item)) {
-                    rule.daysOfWeek.push_back(*day);
-                } else {
-                    unparsed.push_back("D=" + std::string(item));
-                }
-            }
-        } else if (key == "M") {
-            rule.daysOfMonth = integers(items);
-        } else if (key == "O") {
-            rule.monthsOfYear = integers(items);
-        } else if (key == "W") {
-            rule.weeksOfYear = integers(items);
-        } else if (key == "Y") {
-            rule.daysOfYear = integers(items);
-        } else if (key == "S") {
-            rule.setPositions = integers(items);
-        } else {
-            unparsed.emplace_back(piece);
-        }
-    }
-    rule.unparsed = joined(unparsed, ";");
-    sortLists(rule);
+    // The event store reads its rows through the same reader: a row gives the same rule either way.
+    const auto reading = calendarColumns::readRecurrence(dbFrequency, interval, count, endDate, specifier);
+    if (!reading) return std::nullopt;
+    auto rule = fromEK(reading->rule);
+    rule.unparsed = joined(reading->unreadPieces, ";");
     return rule;
 }
 
@@ -302,11 +254,8 @@ std::string RecurrenceRule::description() const {
         for (const auto& day : daysOfWeek) {
             if (!days.empty()) days.push_back(',');
             if (day.week != 0) days.append(std::to_string(day.week));
-            std::string_view code = "?";
-            for (const auto& [name, weekday] : dayCodes()) {
-                if (weekday == day.weekday) code = name;
-            }
-            days.append(code);
+            const auto code = calendarColumns::weekdayCode(day.weekday);
+            days.append(code.empty() ? "?" : code);
         }
         parts.push_back("BYDAY=" + days);
     }

@@ -74,7 +74,8 @@ struct RecurrenceRule {
 
     // From the columns of a `Recurrence` row: nothing for a frequency code other than 1 to 4, and
     // only then. A count of 1 or more wins over `endDate` (seconds since 2001); the specifier
-    // ("D=0MO,-1FR;M=15") keeps every malformed piece in `unparsed`.
+    // ("D=0MO,-1FR;M=15") keeps every malformed piece in `unparsed`. Read as the event store reads
+    // it (`calendarColumns::readRecurrence`), so the two agree on every field they share.
     static std::optional<RecurrenceRule> fromDatabase(std::int64_t dbFrequency, std::int64_t interval,
                                                       std::int64_t count, std::optional<double> endDate,
                                                       std::optional<std::string_view> specifier);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MorvanePlatform/CalendarDates.h"
+
 #include <compare>
 #include <cstdint>
 
@@ -9,8 +11,7 @@ namespace morvane {
 // database, carried without change. Floating times use the same type, holding their wall-clock
 // reading as if it were UTC.
 struct Date {
-    // Seconds between 1970-01-01 and 2001-01-01, both UTC.
-    static constexpr double secondsFrom1970To2001 = 978307200.0;
+    static constexpr double secondsFrom1970To2001 = morvane::secondsFrom1970To2001;
 
     double seconds = 0;
 

@@ -1,5 +1,7 @@
 #include "MorvaneCore/Shared/DateFormatting.h"
 
+#include "MorvanePlatform/CalendarDates.h"
+
 #include <memory>
 #include <unicode/datefmt.h>
 #include <unicode/gregocal.h>
@@ -109,15 +111,6 @@ Date startOfDay(Date date) {
     return U_SUCCESS(status) ? fromUDate(start) : date;
 }
 
-Date addingYears(Date date, int years) {
-    auto calendar = calendarAt(date);
-    UErrorCode status = U_ZERO_ERROR;
-    if (calendar) {
-        calendar->add(UCAL_YEAR, years, status);
-        const UDate moved = calendar->getTime(status);
-        if (U_SUCCESS(status)) return fromUDate(moved);
-    }
-    return {date.seconds + years * 365.2425 * 86400.0};
-}
+Date addingYears(Date date, int years) { return {addingCalendarYears(date.seconds, years)}; }
 
 } // namespace morvane::dates

@@ -41,7 +41,8 @@ std::string format(Date date, std::string_view pattern, std::string_view localeI
 // The first moment of the day of `date`.
 Date startOfDay(Date date);
 // The same wall-clock time `years` years away (29 February lands on 28 February); the moment may
-// differ from `date` by whole years plus the change of the zone's offset.
+// differ from `date` by whole years plus the change of the zone's offset. The event store bounds
+// a fetch's span by the same rule, so a span of one year here is never cut there.
 Date addingYears(Date date, int years);
 
 } // namespace morvane::dates

@@ -1,6 +1,7 @@
 #include "MorvaneCore/EventModel/RecurrenceRule.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
 
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <unordered_set>
 
@@ -42,6 +43,10 @@ TEST(RecurrenceRuleFromDatabase, CountWinsOverTheEndDateAndZeroMeansNone) {
     EXPECT_EQ(RecurrenceRule::fromDatabase(1, 1, 0, 800000000.5, std::nullopt)->end, End::until(Date{800000000.5}));
     EXPECT_EQ(RecurrenceRule::fromDatabase(1, 1, -2, 800000000.0, std::nullopt)->end, End::until(Date{800000000.0}));
     EXPECT_EQ(RecurrenceRule::fromDatabase(1, 1, 0, std::nullopt, std::nullopt)->end, std::nullopt);
+    // Larger values are damage, and the event store holds the same bounds.
+    const auto huge = RecurrenceRule::fromDatabase(1, INT64_MAX, INT64_MAX, std::nullopt, std::nullopt);
+    EXPECT_EQ(huge->interval, 1'000'000);
+    EXPECT_EQ(huge->end, End::count(1'000'000'000));
 }
 
 TEST(RecurrenceRuleFromDatabase, ReadsTheSpecifier) {
@@ -72,6 +77,8 @@ TEST(RecurrenceRuleFromDatabase, KeepsEveryMalformedPieceInUnparsed) {
     EXPECT_EQ(fromSpecifier("DD=1MO").unparsed, "DD=1MO");
     // A piece is split at its first "=" only.
     EXPECT_EQ(fromSpecifier("D=1MO=2").unparsed, "D=1MO=2");
+    // The platform's rule holds 32-bit weeks: a larger one doesn't read.
+    EXPECT_EQ(fromSpecifier("D=2147483648MO,-2147483648TU").unparsed, "D=2147483648MO");
 }
 
 TEST(RecurrenceRuleFromDatabase, DropsUnreadableIntegersSilentlyAndTheLastPieceWins) {
@@ -79,7 +86,7 @@ TEST(RecurrenceRuleFromDatabase, DropsUnreadableIntegersSilentlyAndTheLastPieceW
     EXPECT_EQ(rule.daysOfMonth, (Integers{1, 3}));
     EXPECT_EQ(rule.unparsed, std::nullopt);
     EXPECT_EQ(fromSpecifier("M=1,2;M=9").daysOfMonth, Integers{9});
-    EXPECT_EQ(fromSpecifier("M=5,,+6,1.5, 7,99999999999999999999").daysOfMonth, (Integers{5, 6}));
+    EXPECT_EQ(fromSpecifier("M=5,,+6,1.5, 7,99999999999,99999999999999999999").daysOfMonth, (Integers{5, 6}));
 }
 
 // --- RRULE text ------------------------------------------------------------------------------

@@ -39,7 +39,7 @@ TEST(Text, ReplacesEveryOccurrence) {
     EXPECT_EQ(text::replacingAll("abc", "", "x"), "abc");
 }
 
-TEST(Text, ReadsPlainSigned64BitDecimals) {
+TEST(Text, ReadsPlainDecimalsAndNothingAroundThem) {
     EXPECT_EQ(text::integer("42"), 42);
     EXPECT_EQ(text::integer("+7"), 7);
     EXPECT_EQ(text::integer("-0"), 0);
@@ -48,6 +48,12 @@ TEST(Text, ReadsPlainSigned64BitDecimals) {
     for (const char* bad :
          {"", "+", "-", "9223372036854775808", "-9223372036854775809", " 1", "1 ", "1.0", "0x1", "--1", "\u0661"}) {
         EXPECT_EQ(text::integer(bad), std::nullopt) << bad;
+    }
+    EXPECT_EQ(text::realNumber("7.5e+08"), 7.5e8);
+    EXPECT_EQ(text::realNumber("-0.25"), -0.25);
+    const std::string tiny = "0." + std::string(400, '0') + "1";
+    for (const std::string bad : {"", "1e400", tiny.c_str(), "nan", "inf", "+1", " 1", "1 ", "1,5", "0x10", "."}) {
+        EXPECT_EQ(text::realNumber(bad), std::nullopt) << bad;
     }
 }
 

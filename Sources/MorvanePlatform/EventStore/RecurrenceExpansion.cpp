@@ -1,4 +1,7 @@
-#include "MorvanePlatform/RecurrenceExpansion.h"
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
+
+#include "MorvanePlatform/CalendarColumns.h"
+#include "MorvanePlatform/CalendarDates.h"
 
 #include <algorithm>
 #include <chrono>
@@ -12,11 +15,8 @@
 namespace morvane::recurrence {
 namespace {
 
-constexpr double secondsFrom1970To2001 = 978307200.0;
 // A daily rule over a century is about 37,000 steps; a rule that never matches gives up here.
 constexpr int stepLimit = 1'000'000;
-
-constexpr const char* dayCodes[] = {"SU", "MO", "TU", "WE", "TH", "FR", "SA"};
 
 struct IteratorFree {
     void operator()(icalrecur_iterator* iterator) const { icalrecur_iterator_free(iterator); }
@@ -100,7 +100,7 @@ std::string rruleText(const EKRecurrenceRule& rule, std::optional<double> untilW
             if (day.dayOfTheWeek < 1 || day.dayOfTheWeek > 7 || std::abs(day.weekNumber) > 53) continue;
             days += days.empty() ? "" : ",";
             if (day.weekNumber != 0) days += std::to_string(day.weekNumber);
-            days += dayCodes[day.dayOfTheWeek - 1];
+            days += calendarColumns::weekdayCode(day.dayOfTheWeek);
         }
         if (!days.empty()) text += ";BYDAY=" + days;
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MorvanePlatform/Replaceable.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -7,9 +9,25 @@
 #include <string>
 #include <string_view>
 
-// Owners of SQLite's C handles for the platform layer. Failures throw EventStoreError with
-// SQLite's own explanation after `what`.
+// Owners of SQLite's C handles for the event store. Failures throw EventStoreError with SQLite's
+// own explanation after `what`.
 namespace morvane::sqlite {
+
+// The calls that run statements: every step and every `execute` goes through `current()`, so that
+// a test can put a forwarding wrapper around `system()` that fails the Nth call, as a full disk or
+// a lost file would. Rolling back after a failure calls SQLite directly: it has to run whatever
+// failed before it.
+class Steps : public Replaceable<Steps> {
+public:
+    virtual ~Steps() = default;
+
+    // sqlite3_step.
+    virtual int step(sqlite3_stmt* statement) = 0;
+    // sqlite3_exec without a callback; `message` as sqlite3_exec sets it.
+    virtual int execute(sqlite3* db, const char* sql, char** message) = 0;
+
+    static Steps& system();
+};
 
 struct CloseConnection {
     void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
@@ -17,6 +35,9 @@ struct CloseConnection {
 using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 
 [[noreturn]] void fail(sqlite3* db, std::string_view what);
+// The same for a call that returned `code`, which may not be the connection's last error when
+// the call didn't reach SQLite.
+[[noreturn]] void fail(sqlite3* db, int code, std::string_view what);
 
 // Runs statements that return no rows.
 void execute(sqlite3* db, std::string_view sql);

@@ -1,4 +1,4 @@
-#include "MorvanePlatform/CalendarSchema.h"
+#include "MorvanePlatform/EventStore/CalendarSchema.h"
 
 namespace morvane {
 

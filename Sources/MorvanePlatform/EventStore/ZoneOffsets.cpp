@@ -1,4 +1,6 @@
-#include "MorvanePlatform/ZoneOffsets.h"
+#include "MorvanePlatform/EventStore/ZoneOffsets.h"
+
+#include "MorvanePlatform/CalendarDates.h"
 
 #include <limits>
 #include <unicode/basictz.h>
@@ -6,8 +8,6 @@
 
 namespace morvane {
 namespace {
-
-constexpr double secondsFrom1970To2001 = 978307200.0;
 
 std::unique_ptr<icu::BasicTimeZone> basic(icu::TimeZone* zone) {
     if (auto* cast = dynamic_cast<icu::BasicTimeZone*>(zone)) return std::unique_ptr<icu::BasicTimeZone>(cast);

@@ -1,17 +1,43 @@
-#include "MorvanePlatform/SQLiteHandles.h"
+#include "MorvanePlatform/EventStore/SQLiteHandles.h"
 
 #include "MorvanePlatform/EventKit.h"
 
 namespace morvane::sqlite {
+namespace {
+
+class SystemSteps final : public Steps {
+public:
+    int step(sqlite3_stmt* statement) override { return sqlite3_step(statement); }
+    int execute(sqlite3* db, const char* sql, char** message) override {
+        return sqlite3_exec(db, sql, nullptr, nullptr, message);
+    }
+};
+
+std::string explanation(sqlite3* db, int code) {
+    if (db != nullptr && sqlite3_errcode(db) == (code & 0xFF)) return sqlite3_errmsg(db);
+    return sqlite3_errstr(code);
+}
+
+} // namespace
+
+Steps& Steps::system() {
+    static SystemSteps steps;
+    return steps;
+}
 
 void fail(sqlite3* db, std::string_view what) {
     throw EventStoreError(std::string(what) + ": " + (db != nullptr ? sqlite3_errmsg(db) : "out of memory"));
 }
 
+void fail(sqlite3* db, int code, std::string_view what) {
+    throw EventStoreError(std::string(what) + ": " + explanation(db, code));
+}
+
 void execute(sqlite3* db, std::string_view sql) {
     char* message = nullptr;
-    if (sqlite3_exec(db, std::string(sql).c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-        const std::string reason = message != nullptr ? message : sqlite3_errmsg(db);
+    const int code = Steps::current().execute(db, std::string(sql).c_str(), &message);
+    if (code != SQLITE_OK) {
+        const std::string reason = message != nullptr ? message : explanation(db, code);
         sqlite3_free(message);
         throw EventStoreError("The event store's database failed: " + reason);
     }
@@ -65,10 +91,10 @@ void Statement::reset() {
 
 bool Statement::step() {
     needsReset_ = true;
-    const int result = sqlite3_step(statement_);
+    const int result = Steps::current().step(statement_);
     if (result == SQLITE_ROW) return true;
     if (result == SQLITE_DONE) return false;
-    fail(db_, "The event store's database failed");
+    fail(db_, result, "The event store's database failed");
 }
 
 void Statement::run() {

@@ -1,0 +1,14 @@
+#pragma once
+
+namespace morvane {
+
+// Dates of the calendar database: seconds since 2001-01-01 00:00:00 UTC. This many seconds lie
+// between 1970-01-01 and then, both UTC.
+inline constexpr double secondsFrom1970To2001 = 978307200.0;
+
+// The same wall-clock time `years` calendar years from `moment`, in the machine's current zone.
+// 29 February lands on 28 February in a common year. The result may differ from `moment` by whole
+// years plus the change of the zone's offset.
+double addingCalendarYears(double moment, int years);
+
+} // namespace morvane
