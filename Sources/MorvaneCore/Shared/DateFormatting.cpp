@@ -98,6 +98,28 @@ std::string abbreviatedDateTime(Date date) {
     return utf8(text);
 }
 
+std::string weekKey(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return {};
+    calendar->setFirstDayOfWeek(UCAL_MONDAY);
+    calendar->setMinimalDaysInFirstWeek(4);
+    UErrorCode status = U_ZERO_ERROR;
+    const auto year = calendar->get(UCAL_YEAR_WOY, status);
+    const auto week = calendar->get(UCAL_WEEK_OF_YEAR, status);
+    if (U_FAILURE(status)) return {};
+    return std::to_string(year) + "-" + std::to_string(week);
+}
+
+std::string monthKey(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return {};
+    UErrorCode status = U_ZERO_ERROR;
+    const auto year = calendar->get(UCAL_EXTENDED_YEAR, status);
+    const auto month = calendar->get(UCAL_MONTH, status) + 1;
+    if (U_FAILURE(status)) return {};
+    return std::to_string(year) + "-" + std::to_string(month);
+}
+
 Date startOfDay(Date date) {
     auto calendar = calendarAt(date);
     if (!calendar) return date;
