@@ -70,6 +70,15 @@ void sortNewestFirst(std::vector<CalendarArchive::Entry>& entries) {
     std::stable_sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.date > b.date; });
 }
 
+// The newest entry of either format; of equal dates, the first listed.
+const CalendarArchive::Entry* newestOf(const std::vector<CalendarArchive::Entry>& listed) {
+    const CalendarArchive::Entry* newest = nullptr;
+    for (const auto& entry : listed) {
+        if (newest == nullptr || entry.date > newest->date) newest = &entry;
+    }
+    return newest;
+}
+
 template <typename Events> std::int64_t countWithoutDetached(const Events& events) {
     return std::count_if(events.begin(), events.end(), [](const auto& event) { return !event.isDetachedOccurrence(); });
 }
@@ -219,6 +228,14 @@ CalendarArchive::SnapshotResult CalendarArchive::snapshotOfCopy(const StagedCopy
     CalendarDatabase database(staged.file());
     database.verifyIntegrity();
     auto fingerprint = database.contentFingerprint();
+    // Most snapshots find the calendars unchanged. A look at the index without the lock (its
+    // writes are atomic) spares them reading the events and folding the log; the comparison that
+    // decides is made again under the lock.
+    {
+        const auto listed = readIndex(indexURL());
+        if (const auto* newest = newestOf(listed); newest != nullptr && newest->fingerprint == fingerprint)
+            return {SnapshotResult::Case::unchanged, *newest};
+    }
     const auto eventCount = countWithoutDetached(database.loadEvents());
     database.checkpoint();
     Entry entry{stamp(now), now, std::move(fingerprint), eventCount, 0, std::nullopt};
@@ -239,12 +256,7 @@ CalendarArchive::SnapshotResult CalendarArchive::fileUnlessUnchanged(Entry entry
                                                                      const std::function<std::string()>& data) {
     const WriteLock guard(lock_, directory_);
     auto listed = readIndex(indexURL());
-    // The newest of either format; of equal dates, the first listed.
-    const Entry* newest = nullptr;
-    for (const auto& listedEntry : listed) {
-        if (newest == nullptr || listedEntry.date > newest->date) newest = &listedEntry;
-    }
-    if (newest != nullptr && newest->fingerprint == entry.fingerprint)
+    if (const auto* newest = newestOf(listed); newest != nullptr && newest->fingerprint == entry.fingerprint)
         return {SnapshotResult::Case::unchanged, *newest};
 
     const auto bytes = data();

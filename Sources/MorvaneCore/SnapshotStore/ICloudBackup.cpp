@@ -5,7 +5,6 @@
 
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Json.h"
-#include "MorvaneCore/Shared/Paths.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/Machine.h"
 #include "MorvanePlatform/UserDefaults.h"
