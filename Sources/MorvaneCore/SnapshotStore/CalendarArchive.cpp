@@ -226,16 +226,17 @@ CalendarArchive::SnapshotResult CalendarArchive::takeDatabaseSnapshot(Date now) 
 
 CalendarArchive::SnapshotResult CalendarArchive::snapshotOfCopy(const StagedCopy& staged, Date now) {
     CalendarDatabase database(staged.file());
-    database.verifyIntegrity();
     auto fingerprint = database.contentFingerprint();
-    // Most snapshots find the calendars unchanged. A look at the index without the lock (its
-    // writes are atomic) spares them reading the events and folding the log; the comparison that
-    // decides is made again under the lock.
+    // Most snapshots find the calendars unchanged, and a copy that isn't kept needn't pass the
+    // integrity check (a copy damaged where the fingerprint reads fails in reading it). A look at
+    // the index without the lock (its writes are atomic) spares them the check, reading the events
+    // and folding the log; the comparison that decides is made again under the lock.
     {
         const auto listed = readIndex(indexURL());
         if (const auto* newest = newestOf(listed); newest != nullptr && newest->fingerprint == fingerprint)
             return {SnapshotResult::Case::unchanged, *newest};
     }
+    database.verifyIntegrity();
     const auto eventCount = countWithoutDetached(database.loadEvents());
     database.checkpoint();
     Entry entry{stamp(now), now, std::move(fingerprint), eventCount, 0, std::nullopt};

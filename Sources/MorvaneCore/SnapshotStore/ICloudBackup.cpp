@@ -251,9 +251,10 @@ ICloudBackup::SyncResult ICloudBackup::sync(const CalendarArchive& from, Date no
     for (const auto& entry : local)
         localStamps.insert(entry.stamp);
     // The store's entry wins over the copies' index of the same stamp.
+    const auto stored = CalendarArchive::readIndex(own / indexFileName);
     std::map<std::string, Entry> merged;
-    for (auto& entry : CalendarArchive::readIndex(own / indexFileName))
-        merged.insert_or_assign(entry.stamp, std::move(entry));
+    for (const auto& entry : stored)
+        merged.insert_or_assign(entry.stamp, entry);
     for (const auto& entry : local)
         merged.insert_or_assign(entry.stamp, entry);
     std::vector<Entry> candidates;
@@ -293,7 +294,13 @@ ICloudBackup::SyncResult ICloudBackup::sync(const CalendarArchive& from, Date no
         ++result.removed;
     }
     result.total = static_cast<std::int64_t>(listed.size());
-    CalendarArchive::writeIndex(std::move(listed), own / indexFileName);
+    // An index that would come out the same isn't written: a sync tool would carry the same
+    // file to every computer after each sync.
+    auto oldestFirst = listed;
+    std::stable_sort(oldestFirst.begin(), oldestFirst.end(),
+                     [](const Entry& a, const Entry& b) { return a.date < b.date; });
+    if (oldestFirst != stored || !existsAt(own / indexFileName))
+        CalendarArchive::writeIndex(std::move(listed), own / indexFileName);
     return result;
 }
 

@@ -124,9 +124,9 @@ public:
     // Brings this computer's folder in step with `from`: creates the folder (and names it, or
     // renames it in mac.json), copies each kept restore point that isn't there yet through a
     // ".partial" name, drops from the index what exists in neither place, removes the files of
-    // restore points no longer kept, and writes the index last. Files that exist are never
-    // compared or rewritten. Throws RestoreError with unavailableReason() without a root, and the
-    // platform's error of any copy, move, removal or write; the index is untouched then.
+    // restore points no longer kept, and writes the index last (unless it would come out the
+    // same). Files that exist are never compared or rewritten. Throws RestoreError with unavailableReason() without a
+    // root, and the platform's error of any copy, move, removal or write; the index is untouched then.
     SyncResult sync(const CalendarArchive& from, Date now);
     // Nothing when copies are off; otherwise sync, recording the failure's text or the moment
     // of success in the user defaults.
