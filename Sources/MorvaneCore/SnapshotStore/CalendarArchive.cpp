@@ -86,7 +86,7 @@ template <typename Events> std::int64_t countWithoutDetached(const Events& event
 } // namespace
 
 // The index's lock for a writer: the object's mutex, then the folder's advisory lock for other
-// objects and processes. Taken in this order only, and never while the other is held alone.
+// objects and processes, always both and in this order.
 struct CalendarArchive::WriteLock {
     WriteLock(std::mutex& lock, const std::filesystem::path& folder) : inProcess(lock), betweenProcesses(folder) {}
 

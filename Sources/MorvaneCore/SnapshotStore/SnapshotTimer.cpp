@@ -9,20 +9,22 @@
 namespace morvane::SnapshotTimer {
 namespace {
 
-constexpr const char* elsewhere = "; run morvane snapshot from another scheduler (such as cron) instead.";
+constexpr const char* turningOn =
+    "the hourly timer can't be turned on; run morvane snapshot from another scheduler (such as cron) instead.";
+constexpr const char* turningOff = "the hourly timer can't be turned off, nor can it run.";
+constexpr const char* asking = "the hourly timer can't run here.";
 
-// Runs systemctl on the user's instance and gives its output, or throws why it couldn't run.
-std::string systemctlUser(std::vector<std::string> arguments, const char* doing) {
+// Runs systemctl on the user's instance and gives its output, or throws why it couldn't run;
+// `consequence` says what that means for the timer.
+std::string systemctlUser(std::vector<std::string> arguments, const char* consequence) {
     arguments.insert(arguments.begin(), "--user");
     const auto result = BackupCatalog::run(std::string(systemctl), arguments);
     const auto& output = result.output;
-    if (result.status == -1)
-        throw RestoreError("systemctl isn't on this machine, so the hourly timer can't be " + std::string(doing) +
-                           elsewhere);
+    if (result.status == -1) throw RestoreError("systemctl isn't on this machine, so " + std::string(consequence));
     if (output.find("Failed to connect to bus") != std::string::npos)
         throw RestoreError("There is no systemd user instance for this session (systemctl --user can't reach it), "
-                           "so the hourly timer can't be " +
-                           std::string(doing) + elsewhere);
+                           "so " +
+                           std::string(consequence));
     if (result.status == 0) return output;
     if (output.find("does not exist") != std::string::npos || output.find("not found") != std::string::npos)
         throw RestoreError("The timer " + std::string(unit) +
@@ -33,14 +35,14 @@ std::string systemctlUser(std::vector<std::string> arguments, const char* doing)
 
 } // namespace
 
-void enable() { systemctlUser({"enable", "--now", std::string(unit)}, "turned on"); }
+void enable() { systemctlUser({"enable", "--now", std::string(unit)}, turningOn); }
 
-void disable() { systemctlUser({"disable", "--now", std::string(unit)}, "turned off"); }
+void disable() { systemctlUser({"disable", "--now", std::string(unit)}, turningOff); }
 
 Status status() {
     const auto output = systemctlUser({"show", std::string(unit), "--property=LoadState", "--property=UnitFileState",
                                        "--property=ActiveState", "--property=NextElapseUSecRealtime"},
-                                      "asked about");
+                                      asking);
     std::map<std::string, std::string, std::less<>> properties;
     for (const auto line : text::nonEmptyLines(output)) {
         const auto equals = line.find('=');
