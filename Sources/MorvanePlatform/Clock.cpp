@@ -3,6 +3,7 @@
 #include "MorvanePlatform/CalendarDates.h"
 
 #include <chrono>
+#include <thread>
 
 namespace morvane {
 namespace {
@@ -13,6 +14,7 @@ public:
         using namespace std::chrono;
         return duration<double>(system_clock::now().time_since_epoch()).count() - secondsFrom1970To2001;
     }
+    void sleep(double seconds) override { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 };
 
 } // namespace

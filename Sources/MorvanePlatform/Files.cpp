@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -123,6 +124,42 @@ void changeMode(const std::filesystem::path& path, unsigned mode) {
         throw PlatformError::fromErrno(errno, "Couldn't set the permissions of", path.string());
 }
 
+void copy(const std::filesystem::path& from, const std::filesystem::path& to) {
+    OpenFile source(from, O_RDONLY);
+    if (!source.isOpen()) throw PlatformError::fromErrno(errno, "Couldn't read", from.string());
+    OpenFile target(to, O_WRONLY | O_CREAT | O_TRUNC);
+    if (!target.isOpen()) throw PlatformError::fromErrno(errno, "Couldn't write", to.string());
+    try {
+        char buffer[65536];
+        for (;;) {
+            const ssize_t count = ::read(source.get(), buffer, sizeof buffer);
+            if (count == 0) break;
+            if (count < 0) {
+                if (errno == EINTR) continue;
+                throw PlatformError::fromErrno(errno, "Couldn't read", from.string());
+            }
+            writeAll(target.get(), std::string_view(buffer, static_cast<size_t>(count)), to);
+        }
+        // A copy that is moved into place afterwards must be on the disk before the move.
+        if (::fsync(target.get()) != 0 || target.close() != 0)
+            throw PlatformError::fromErrno(errno, "Couldn't write", to.string());
+    } catch (...) {
+        ::unlink(to.c_str());
+        throw;
+    }
+}
+
+void move(const std::filesystem::path& from, const std::filesystem::path& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) throw PlatformError::fromErrno(errno, "Couldn't move", from.string());
+    syncFolder(to.parent_path());
+}
+
+void remove(const std::filesystem::path& path) {
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+    if (error) throw PlatformError::fromErrno(error.value(), "Couldn't remove", path.string());
+}
+
 } // namespace posix
 
 std::string randomUUID() {
@@ -162,6 +199,32 @@ void setPermissions(const std::filesystem::path& path, unsigned mode) {
     FileSystem::current().setPermissions(path, mode);
 }
 
+void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) {
+    FileSystem::current().copyFile(from, to);
+}
+
+void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) {
+    FileSystem::current().moveItem(from, to);
+}
+
+void removeItem(const std::filesystem::path& path) { FileSystem::current().removeItem(path); }
+
+FolderLock::FolderLock(const std::filesystem::path& folder)
+    : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (fd_ < 0) return;
+    while (::flock(fd_, LOCK_EX) != 0) {
+        if (errno == EINTR) continue;
+        ::close(fd_);
+        fd_ = -1;
+        return;
+    }
+}
+
+FolderLock::~FolderLock() {
+    // Closing the last descriptor of the open folder lets the lock go.
+    if (fd_ >= 0) ::close(fd_);
+}
+
 } // namespace morvane::files
 
 namespace morvane {
@@ -179,6 +242,13 @@ public:
     void setPermissions(const std::filesystem::path& path, unsigned mode) override {
         files::posix::changeMode(path, mode);
     }
+    void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) override {
+        files::posix::copy(from, to);
+    }
+    void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) override {
+        files::posix::move(from, to);
+    }
+    void removeItem(const std::filesystem::path& path) override { files::posix::remove(path); }
 };
 
 } // namespace

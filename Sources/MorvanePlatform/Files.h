@@ -27,6 +27,34 @@ void createDirectories(const std::filesystem::path& path);
 // Sets the POSIX permission bits of `path`, e.g. 0600.
 void setPermissions(const std::filesystem::path& path, unsigned mode);
 
+// Copies the file `from` to `to`, replacing what is there, and flushes the copy to the disk.
+// On failure nothing stays at `to`; callers that need the final name to appear whole copy to a
+// temporary name and move it.
+void copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// Renames `from` to `to` within one file system, replacing a file at `to`.
+void moveItem(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// Removes a file, or a folder with everything in it. Nothing at `path` is no failure.
+void removeItem(const std::filesystem::path& path);
+
+// An advisory lock (flock) on a folder for the life of the object: of the objects on one folder,
+// in this process or any other, one at a time holds it, and the others wait. Best effort: where
+// the folder can't be opened or its file system keeps no locks, nothing is held and nobody
+// waits, so callers must stay correct without it (as atomic writes keep them).
+class FolderLock {
+public:
+    explicit FolderLock(const std::filesystem::path& folder);
+    ~FolderLock();
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+    bool isHeld() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+
 // A fresh random (version 4) UUID in its standard upper-case text form.
 std::string randomUUID();
 
@@ -43,6 +71,9 @@ public:
     virtual void writeAtomically(const std::filesystem::path& path, std::string_view bytes) = 0;
     virtual void createDirectories(const std::filesystem::path& path) = 0;
     virtual void setPermissions(const std::filesystem::path& path, unsigned mode) = 0;
+    virtual void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
+    virtual void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
+    virtual void removeItem(const std::filesystem::path& path) = 0;
 
     // The real implementation: POSIX calls.
     static FileSystem& system();

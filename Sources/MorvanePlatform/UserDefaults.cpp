@@ -4,6 +4,8 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserFolders.h"
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
 #include <mutex>
 #include <plist/plist.h>
@@ -74,6 +76,25 @@ public:
 
     void setString(const std::string& key, const std::string& value) override {
         set(key, plist_new_string(value.c_str()));
+    }
+
+    std::optional<double> dateForKey(const std::string& key) override {
+        std::lock_guard guard(lock_);
+        const auto root = load(fileOf(domainName()));
+        plist_t value = plist_dict_get_item(root.get(), key.c_str());
+        if (value == nullptr || plist_get_node_type(value) != PLIST_DATE) return std::nullopt;
+        int32_t seconds = 0;
+        int32_t microseconds = 0;
+        plist_get_date_val(value, &seconds, &microseconds);
+        return seconds + microseconds / 1e6;
+    }
+
+    void setDate(const std::string& key, double value) override {
+        // The property-list form holds 32-bit seconds since 2001: enough until 2069.
+        const double whole = std::floor(value);
+        const auto seconds = static_cast<int32_t>(std::clamp(whole, -2147483648.0, 2147483647.0));
+        const auto microseconds = static_cast<int32_t>(std::clamp((value - whole) * 1e6, 0.0, 999999.0));
+        set(key, plist_new_date(seconds, microseconds));
     }
 
     void removeObjectForKey(const std::string& key) override {

@@ -19,6 +19,9 @@ public:
     virtual void setBool(const std::string& key, bool value) = 0;
     virtual std::optional<std::string> stringForKey(const std::string& key) = 0;
     virtual void setString(const std::string& key, const std::string& value) = 0;
+    // Dates are seconds since 2001-01-01 00:00:00 UTC, kept to the microsecond.
+    virtual std::optional<double> dateForKey(const std::string& key) = 0;
+    virtual void setDate(const std::string& key, double value) = 0;
     virtual void removeObjectForKey(const std::string& key) = 0;
 
     // Forgets every setting of the domain `name` (a bundle identifier).

@@ -31,17 +31,24 @@ void printJSON(const std::vector<BackupSource>& sources, const std::vector<std::
 }
 
 void printText(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes,
-               const std::string& whenEmpty, std::ostream& out) {
+               const std::string& whenEmpty, bool withKind, std::ostream& out) {
     if (sources.empty()) out << whenEmpty << '\n';
 
     std::vector<std::string> titles;
     size_t width = 0;
+    size_t kindWidth = 0;
     for (const auto& source : sources) {
         titles.push_back(source.title());
         width = std::max(width, columns(titles.back()));
+        kindWidth = std::max(kindWidth, source.kind.caseName().size());
     }
     for (size_t i = 0; i < sources.size(); ++i) {
-        out << titles[i] << std::string(width - columns(titles[i]) + 2, ' ') << sources[i].subtitle() << '\n';
+        out << titles[i] << std::string(width - columns(titles[i]) + 2, ' ');
+        if (withKind) {
+            const auto kind = sources[i].kind.caseName();
+            out << kind << std::string(kindWidth - kind.size() + 2, ' ');
+        }
+        out << sources[i].subtitle() << '\n';
     }
     for (const auto& note : notes)
         out << note << '\n';
@@ -50,21 +57,20 @@ void printText(const std::vector<BackupSource>& sources, const std::vector<std::
 } // namespace
 
 void printSources(const std::vector<BackupSource>& sources, const std::vector<std::string>& notes, bool json,
-                  const std::string& whenEmpty, std::ostream& out) {
+                  const std::string& whenEmpty, std::ostream& out, bool withKind) {
     if (json) {
         printJSON(sources, notes, out);
     } else {
-        printText(sources, notes, whenEmpty, out);
+        printText(sources, notes, whenEmpty, withKind, out);
     }
 }
 
 int runBackups(const BackupsOptions& options, std::ostream& out) {
-    std::vector<BackupSource> sources;
-    std::vector<std::string> notes;
-    BackupCatalog::listTimeMachine(sources, notes);
-    BackupCatalog::sortNewestFirst(sources);
-
-    printSources(sources, notes, options.json, "No Time Machine backups are reachable.", out);
+    const auto listing = BackupCatalog::list(!options.noTimeMachine);
+    const auto* whenEmpty = options.noTimeMachine
+                                ? "No restore points or copies yet: morvane snapshot takes one."
+                                : "Nothing to restore from: no restore points, copies or Time Machine backups.";
+    printSources(listing.sources, listing.notes, options.json, whenEmpty, out, /*withKind=*/true);
     return exitSuccess;
 }
 

@@ -3,8 +3,11 @@
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
+#include "morvane/CopiesCommand.h"
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
+#include "morvane/ScheduleCommand.h"
+#include "morvane/SnapshotCommand.h"
 #include "morvane/TimeMachineCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -28,10 +31,12 @@ struct Command {
 
 std::vector<Command> commands() {
     return {
-        {"backups", "List the Time Machine backups and local snapshots that can be read",
+        {"backups", "List everything that can be restored from: restore points, copies, Time Machine",
          [](CLI::App& command) {
              auto options = std::make_shared<BackupsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
+             command.add_flag("--no-time-machine", options->noTimeMachine,
+                              "Leave out Time Machine's backups and snapshots (no tool runs)");
              return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
          }},
         {"calendars", "List the calendars of the live event store",
@@ -39,6 +44,29 @@ std::vector<Command> commands() {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
              return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
+         }},
+        {"copies", "Copy the restore points to a folder shared with your other computers",
+         [](CLI::App& command) {
+             using Action = CopiesOptions::Action;
+             auto options = std::make_shared<CopiesOptions>();
+             command.require_subcommand(1);
+             auto* enable = command.add_subcommand("enable", "Name the shared folder, turn copies on and copy now");
+             enable->add_option("--folder", options->folder, "An existing folder that a sync tool keeps in step")
+                 ->required();
+             enable->callback([options] { options->action = Action::enable; });
+             command.add_subcommand("disable", "Turn copies off; the copies made stay")->callback([options] {
+                 options->action = Action::disable;
+             });
+             command.add_subcommand("sync", "Copy now")->callback([options] { options->action = Action::sync; });
+             auto* status = command.add_subcommand("status", "Show the setting, the last sync and the computers");
+             status->add_flag("--json", options->json, "Print as JSON");
+             status->callback([options] { options->action = Action::status; });
+             auto* list = command.add_subcommand("list", "List every computer's copies, newest first");
+             list->add_flag("--json", options->json, "Print as JSON");
+             list->callback([options] { options->action = Action::list; });
+             command.add_subcommand("remove", "Delete this computer's copies; other computers' stay")
+                 ->callback([options] { options->action = Action::remove; });
+             return [options](std::ostream& out, std::ostream& err) { return runCopies(*options, out, err); };
          }},
         {"events", "List the live events of a date range, repeating events expanded, by start",
          [](CLI::App& command) {
@@ -60,6 +88,29 @@ std::vector<Command> commands() {
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream&) { return runInspect(*options, out); };
+         }},
+        {"schedule", "Turn the hourly restore point of the systemd user timer on or off",
+         [](CLI::App& command) {
+             using Action = ScheduleOptions::Action;
+             auto options = std::make_shared<ScheduleOptions>();
+             command.require_subcommand(1);
+             command.add_subcommand("enable", "Take a restore point every hour")->callback([options] {
+                 options->action = Action::enable;
+             });
+             command.add_subcommand("disable", "Stop taking restore points every hour")->callback([options] {
+                 options->action = Action::disable;
+             });
+             command.add_subcommand("status", "Say whether the timer is on")->callback([options] {
+                 options->action = Action::status;
+             });
+             return [options](std::ostream& out, std::ostream&) { return runSchedule(*options, out); };
+         }},
+        {"snapshot", "Take a restore point of the calendars now, then copy it if copies are on",
+         [](CLI::App& command) {
+             auto options = std::make_shared<SnapshotOptions>();
+             command.add_flag("--json", options->json, "Print the result as JSON");
+             command.add_flag("--quiet", options->quiet, "Print nothing when the calendars are unchanged");
+             return [options](std::ostream& out, std::ostream& err) { return runSnapshot(*options, out, err); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {

@@ -89,6 +89,21 @@ void FailingFileSystem::setPermissions(const std::filesystem::path& path, unsign
     FileSystem::system().setPermissions(path, mode);
 }
 
+void FailingFileSystem::copyFile(const std::filesystem::path& from, const std::filesystem::path& to) {
+    count(to);
+    FileSystem::system().copyFile(from, to);
+}
+
+void FailingFileSystem::moveItem(const std::filesystem::path& from, const std::filesystem::path& to) {
+    count(to);
+    FileSystem::system().moveItem(from, to);
+}
+
+void FailingFileSystem::removeItem(const std::filesystem::path& path) {
+    count(path);
+    FileSystem::system().removeItem(path);
+}
+
 void RecordingSystemLog::write(const std::string& line) {
     std::lock_guard guard(lock_);
     lines_.push_back(line);

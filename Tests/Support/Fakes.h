@@ -4,6 +4,7 @@
 #include "MorvanePlatform/Clock.h"
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/Machine.h"
 #include "MorvanePlatform/MainThread.h"
 #include "MorvanePlatform/SystemLog.h"
 #include "MorvanePlatform/ToolLauncher.h"
@@ -82,7 +83,8 @@ private:
 };
 
 // The real file system, but its Nth changing call (write, atomic write, folder creation,
-// permission change), counting from 1, fails with a PlatformError as a full disk would.
+// permission change, copy, move, removal), counting from 1, fails with a PlatformError as a
+// full disk would.
 class FailingFileSystem final : public FileSystem {
 public:
     explicit FailingFileSystem(int failingCall) : failingCall_(failingCall) {}
@@ -91,6 +93,9 @@ public:
     void writeAtomically(const std::filesystem::path& path, std::string_view bytes) override;
     void createDirectories(const std::filesystem::path& path) override;
     void setPermissions(const std::filesystem::path& path, unsigned mode) override;
+    void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) override;
+    void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) override;
+    void removeItem(const std::filesystem::path& path) override;
 
     // Whether the failing call was reached.
     bool failed() const { return calls_ >= failingCall_; }
@@ -164,15 +169,38 @@ private:
     ScopedReplacement<UserFolders> installed_;
 };
 
-// A clock that shows the moment the test sets (seconds since 2001).
+// A clock that shows the moment the test sets (seconds since 2001). A sleep moves it on at once,
+// after running `whileSleeping`, which stands for what happens meanwhile.
 class FixedClock final : public Clock {
 public:
     explicit FixedClock(double now) : now_(now) {}
     double now() const override { return now_; }
+    void sleep(double seconds) override {
+        ++sleeps;
+        if (whileSleeping) whileSleeping();
+        now_ += seconds;
+    }
     void set(double now) { now_ = now; }
+
+    int sleeps = 0;
+    std::function<void()> whileSleeping;
 
 private:
     double now_;
+};
+
+// A computer of the test's choosing.
+class FakeMachine final : public Machine {
+public:
+    FakeMachine(std::optional<std::string> identifier, std::optional<std::string> name)
+        : identifier_(std::move(identifier)), name_(std::move(name)) {}
+    std::optional<std::string> identifier() const override { return identifier_; }
+    std::optional<std::string> name() const override { return name_; }
+    void rename(std::optional<std::string> name) { name_ = std::move(name); }
+
+private:
+    std::optional<std::string> identifier_;
+    std::optional<std::string> name_;
 };
 
 // Calendar permission as the test scripts it: the status, and the prompt's answer or error.

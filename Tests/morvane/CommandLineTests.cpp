@@ -59,14 +59,14 @@ TEST_F(CommandLineTest, BackupsAsTextShowsTitlesSubtitlesAndNotes) {
     tools.answer("/usr/bin/tmutil listbackups", {0, "No machine directory found for host.\n"});
     const auto result = runCommandLine({"backups"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "Mar 1, 2024, 10:15\u202FAM  Local snapshot\n"
+    EXPECT_EQ(result.out, "Mar 1, 2024, 10:15\u202FAM  localSnapshot  Local snapshot\n"
                           "The Time Machine backup disk isn't connected; only local snapshots are listed.\n");
 }
 
 TEST_F(CommandLineTest, WithoutTmutilBackupsSaysNothingIsReachableAndSucceeds) {
     const auto text = runCommandLine({"backups"});
     EXPECT_EQ(text.status, 0);
-    EXPECT_EQ(text.out, "No Time Machine backups are reachable.\n");
+    EXPECT_EQ(text.out, "Nothing to restore from: no restore points, copies or Time Machine backups.\n");
 
     const auto json = runCommandLine({"backups", "--json"});
     EXPECT_EQ(json.status, 0);

@@ -11,12 +11,15 @@
 #include "MorvaneCore/Shared/Text.h"
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
 #include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
+#include "MorvaneCore/SnapshotStore/ICloudBackup.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/ToolLauncher.h"
 #include "MorvanePlatform/UserFolders.h"
 
 #include <algorithm>
 #include <limits>
 #include <plist/plist.h>
+#include <set>
 
 namespace morvane::BackupCatalog {
 namespace {
@@ -93,6 +96,31 @@ void sortNewestFirst(std::vector<BackupSource>& sources) {
 }
 
 std::optional<Date> parseStamp(std::string_view text) { return dates::parseStamp(text); }
+
+void appendAppSnapshots(std::vector<BackupSource>& into) {
+    using Kind = BackupSource::Kind;
+    const auto archive = CalendarArchive::shared();
+    std::set<std::string> stamps;
+    for (const auto& entry : archive->entries()) {
+        into.emplace_back(Kind::appSnapshot(archive->fileURL(entry).string()), entry.date);
+        stamps.insert(entry.stamp);
+    }
+    for (const auto& copy : ICloudBackup::shared()->snapshots()) {
+        if (copy.isThisMac && stamps.contains(copy.entry.stamp)) continue;
+        into.emplace_back(Kind::iCloudSnapshot(copy.file.string(), copy.macName), copy.entry.date);
+    }
+    const auto imports = TimeMachineImports::forThisApp();
+    for (const auto& entry : imports->entries())
+        into.emplace_back(Kind::timeMachineImport(imports->fileURL(entry).string()), entry.date);
+}
+
+Listing list(bool timeMachine) {
+    Listing listing;
+    if (timeMachine) listTimeMachine(listing.sources, listing.notes);
+    appendAppSnapshots(listing.sources);
+    sortNewestFirst(listing.sources);
+    return listing;
+}
 
 BackupSource source(std::string_view forPath) {
     using Kind = BackupSource::Kind;

@@ -44,6 +44,21 @@ void listTimeMachine(std::vector<BackupSource>& into, std::vector<std::string>& 
 // sources end the list in the order they were listed.
 void sortNewestFirst(std::vector<BackupSource>& sources);
 
+// Appends this program's own restore points, newest first; then the copies in the shared folder
+// (this computer's own copies only where the store doesn't hold the same stamp); then the
+// restore points brought in from Time Machine. Never fails.
+void appendAppSnapshots(std::vector<BackupSource>& into);
+
+struct Listing {
+    std::vector<BackupSource> sources;
+    std::vector<std::string> notes;
+};
+
+// Everything that can be offered for restoring, newest first, undated last: the Time Machine
+// sources (with `timeMachine`; without it no tool runs) and appendAppSnapshots. Never fails:
+// problems make fewer sources and at most a note.
+Listing list(bool timeMachine);
+
 // Reads "yyyy-MM-dd-HHmmss" as local wall-clock time; nothing when the text isn't exactly that.
 std::optional<Date> parseStamp(std::string_view text);
 

@@ -79,7 +79,40 @@ std::optional<Date> parseStamp(std::string_view text) { return parseStrictly(tex
 
 std::string iso8601(Date date) { return format(date, isoPattern, posixLocale, "UTC"); }
 
-std::optional<Date> parseISO8601(std::string_view text) { return parseStrictly(text, isoPattern, "UTC"); }
+std::optional<Date> parseISO8601(std::string_view text) {
+    // Every index entry holds such a date, and ICU builds a formatter per call: indexes of a few
+    // hundred entries took tens of milliseconds to read. The one fixed shape in UTC reads by
+    // hand, with the same strictness; before the Gregorian reform ICU's calendar is the Julian,
+    // so those years still go to ICU.
+    const auto digits = [&text](size_t at, size_t count) -> std::optional<int> {
+        int value = 0;
+        for (size_t i = at; i < at + count; ++i) {
+            if (text[i] < '0' || text[i] > '9') return std::nullopt;
+            value = value * 10 + (text[i] - '0');
+        }
+        return value;
+    };
+    if (text.size() != 20 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
+        text[16] != ':' || text[19] != 'Z')
+        return std::nullopt;
+    const auto year = digits(0, 4), month = digits(5, 2), day = digits(8, 2);
+    const auto hour = digits(11, 2), minute = digits(14, 2), second = digits(17, 2);
+    if (!year || !month || !day || !hour || !minute || !second) return std::nullopt;
+    if (*year < 1583) return parseStrictly(text, isoPattern, "UTC");
+    const bool leap = (*year % 4 == 0 && *year % 100 != 0) || *year % 400 == 0;
+    static constexpr int monthDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (*month < 1 || *month > 12 || *day < 1 || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;
+    if (*day > monthDays[*month - 1] + (*month == 2 && leap ? 1 : 0)) return std::nullopt;
+
+    // Days since 1970-01-01 of a proleptic Gregorian date, counting years from March.
+    const int y = *year - (*month <= 2 ? 1 : 0);
+    const int era = y / 400;
+    const int yearOfEra = y - era * 400;
+    const int dayOfYear = (153 * (*month + (*month > 2 ? -3 : 9)) + 2) / 5 + *day - 1;
+    const int dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    const auto days = static_cast<std::int64_t>(era) * 146097 + dayOfEra - 719468;
+    return Date::fromSecondsSince1970(static_cast<double>(days * 86400 + *hour * 3600 + *minute * 60 + *second));
+}
 
 std::string longDate(Date date) {
     std::unique_ptr<icu::DateFormat> formatter(icu::DateFormat::createDateInstance(icu::DateFormat::kLong));
@@ -96,6 +129,28 @@ std::string abbreviatedDateTime(Date date) {
     icu::UnicodeString text;
     formatter->format(toUDate(date), text);
     return utf8(text);
+}
+
+std::string weekKey(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return {};
+    calendar->setFirstDayOfWeek(UCAL_MONDAY);
+    calendar->setMinimalDaysInFirstWeek(4);
+    UErrorCode status = U_ZERO_ERROR;
+    const auto year = calendar->get(UCAL_YEAR_WOY, status);
+    const auto week = calendar->get(UCAL_WEEK_OF_YEAR, status);
+    if (U_FAILURE(status)) return {};
+    return std::to_string(year) + "-" + std::to_string(week);
+}
+
+std::string monthKey(Date date) {
+    auto calendar = calendarAt(date);
+    if (!calendar) return {};
+    UErrorCode status = U_ZERO_ERROR;
+    const auto year = calendar->get(UCAL_EXTENDED_YEAR, status);
+    const auto month = calendar->get(UCAL_MONTH, status) + 1;
+    if (U_FAILURE(status)) return {};
+    return std::to_string(year) + "-" + std::to_string(month);
 }
 
 Date startOfDay(Date date) {

@@ -38,6 +38,14 @@ std::string format(Date date, std::string_view pattern, std::string_view localeI
 // Calendar arithmetic in the Gregorian calendar of the current zone, as the platform's calendar
 // with the machine's defaults does it.
 
+// Keys that two dates share when they fall in one calendar week, or one calendar month, of the
+// current zone: "{year of the week}-{week}" and "{year}-{month}". Weeks follow one fixed rule,
+// ISO 8601's (they begin on Monday, and a year's first week is the one holding its first
+// Thursday), whatever the locale, so that keys agree on every machine; around New Year a week
+// belongs to one year only ("2025-1" holds 2024-12-30).
+std::string weekKey(Date date);
+std::string monthKey(Date date);
+
 // The first moment of the day of `date`.
 Date startOfDay(Date date);
 // The same wall-clock time `years` years away (29 February lands on 28 February); the moment may

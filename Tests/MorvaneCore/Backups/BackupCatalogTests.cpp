@@ -6,6 +6,8 @@
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
+#include "MorvaneCore/SnapshotStore/ICloudBackup.h"
+#include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
@@ -126,6 +128,60 @@ TEST_F(BackupCatalogTest, SortsNewestFirstWithUndatedSourcesLastInListingOrder) 
         ids.push_back(source.id());
     EXPECT_EQ(ids, (std::vector<std::string>{"file:/new", "file:/middle-a", "file:/middle-b", "file:/old",
                                              "file:/undated-1", "file:/undated-2"}));
+}
+
+TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListedOnce) {
+    testing::FakeMachine machine{"HOST-ID", "Jane"};
+    ScopedReplacement<Machine> installedMachine(machine);
+    // A restore point listed in an index, with a file of its own (unless `withFile` is false).
+    const auto list = [&](const std::filesystem::path& folder, const char* when, bool withFile = true) {
+        CalendarArchive::Entry entry{when, stamp(when), when, 1, 1, std::nullopt};
+        files::createDirectories(folder);
+        if (withFile) files::write(folder / entry.fileName(), when);
+        auto listed = CalendarArchive::readIndex(folder / "index.json");
+        listed.push_back(entry);
+        CalendarArchive::writeIndex(listed, folder / "index.json");
+    };
+    const auto store = CalendarArchive::shared()->directory();
+    list(store, "2025-08-10-090000");
+    list(store, "2025-08-12-090000");
+    list(TimeMachineImports::forThisApp()->directory(), "2025-08-13-090000");
+    const auto shared = user.root().makeFolder("shared");
+    ICloudBackup::setNamedFolder(shared);
+    ICloudBackup::shared()->sync(*CalendarArchive::shared(), stamp("2025-08-15-120000"));
+    const auto own = *ICloudBackup::shared()->thisMacsFolder();
+    list(own, "2025-08-09-090000"); // a copy whose restore point is no longer in the store
+    user.root().write("shared/Studio/mac.json", R"({"id":"STUDIO-ID","name":"Studio"})");
+    list(shared / "Studio", "2025-08-11-090000", false);
+    list(shared / "Studio", "2025-08-14-090000", false);
+    tools.answer(listSnapshots, {0, "2025-08-15-101500\n"});
+    tools.answer(listBackups, {0, "/Volumes/Backup/Backups.backupdb/Jane/Latest\n"});
+
+    const auto ids = [](const std::vector<BackupSource>& sources) {
+        std::vector<std::string> listed;
+        for (const auto& source : sources)
+            listed.push_back(source.id());
+        return listed;
+    };
+    const auto app = "app:" + store.string() + "/";
+    const auto icloud = "icloud:" + shared.string() + "/";
+    const std::vector<std::string> appSnapshots = {
+        icloud + "Studio/2025-08-14-090000.calsnap",
+        "tmi:" + TimeMachineImports::forThisApp()->directory().string() + "/2025-08-13-090000.calsnap",
+        app + "2025-08-12-090000.calsnap",
+        icloud + "Studio/2025-08-11-090000.calsnap",
+        app + "2025-08-10-090000.calsnap",
+        "icloud:" + own.string() + "/2025-08-09-090000.calsnap",
+    };
+    const auto withoutTimeMachine = BackupCatalog::list(false);
+    EXPECT_EQ(ids(withoutTimeMachine.sources), appSnapshots);
+    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_EQ(withoutTimeMachine.sources[0].kind.mac, "Studio");
+
+    auto everything = appSnapshots;
+    everything.insert(everything.begin(), "snap:com.apple.TimeMachine.2025-08-15-101500.local");
+    everything.push_back("tm:/Volumes/Backup/Backups.backupdb/Jane/Latest");
+    EXPECT_EQ(ids(BackupCatalog::list(true).sources), everything);
 }
 
 TEST_F(BackupCatalogTest, RunRepairsIllFormedOutput) {

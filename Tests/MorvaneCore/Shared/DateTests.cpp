@@ -75,7 +75,20 @@ TEST(ISO8601, IsUTCWithWholeSeconds) {
     EXPECT_EQ(dates::iso8601(date), "2024-03-01T18:15:00Z");
     EXPECT_EQ(dates::iso8601(Date{0}), "2001-01-01T00:00:00Z");
     EXPECT_EQ(dates::parseISO8601("2024-03-01T18:15:00Z"), Date::fromSecondsSince1970(1709316900));
-    EXPECT_EQ(dates::parseISO8601("2024-03-01T18:15:00"), std::nullopt);
+    // Read as strictly as ICU reads it, and to the same moment, Julian years before 1583 included.
+    const std::pair<const char*, std::optional<double>> texts[] = {
+        {"2024-02-29T23:59:59Z", 1709251199},    {"2000-02-29T12:00:00Z", 951825600},
+        {"1900-01-01T00:00:00Z", -2208988800},   {"9999-12-31T23:59:59Z", 253402300799},
+        {"1000-01-01T00:00:00Z", -30609792000},  {"2023-02-29T00:00:00Z", std::nullopt},
+        {"1900-02-29T12:00:00Z", std::nullopt},  {"2024-13-01T00:00:00Z", std::nullopt},
+        {"2024-03-01T24:00:00Z", std::nullopt},  {"2024-03-01T18:15:60Z", std::nullopt},
+        {" 2024-03-01T18:15:00Z", std::nullopt}, {"2024-3-01T18:15:00Z", std::nullopt},
+        {"2024-03-01t18:15:00Z", std::nullopt},  {"2024-03-01T18:15:00", std::nullopt},
+    };
+    for (const auto& [text, seconds] : texts) {
+        const auto parsed = dates::parseISO8601(text);
+        EXPECT_EQ(parsed ? std::optional<double>(parsed->secondsSince1970()) : std::nullopt, seconds) << text;
+    }
 }
 
 TEST(AbbreviatedDateTime, FollowsTheUserLocaleAndZone) {
