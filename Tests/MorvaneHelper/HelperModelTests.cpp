@@ -44,21 +44,18 @@ protected:
             }
             listing += folder.string() + "\n";
         }
-        tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+        tools->answer("/usr/bin/tmutil listbackups", {0, listing});
     }
 
     bool settled() { return !model->phase().isBusy(); }
     bool pump(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
-        return mainThread.pumpUntil(done, timeout);
+        return mainThread->pumpUntil(done, timeout);
     }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::QueuedMainThread mainThread;
-    ScopedReplacement<MainThread> installedMainThread{mainThread};
-    testing::RecordingSystemLog log;
-    ScopedReplacement<SystemLog> installedLog{log};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::QueuedMainThread> mainThread;
+    testing::Installed<testing::RecordingSystemLog> log;
     std::shared_ptr<HelperModel> model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
     std::vector<Phase> phases;
 };
@@ -70,7 +67,7 @@ TEST_F(HelperModelTest, WithoutBothPermissionsNothingIsScannedAndLosingOneEmptie
     EXPECT_TRUE(model->appStoreEditionOpened());
     EXPECT_FALSE(model->hasFullDiskAccess());
     EXPECT_EQ(model->phase(), Phase::idle());
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 
     grantBothPermissions();
     model->refresh();
@@ -123,8 +120,8 @@ TEST_F(HelperModelTest, ARunImportsEveryPendingBackupAndKeepsItsResultOnScreen) 
     // Only the unreadable backup is pending again, and its failure went to the log.
     ASSERT_EQ(model->pending().size(), 1u);
     EXPECT_TRUE(model->pending()[0].id().ends_with("2024-03-04-101500"));
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_TRUE(log.lines()[0].starts_with("Time Machine Helper: Mar 4, 2024, 10:15\u202FAM: ")) << log.lines()[0];
+    ASSERT_EQ(log->lines().size(), 1u);
+    EXPECT_TRUE(log->lines()[0].starts_with("Time Machine Helper: Mar 4, 2024, 10:15\u202FAM: ")) << log->lines()[0];
 
     // A later refresh keeps the run's result.
     model->refresh();

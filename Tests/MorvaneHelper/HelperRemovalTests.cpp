@@ -82,14 +82,10 @@ protected:
     testing::TemporaryUser user;
     std::optional<std::string> savedDataHome;
     const fs::path bundlePath = user.home() / "Applications/MorvaneHelper";
-    testing::FakeBundle bundle{bundlePath, std::string(helperBundleID)};
-    ScopedReplacement<Bundle> installedBundle{bundle};
-    testing::RecordingWorkspace workspace;
-    ScopedReplacement<Workspace> installedWorkspace{workspace};
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    ScriptedShell shell;
-    ScopedReplacement<HelperShell> installedShell{shell};
+    testing::Installed<testing::FakeBundle> bundle{bundlePath, std::string(helperBundleID)};
+    testing::Installed<testing::RecordingWorkspace> workspace;
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<ScriptedShell> shell;
     std::shared_ptr<HelperModel> model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
 };
 
@@ -100,8 +96,8 @@ TEST_F(HelperRemovalTest, CancellingChangesNothing) {
 
     model->confirmRemove();
 
-    ASSERT_EQ(shell.alerts.size(), 1u);
-    const Alert& question = shell.alerts[0];
+    ASSERT_EQ(shell->alerts.size(), 1u);
+    const Alert& question = shell->alerts[0];
     EXPECT_EQ(question.message, "Remove the Time Machine Helper?");
     EXPECT_EQ(question.informativeText, "It moves to the Trash. Morvane keeps working with its own snapshots.");
     EXPECT_EQ(question.buttons, (std::vector<std::string>{"Remove Helper", "Cancel"}));
@@ -112,19 +108,19 @@ TEST_F(HelperRemovalTest, CancellingChangesNothing) {
     EXPECT_TRUE(fs::exists(bundlePath));
     EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
     EXPECT_TRUE(fs::exists(preferences()));
-    EXPECT_EQ(shell.windowsClosed, 0);
-    EXPECT_FALSE(shell.exitStatus);
+    EXPECT_EQ(shell->windowsClosed, 0);
+    EXPECT_FALSE(shell->exitStatus);
 }
 
 TEST_F(HelperRemovalTest, ConfirmingWithTheCheckboxDeletesTheRestorePointsAndTrashesTheHelper) {
     restorePoints(3);
     const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
-    shell.answers = {{.button = 0, .checkboxOn = true}, {.button = 0}};
+    shell->answers = {{.button = 0, .checkboxOn = true}, {.button = 0}};
 
     model->confirmRemove();
 
-    ASSERT_EQ(shell.alerts.size(), 2u);
-    EXPECT_EQ(shell.alerts[0].checkbox, "Also delete the 3 Time Machine restore points it brought into Morvane");
+    ASSERT_EQ(shell->alerts.size(), 2u);
+    EXPECT_EQ(shell->alerts[0].checkbox, "Also delete the 3 Time Machine restore points it brought into Morvane");
     EXPECT_FALSE(fs::exists(staged.file()));
     EXPECT_FALSE(fs::exists(model->archive()->directory()));
 
@@ -133,52 +129,51 @@ TEST_F(HelperRemovalTest, ConfirmingWithTheCheckboxDeletesTheRestorePointsAndTra
     const auto info = files::read(user.home() / ".local/share/Trash/info/MorvaneHelper.trashinfo");
     EXPECT_TRUE(info.starts_with("[Trash Info]\nPath=" + bundlePath.string() + "\nDeletionDate=")) << info;
 
-    const Alert& done = shell.alerts[1];
+    const Alert& done = shell->alerts[1];
     EXPECT_EQ(done.message, "The Time Machine Helper was moved to the Trash");
     EXPECT_EQ(done.informativeText,
               "macOS keeps its entry under Full Disk Access until you remove it: in Privacy & Security → Full Disk "
               "Access, select Morvane Time Machine Helper and click −.");
     EXPECT_EQ(done.buttons, (std::vector<std::string>{"Open Privacy & Security", "Done"}));
     EXPECT_FALSE(done.checkbox);
-    EXPECT_EQ(workspace.openedURLs(), (std::vector<std::string>{privacySettingsURL}));
-    EXPECT_TRUE(workspace.revealed().empty());
+    EXPECT_EQ(workspace->openedURLs(), (std::vector<std::string>{privacySettingsURL}));
+    EXPECT_TRUE(workspace->revealed().empty());
 
     EXPECT_FALSE(fs::exists(preferences()));
-    EXPECT_EQ(shell.windowsClosed, 1);
-    EXPECT_EQ(shell.exitStatus, 0);
+    EXPECT_EQ(shell->windowsClosed, 1);
+    EXPECT_EQ(shell->exitStatus, 0);
 }
 
 TEST_F(HelperRemovalTest, ConfirmingWithoutTheCheckboxKeepsTheRestorePoints) {
     restorePoints(2);
-    shell.answers = {{.button = 0, .checkboxOn = false}, {.button = 1}};
+    shell->answers = {{.button = 0, .checkboxOn = false}, {.button = 1}};
 
     model->confirmRemove();
 
     EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
     EXPECT_TRUE(fs::exists(trashed()));
-    EXPECT_TRUE(workspace.openedURLs().empty());
-    EXPECT_EQ(shell.exitStatus, 0);
+    EXPECT_TRUE(workspace->openedURLs().empty());
+    EXPECT_EQ(shell->exitStatus, 0);
 }
 
 TEST_F(HelperRemovalTest, WithoutRestorePointsThereIsNoCheckbox) {
-    shell.answers = {{.button = 0, .checkboxOn = true}, {.button = 1}};
+    shell->answers = {{.button = 0, .checkboxOn = true}, {.button = 1}};
     model->confirmRemove();
-    EXPECT_FALSE(shell.alerts.at(0).checkbox);
-    EXPECT_EQ(shell.exitStatus, 0);
+    EXPECT_FALSE(shell->alerts.at(0).checkbox);
+    EXPECT_EQ(shell->exitStatus, 0);
 }
 
 TEST_F(HelperRemovalTest, AFailedMoveToTheTrashRevealsTheHelperAndStillEnds) {
-    RefusingTrash trash;
-    ScopedReplacement<Trash> installedTrash(trash);
-    shell.answers = {{.button = 0}, {.button = 1}};
+    testing::Installed<RefusingTrash> trash;
+    shell->answers = {{.button = 0}, {.button = 1}};
 
     model->confirmRemove();
 
-    EXPECT_EQ(shell.alerts.at(1).message, "Drag the Time Machine Helper to the Trash to finish");
+    EXPECT_EQ(shell->alerts.at(1).message, "Drag the Time Machine Helper to the Trash to finish");
     EXPECT_TRUE(fs::exists(bundlePath));
-    EXPECT_EQ(workspace.revealed(), (std::vector<fs::path>{bundlePath}));
+    EXPECT_EQ(workspace->revealed(), (std::vector<fs::path>{bundlePath}));
     EXPECT_FALSE(fs::exists(preferences()));
-    EXPECT_EQ(shell.exitStatus, 0);
+    EXPECT_EQ(shell->exitStatus, 0);
 }
 
 TEST_F(HelperRemovalTest, ARestorePointFolderThatCantBeDeletedIsReportedAndStopsNothing) {
@@ -187,17 +182,17 @@ TEST_F(HelperRemovalTest, ARestorePointFolderThatCantBeDeletedIsReportedAndStops
     // Removing the folder's contents needs write permission on the folder.
     fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec);
     if (::access(folder.c_str(), W_OK) == 0) GTEST_SKIP() << "running with privileges that ignore permissions";
-    shell.answers = {{.button = 0, .checkboxOn = true}, {.button = 1}};
+    shell->answers = {{.button = 0, .checkboxOn = true}, {.button = 1}};
 
     model->confirmRemove();
     fs::permissions(folder, fs::perms::owner_all);
 
-    EXPECT_EQ(shell.alerts.at(1).informativeText,
+    EXPECT_EQ(shell->alerts.at(1).informativeText,
               "macOS keeps its entry under Full Disk Access until you remove it: in Privacy & Security → Full Disk "
               "Access, select Morvane Time Machine Helper and click −.\n\nCouldn't delete the restore points: "
               "Permission denied");
     EXPECT_TRUE(fs::exists(trashed()));
-    EXPECT_EQ(shell.exitStatus, 0);
+    EXPECT_EQ(shell->exitStatus, 0);
 }
 
 } // namespace

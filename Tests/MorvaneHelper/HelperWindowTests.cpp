@@ -113,14 +113,10 @@ protected:
 
     QApplication& app = application();
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::RecordingWorkspace workspace;
-    ScopedReplacement<Workspace> installedWorkspace{workspace};
-    testing::RecordingSystemLog log;
-    ScopedReplacement<SystemLog> installedLog{log};
-    QtMainThread mainThread;
-    ScopedReplacement<MainThread> installedMainThread{mainThread};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::RecordingWorkspace> workspace;
+    testing::Installed<testing::RecordingSystemLog> log;
+    testing::Installed<QtMainThread> mainThread;
     std::shared_ptr<HelperModel> model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
     std::unique_ptr<HelperView> view = std::make_unique<HelperView>(model);
 };
@@ -203,7 +199,7 @@ TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
         db.close();
         listing += folder.string() + "\n";
     }
-    tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+    tools->answer("/usr/bin/tmutil listbackups", {0, listing});
 
     view->show();
     ASSERT_TRUE(waitFor([&] { return !model->phase().isBusy(); }));
@@ -234,8 +230,9 @@ TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
     screenshot("imported");
 
     button("Open Morvane")->click();
-    ASSERT_TRUE(waitFor([&] { return !workspace.openedApplications().empty(); }));
-    EXPECT_EQ(workspace.openedApplications(), (std::vector<std::string>{std::string(TimeMachineImports::appBundleID)}));
+    ASSERT_TRUE(waitFor([&] { return !workspace->openedApplications().empty(); }));
+    EXPECT_EQ(workspace->openedApplications(),
+              (std::vector<std::string>{std::string(TimeMachineImports::appBundleID)}));
 }
 
 TEST_F(HelperWindowTest, ATerminationSignalQuitsAndSweepsWhatAnImportLeftOpen) {

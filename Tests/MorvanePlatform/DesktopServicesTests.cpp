@@ -25,8 +25,7 @@ protected:
 
     testing::TemporaryUser user;
     std::optional<std::string> savedDataHome;
-    testing::FakeBundle bundle{user.home() / "Tool", std::string("com.example.tool")};
-    ScopedReplacement<Bundle> installedBundle{bundle};
+    testing::Installed<testing::FakeBundle> bundle{user.home() / "Tool", std::string("com.example.tool")};
 };
 
 TEST_F(DesktopServicesTest, TrashedItemsKeepWhereTheyCameFromAndNeverOverwriteEachOther) {

@@ -5,6 +5,7 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/UTC.h"
@@ -90,8 +91,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     EKEventStore store;
 };
 
@@ -128,12 +128,11 @@ TEST_F(EventStoreTest, FirstUseCreatesOneLocalCalendarAtTheLivePath) {
 TEST_F(EventStoreTest, AuthorizationIsFullOnLinuxAndFollowsThePermissionService) {
     EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::fullAccess);
 
-    testing::ScriptedCalendarPermission permission;
-    ScopedReplacement<CalendarPermission> installed(permission);
-    permission.currentStatus = EKAuthorizationStatus::denied;
+    testing::Installed<testing::ScriptedCalendarPermission> permission;
+    permission->currentStatus = EKAuthorizationStatus::denied;
     EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::denied);
 
-    permission.answer = false;
+    permission->answer = false;
     std::optional<bool> granted;
     store.requestFullAccessToEvents([&](bool answer, std::exception_ptr error) {
         granted = answer;
@@ -141,11 +140,11 @@ TEST_F(EventStoreTest, AuthorizationIsFullOnLinuxAndFollowsThePermissionService)
     });
     EXPECT_EQ(granted, false);
 
-    permission.error = "The prompt couldn't be shown.";
+    permission->error = "The prompt couldn't be shown.";
     std::exception_ptr failure;
     store.requestFullAccessToEvents([&](bool, std::exception_ptr error) { failure = error; });
     EXPECT_TRUE(failure);
-    EXPECT_EQ(permission.prompts, 2);
+    EXPECT_EQ(permission->prompts, 2);
 }
 
 // ---- Expansion ----
@@ -409,12 +408,8 @@ TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
 
 TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
     auto event = newEvent("Backwards", utc(2024, 6, 3, 17), utc(2024, 6, 3, 16));
-    try {
-        store.saveEvent(*event, EKSpan::thisEvent, true);
-        FAIL() << "saved an event that ends before it starts";
-    } catch (const EventStoreError& error) {
-        EXPECT_EQ(error.description(), "The start date must be before the end date.");
-    }
+    EXPECT_EQ(testing::errorText<EventStoreError>([&] { store.saveEvent(*event, EKSpan::thisEvent, true); }),
+              "The start date must be before the end date.");
     event->endDate = utc(2024, 6, 3, 18);
     event->calendar = nullptr;
     EXPECT_THROW(store.saveEvent(*event, EKSpan::thisEvent, true), EventStoreError);
@@ -441,7 +436,7 @@ TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
     EXPECT_EQ(dbCount(path, "SELECT SUM(count) FROM OccurrenceCacheDays"), "36");
 
     // A year on, the next write moves the window and rebuilds the cache for every series.
-    clock.set(utc(2025, 3, 1));
+    clock->set(utc(2025, 3, 1));
     store.saveEvent(*newEvent("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18)), EKSpan::thisEvent, true);
     EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheEnd'"),
               std::to_string(static_cast<long long>(utc(2027, 1, 1, 8))));
@@ -582,17 +577,12 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
         int n = 1;
         for (;; ++n) {
             const auto write = prepare(faulty);
-            FailingNthStep failing(n);
-            std::optional<std::string> error;
+            std::string error;
             {
-                ScopedReplacement<sqlite::Steps> installed(failing);
-                try {
-                    write();
-                } catch (const EventStoreError& thrown) {
-                    error = thrown.description();
-                }
+                testing::Installed<FailingNthStep> failing(n);
+                error = testing::errorText<EventStoreError>(write);
+                if (!failing->failed()) break;
             }
-            if (!failing.failed()) break;
             ASSERT_EQ(error, "The event store's database failed: disk I/O error") << "call " << n;
             // Whatever the failed write left pending would reach the file now. The next round
             // reads and writes through the same store: it still works.
@@ -609,8 +599,7 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
 class ExistingDatabaseTest : public ::testing::Test {
 protected:
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     fs::path path = EKEventStore::defaultDatabasePath();
 };
 
@@ -680,12 +669,8 @@ TEST_F(ExistingDatabaseTest, IsReadAsFoundAndLeftUntouchedUntilSomethingIsSaved)
     intoHolidays->startDate = first;
     intoHolidays->endDate = first + 60;
     intoHolidays->calendar = calendars[1];
-    try {
-        store.saveEvent(*intoHolidays, EKSpan::thisEvent, true);
-        FAIL() << "saved into a subscribed calendar";
-    } catch (const EventStoreError& error) {
-        EXPECT_EQ(error.description(), "The calendar is read-only.");
-    }
+    EXPECT_EQ(testing::errorText<EventStoreError>([&] { store.saveEvent(*intoHolidays, EKSpan::thisEvent, true); }),
+              "The calendar is read-only.");
     EXPECT_EQ(SHA256::hex(SHA256::of(files::read(path))), before);
 }
 
@@ -729,13 +714,8 @@ TEST_F(ExistingDatabaseTest, MissingColumnsRefuseTheFile) {
     sqlite3_open(path.c_str(), &db);
     sqlite3_exec(db, "CREATE TABLE CalendarItem (summary TEXT)", nullptr, nullptr, nullptr);
     sqlite3_close(db);
-    try {
-        EKEventStore store;
-        FAIL() << "opened a database without the calendar tables";
-    } catch (const EventStoreError& error) {
-        EXPECT_TRUE(error.description().starts_with("Unsupported Calendar.sqlitedb schema: Alarm lacks "))
-            << error.description();
-    }
+    const auto error = testing::errorText<EventStoreError>([] { EKEventStore store; });
+    EXPECT_TRUE(error.starts_with("Unsupported Calendar.sqlitedb schema: Alarm lacks ")) << error;
 }
 
 } // namespace

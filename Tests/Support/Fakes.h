@@ -10,6 +10,7 @@
 #include "MorvanePlatform/UserFolders.h"
 #include "MorvanePlatform/Volumes.h"
 #include "MorvanePlatform/Workspace.h"
+#include "Support/Installed.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <chrono>
@@ -24,8 +25,8 @@
 #include <thread>
 #include <vector>
 
-// Recording stand-ins for the platform services. Each is installed for a scope with
-// ScopedReplacement and records what the code under test asked of it.
+// Recording stand-ins for the platform services. Each is installed for a scope with Installed
+// (Support/Installed.h) and records what the code under test asked of it.
 namespace morvane::testing {
 
 // Answers tool launches from a script of recorded outputs, keyed by the whole command line
@@ -160,8 +161,7 @@ private:
     TemporaryDirectory root_;
     std::filesystem::path home_;
     std::filesystem::path temporary_;
-    FakeUserFolders folders_;
-    ScopedReplacement<UserFolders> installed_;
+    Installed<FakeUserFolders> folders_;
 };
 
 // A clock that shows the moment the test sets (seconds since 2001).

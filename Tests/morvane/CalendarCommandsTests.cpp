@@ -1,3 +1,4 @@
+#include "RunCommandLine.h"
 #include "morvane/CommandLine.h"
 
 #include "MorvaneCore/Backups/BackupLocator.h"
@@ -11,26 +12,12 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace morvane {
 namespace {
 
+using testing::runCommandLine;
 using testing::utc;
-
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Outcome runCommandLine(std::vector<const char*> arguments) {
-    arguments.insert(arguments.begin(), "morvane");
-    std::ostringstream out;
-    std::ostringstream err;
-    const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {status, out.str(), err.str()};
-}
 
 class CalendarCommandsTest : public ::testing::Test {
 protected:
@@ -41,8 +28,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
 };
 
 TEST_F(CalendarCommandsTest, OnAFreshMachineTheStoreIsCreatedWithOneWritableCalendar) {

@@ -19,14 +19,13 @@ using testing::runCommandLine;
 class CommandLineTest : public ::testing::Test {
 protected:
     void answerWithRecordedListings() {
-        tools.answer("/usr/bin/tmutil listlocalsnapshotdates /",
-                     {0, testing::recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
-        tools.answer("/usr/bin/tmutil listbackups", {0, testing::recordedOutput("tools/tmutil-listbackups.txt")});
+        tools->answer("/usr/bin/tmutil listlocalsnapshotdates /",
+                      {0, testing::recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+        tools->answer("/usr/bin/tmutil listbackups", {0, testing::recordedOutput("tools/tmutil-listbackups.txt")});
     }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
+    testing::Installed<testing::RecordingToolLauncher> tools;
 };
 
 TEST_F(CommandLineTest, BackupsAsJSONListsNewestFirstWithUndatedLast) {
@@ -55,8 +54,8 @@ TEST_F(CommandLineTest, BackupsAsJSONListsNewestFirstWithUndatedLast) {
 }
 
 TEST_F(CommandLineTest, BackupsAsTextShowsTitlesSubtitlesAndNotes) {
-    tools.answer("/usr/bin/tmutil listlocalsnapshotdates /", {0, "Snapshot dates for disk /:\n2024-03-01-101500\n"});
-    tools.answer("/usr/bin/tmutil listbackups", {0, "No machine directory found for host.\n"});
+    tools->answer("/usr/bin/tmutil listlocalsnapshotdates /", {0, "Snapshot dates for disk /:\n2024-03-01-101500\n"});
+    tools->answer("/usr/bin/tmutil listbackups", {0, "No machine directory found for host.\n"});
     const auto result = runCommandLine({"backups"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "Mar 1, 2024, 10:15\u202FAM  Local snapshot\n"
@@ -173,7 +172,7 @@ TEST_F(CommandLineTest, AnythingThrownOutOfACommandEndsItWithOneLineAndStatusOne
         {[] { throw 42; }, "morvane: the command failed for an unknown reason.\n"},
     };
     for (const auto& [failure, message] : cases) {
-        tools.simulate("/usr/bin/tmutil", [&](const std::vector<std::string>&) -> LaunchResult {
+        tools->simulate("/usr/bin/tmutil", [&](const std::vector<std::string>&) -> LaunchResult {
             failure();
             return {};
         });
@@ -194,7 +193,7 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {
 
     EXPECT_EQ(runCommandLine({}).status, cli::exitUsage);
     EXPECT_EQ(runCommandLine({"backups", "--jsn"}).status, cli::exitUsage);
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 
     const auto help = runCommandLine({"--help"});
     EXPECT_EQ(help.status, 0);

@@ -46,16 +46,14 @@ protected:
             }
             listing += folder.string() + "\n";
         }
-        tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+        tools->answer("/usr/bin/tmutil listbackups", {0, listing});
     }
 
     fs::path store() const { return TimeMachineImports::forAppStoreEdition()->directory(); }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::RecordingSystemLog log;
-    ScopedReplacement<SystemLog> installedLog{log};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::RecordingSystemLog> log;
 };
 
 TEST_F(TimeMachineCommandTest, PendingListsTheLatestBackupOfEachDayOldestFirst) {
@@ -115,12 +113,12 @@ TEST_F(TimeMachineCommandTest, AnUnreadableBackupFailsTheRunAndIsTriedAgainNextT
                              "connected? Click Import Backups to try it again.\n"),
               std::string::npos)
         << first.out;
-    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log->lines().size(), 1u);
     EXPECT_TRUE(fs::is_empty(user.temporary()));
 
     const auto again = run({"timemachine", "import"});
     EXPECT_EQ(again.status, cli::exitFailure);
-    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log->lines().size(), 2u);
 }
 
 TEST_F(TimeMachineCommandTest, WithoutAccessToTheCalendarsNothingIsImported) {
@@ -129,7 +127,7 @@ TEST_F(TimeMachineCommandTest, WithoutAccessToTheCalendarsNothingIsImported) {
     const auto result = run({"timemachine", "import"});
     EXPECT_EQ(result.status, cli::exitFailure);
     EXPECT_NE(result.err.find("Full Disk Access"), std::string::npos);
-    EXPECT_EQ(tools.count("/usr/bin/tmutil"), 0u);
+    EXPECT_EQ(tools->count("/usr/bin/tmutil"), 0u);
 }
 
 } // namespace

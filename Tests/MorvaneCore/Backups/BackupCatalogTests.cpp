@@ -9,6 +9,7 @@
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
+#include "Support/ErrorText.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
@@ -31,15 +32,13 @@ protected:
     Date stamp(const char* text) { return *dates::parseStamp(text); }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::FakeVolumes volumes;
-    ScopedReplacement<Volumes> installedVolumes{volumes};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::FakeVolumes> volumes;
 };
 
 TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
-    tools.answer(listBackups, {0, recordedOutput("tools/tmutil-listbackups.txt")});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+    tools->answer(listBackups, {0, recordedOutput("tools/tmutil-listbackups.txt")});
 
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
@@ -69,20 +68,19 @@ TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
 }
 
 TEST_F(BackupCatalogTest, HeadingOnlyAndMissingToolGiveNothing) {
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
-    tools.answer(listBackups, {0, ""});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
+    tools->answer(listBackups, {0, ""});
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
     BackupCatalog::listTimeMachine(sources, notes);
     EXPECT_TRUE(sources.empty());
     EXPECT_TRUE(notes.empty());
 
-    testing::RecordingToolLauncher noTools;
-    ScopedReplacement<ToolLauncher> installed(noTools);
+    testing::Installed<testing::RecordingToolLauncher> noTools;
     BackupCatalog::listTimeMachine(sources, notes);
     EXPECT_TRUE(sources.empty());
     EXPECT_TRUE(notes.empty());
-    EXPECT_EQ(noTools.commandLines(), (std::vector<std::string>{listSnapshots, listBackups}));
+    EXPECT_EQ(noTools->commandLines(), (std::vector<std::string>{listSnapshots, listBackups}));
 }
 
 TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
@@ -94,10 +92,10 @@ TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
         {"tools/tmutil-listbackups-no-machine-directory.txt", notConnected},
         {"tools/tmutil-listbackups-failed-to-mount.txt", notConnected},
     };
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
     for (const auto& [file, note] : cases) {
         for (int status : {0, 1, 80}) {
-            tools.answer(listBackups, {status, recordedOutput(file)});
+            tools->answer(listBackups, {status, recordedOutput(file)});
             std::vector<BackupSource> sources;
             std::vector<std::string> notes;
             BackupCatalog::listTimeMachine(sources, notes);
@@ -107,7 +105,7 @@ TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
     }
 
     // Error text beside a listed path is no reason for a note.
-    tools.answer(listBackups, {1, "Failed to mount something\n/Volumes/B/Backups.backupdb/M/2024-03-01-101500\n"});
+    tools->answer(listBackups, {1, "Failed to mount something\n/Volumes/B/Backups.backupdb/M/2024-03-01-101500\n"});
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
     BackupCatalog::listTimeMachine(sources, notes);
@@ -129,21 +127,21 @@ TEST_F(BackupCatalogTest, SortsNewestFirstWithUndatedSourcesLastInListingOrder) 
 }
 
 TEST_F(BackupCatalogTest, RunRepairsIllFormedOutput) {
-    tools.answer("/usr/bin/tmutil listbackups", {0, "/Volumes/\xff/x\n"});
+    tools->answer("/usr/bin/tmutil listbackups", {0, "/Volumes/\xff/x\n"});
     const auto result = BackupCatalog::run("/usr/bin/tmutil", {"listbackups"});
     EXPECT_EQ(result.output, "/Volumes/\uFFFD/x\n");
 }
 
 TEST_F(BackupCatalogTest, SnapshotOfABackupPathComesFromDiskutil) {
     const std::string diskutil = std::string("/usr/sbin/diskutil info -plist ") + volumeUUID;
-    tools.answer(diskutil, {0, recordedOutput("tools/diskutil-info.plist")});
+    tools->answer(diskutil, {0, recordedOutput("tools/diskutil-info.plist")});
     const auto path =
         std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup/2024-02-26-093012.backup";
 
     EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path),
               (BackupCatalog::SnapshotLocation{"com.apple.TimeMachine.2024-02-26-093012.backup",
                                                "/Volumes/Backup Disk (2)"}));
-    EXPECT_EQ(tools.count(diskutil), 1u);
+    EXPECT_EQ(tools->count(diskutil), 1u);
 }
 
 TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
@@ -153,7 +151,7 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
                              base + "/Latest.backup", std::string(".timemachine")}) {
         EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path), std::nullopt) << path;
     }
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 
     // diskutil fails, or answers with something other than a dictionary holding a mount point.
     const auto path = base + "/2024-02-26-093012.backup";
@@ -165,7 +163,7 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
                                LaunchResult{0, "Could not find disk: 4C3A2B1D\n"}, LaunchResult{0, ""},
                                LaunchResult{0, "<plist><dict><key>MountPoint</key><integer>3</integer></dict></plist>"},
                                LaunchResult{0, "<?xml version=\"1.0\"?><plist><dict><key>MountPoint"}}) {
-        tools.answer(diskutil, answer);
+        tools->answer(diskutil, answer);
         EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path), std::nullopt) << answer.output;
     }
 }
@@ -177,7 +175,7 @@ TEST_F(BackupCatalogTest, PrepareReturnsPickedAndStoredPathsAsTheyStand) {
         EXPECT_EQ(prepared.root, kind.path());
         EXPECT_EQ(prepared.mount, nullptr);
     }
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 TEST_F(BackupCatalogTest, PrepareReadsAFolderBasedBackupInPlace) {
@@ -188,20 +186,20 @@ TEST_F(BackupCatalogTest, PrepareReadsAFolderBasedBackupInPlace) {
     const auto prepared = BackupCatalog::prepare({Kind::timeMachine(backup.string()), std::nullopt});
     EXPECT_EQ(prepared.root, backup.string());
     EXPECT_EQ(prepared.mount, nullptr);
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 TEST_F(BackupCatalogTest, PrepareMountsASnapshotBasedBackupThatIsNotMounted) {
     const auto path = std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup";
-    tools.answer(std::string("/usr/sbin/diskutil info -plist ") + volumeUUID,
-                 {0, recordedOutput("tools/diskutil-info.plist")});
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
+    tools->answer(std::string("/usr/sbin/diskutil info -plist ") + volumeUUID,
+                  {0, recordedOutput("tools/diskutil-info.plist")});
+    tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
 
     const auto prepared = BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
     ASSERT_NE(prepared.mount, nullptr);
     EXPECT_EQ(prepared.root, prepared.mount->mountPoint().string());
     EXPECT_EQ(prepared.mount->mountPoint().parent_path(), user.temporary());
-    EXPECT_EQ(tools.commandLines().back(),
+    EXPECT_EQ(tools->commandLines().back(),
               "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-02-26-093012.backup "
               "/Volumes/Backup Disk (2) " +
                   prepared.root);
@@ -209,11 +207,11 @@ TEST_F(BackupCatalogTest, PrepareMountsASnapshotBasedBackupThatIsNotMounted) {
 }
 
 TEST_F(BackupCatalogTest, PrepareMountsLocalSnapshotsOnTheDataVolume) {
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
+    tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
     const auto prepared =
         BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt});
     ASSERT_NE(prepared.mount, nullptr);
-    EXPECT_EQ(tools.commandLines().back(),
+    EXPECT_EQ(tools->commandLines().back(),
               "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.local "
               "/System/Volumes/Data " +
                   prepared.root);
@@ -222,22 +220,17 @@ TEST_F(BackupCatalogTest, PrepareMountsLocalSnapshotsOnTheDataVolume) {
 
 TEST_F(BackupCatalogTest, PrepareFailsPlainlyWhenTheBackupDiskCantBeTold) {
     const std::string path = "/Volumes/Gone/Backups.backupdb/Mac/2024-03-01-101500";
-    try {
-        BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
-        FAIL() << "prepare succeeded";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(),
-                  "Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([&] {
+                  BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
+              }),
+              "Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
 
     // A local snapshot that can't be mounted passes the mount's error on.
-    try {
-        BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.x.local"), std::nullopt});
-        FAIL() << "prepare succeeded";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(), "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch "
-                                       "/sbin/mount_apfs: No such file or directory");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([] {
+                  BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.x.local"), std::nullopt});
+              }),
+              "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch /sbin/mount_apfs: No such file "
+              "or directory");
 }
 
 TEST_F(BackupCatalogTest, LiveCalendarResolverReadsAStagedCopyAndLeavesNothingStaged) {
@@ -298,11 +291,11 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
     const auto volume = user.root().path() / "volume";
     const auto database = volume / "Users/jane" / BackupLocator::relativeDBPath;
     testing::generateCalendarFile(database, 5, 1);
-    tools.simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
+    tools->simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
         std::filesystem::copy(volume, arguments.back(), std::filesystem::copy_options::recursive);
         return LaunchResult{0, ""};
     });
-    tools.simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
+    tools->simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
         for (const auto& entry : std::filesystem::directory_iterator(arguments.back()))
             std::filesystem::remove_all(entry.path());
         return LaunchResult{0, ""};
@@ -310,8 +303,8 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
     const BackupSource snapshot(Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt);
 
     const auto nothingLeft = [&](size_t openings) {
-        EXPECT_EQ(tools.count("/sbin/mount_apfs "), openings);
-        EXPECT_EQ(tools.count("/sbin/umount "), openings);
+        EXPECT_EQ(tools->count("/sbin/mount_apfs "), openings);
+        EXPECT_EQ(tools->count("/sbin/umount "), openings);
         EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
         EXPECT_TRUE(BackupLocator::stagedFolders().empty());
     };
@@ -321,11 +314,11 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
         EXPECT_FALSE(opened.store->loadEvents().empty());
     }
     nothingLeft(1);
-    try {
-        const auto opened = BackupCatalog::openUncached(snapshot);
-        throw std::runtime_error("reading it failed");
-    } catch (const std::runtime_error&) {
-    }
+    EXPECT_EQ(testing::errorText([&] {
+                  const auto opened = BackupCatalog::openUncached(snapshot);
+                  throw RestoreError("reading it failed");
+              }),
+              "reading it failed");
     nothingLeft(2);
     // Failing after the mount, on a database that doesn't open.
     files::write(database, std::string(4096, 'x'));
@@ -376,7 +369,7 @@ TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     EXPECT_EQ(
         BackupCatalog::open({Kind::appSnapshot(calevents.string()), std::nullopt}).store->loadEvents().front().title(),
         "Dentist");
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "MorvaneCore/EventModel/EventSnapshot.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "Support/ErrorText.h"
 #include "Support/Pinned.h"
 
 #include <algorithm>
@@ -276,12 +277,8 @@ TEST(EventSnapshotJson, RoundTrips) {
 }
 
 std::optional<json::DecodingError> decodingFailure(const std::string& text) {
-    try {
-        EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970);
-    } catch (const json::DecodingError& error) {
-        return error;
-    }
-    return std::nullopt;
+    return testing::caught<json::DecodingError>(
+        [&] { EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970); });
 }
 
 TEST(EventSnapshotJson, RequiresSixKeys) {

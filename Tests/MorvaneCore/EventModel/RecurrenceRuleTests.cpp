@@ -1,5 +1,6 @@
 #include "MorvaneCore/EventModel/RecurrenceRule.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "Support/ErrorText.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>
@@ -227,28 +228,23 @@ TEST(RecurrenceRuleJson, RoundTrips) {
 
 TEST(RecurrenceRuleJson, RefusesMissingKeysAndBadEnds) {
     using Case = json::DecodingError::Case;
-    auto failure = [](const char* text) -> std::optional<json::DecodingError> {
-        try {
-            RecurrenceRule::fromJson(json::parse(text), json::DateEncoding::secondsSince1970);
-        } catch (const json::DecodingError& error) {
-            return error;
-        }
-        return std::nullopt;
+    auto failure = [](const std::string& text) {
+        return testing::caught<json::DecodingError>(
+            [&] { RecurrenceRule::fromJson(json::parse(text), json::DateEncoding::secondsSince1970); });
     };
     const std::string lists = R"("daysOfWeek":[],"daysOfMonth":[],"monthsOfYear":[],"weeksOfYear":[],"daysOfYear":[])";
 
-    const auto missing = failure((R"({"frequency":1,"interval":1,)" + lists + "}").c_str());
+    const auto missing = failure(R"({"frequency":1,"interval":1,)" + lists + "}");
     ASSERT_TRUE(missing);
     EXPECT_EQ(missing->which(), Case::keyNotFound);
     EXPECT_NE(missing->description().find("setPositions"), std::string::npos);
 
-    const auto badFrequency = failure((R"({"frequency":5,"interval":1,)" + lists + R"(,"setPositions":[]})").c_str());
+    const auto badFrequency = failure(R"({"frequency":5,"interval":1,)" + lists + R"(,"setPositions":[]})");
     ASSERT_TRUE(badFrequency);
     EXPECT_EQ(badFrequency->which(), Case::dataCorrupted);
 
-    const auto twoEnds = failure(
-        (R"({"frequency":1,"interval":1,)" + lists + R"(,"setPositions":[],"end":{"count":{"_0":1},"until":{"_0":0}}})")
-            .c_str());
+    const auto twoEnds = failure(R"({"frequency":1,"interval":1,)" + lists +
+                                 R"(,"setPositions":[],"end":{"count":{"_0":1},"until":{"_0":0}}})");
     ASSERT_TRUE(twoEnds);
     EXPECT_EQ(twoEnds->which(), Case::typeMismatch);
     EXPECT_EQ(twoEnds->description(), "Invalid number of keys found, expected one.");

@@ -1,6 +1,7 @@
 #include "MorvaneCore/IcsArchives/IcsArchive.h"
 
 #include "MorvaneCore/Shared/Errors.h"
+#include "Support/ErrorText.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/UTC.h"
 
@@ -129,13 +130,8 @@ TEST_F(IcsArchiveTest, DetachedOccurrencesLinkToTheirSeriesOnlyWithinOneVCALENDA
     EXPECT_FALSE(events[3].originalDate);
     EXPECT_EQ(events[3].snapshot.recurrence->description(), "FREQ=WEEKLY");
 
-    try {
-        archive.occurrences();
-        ADD_FAILURE() << "an archive has no occurrence cache";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(),
-                  ".ics archives have no occurrence cache, so deleted single occurrences can't be detected.");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { archive.occurrences(); }),
+              ".ics archives have no occurrence cache, so deleted single occurrences can't be detected.");
 }
 
 TEST_F(IcsArchiveTest, EndsAndTextsReadAsTheDatabaseStoresThem) {
@@ -209,13 +205,8 @@ TEST_F(IcsArchiveTest, UnreadableFilesAreNotedButAnUnlistableRootFails) {
     EXPECT_EQ(archive.calendars()[0].title, "cal") << "an unreadable display name counts as none";
 
     for (const auto& root : {folder.path() / "missing", latin1}) {
-        try {
-            IcsArchive unlistable(root, {});
-            ADD_FAILURE() << root;
-        } catch (const PlatformError& error) {
-            EXPECT_TRUE(error.description().starts_with("Couldn't list folder " + root.string() + ": "))
-                << error.description();
-        }
+        const auto error = testing::errorText<PlatformError>([&] { IcsArchive unlistable(root, {}); });
+        EXPECT_TRUE(error.starts_with("Couldn't list folder " + root.string() + ": ")) << error;
     }
 }
 

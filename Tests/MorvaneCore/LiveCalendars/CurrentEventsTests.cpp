@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -45,8 +46,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     std::shared_ptr<EKEventStore> store = std::make_shared<EKEventStore>();
     EventKitSource source{store};
 };
@@ -254,51 +254,34 @@ TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
 }
 
 // ---- Access ----
-// ---- Access ----
 
 TEST_F(CurrentEventsTest, RequestingAccessUsesTheExactWordsAndTheProcessFlag) {
-    testing::ScriptedCalendarPermission permission;
-    ScopedReplacement<CalendarPermission> installed(permission);
+    testing::Installed<testing::ScriptedCalendarPermission> permission;
+    const auto refusal = [&] { return testing::errorText<SQLiteError>([&] { source.requestAccess(); }); };
 
-    permission.currentStatus = EKAuthorizationStatus::denied;
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(),
-                  "Calendar full access not granted. Enable it in System Settings \u2192 Privacy & Security \u2192 "
-                  "Calendars.");
-    }
+    permission->currentStatus = EKAuthorizationStatus::denied;
+    EXPECT_EQ(refusal(), "Calendar full access not granted. Enable it in System Settings \u2192 Privacy & Security "
+                         "\u2192 Calendars.");
     EXPECT_FALSE(CalendarAccess::isGranted());
 
-    permission.currentStatus = EKAuthorizationStatus::notDetermined;
-    permission.error = "The prompt couldn't be shown.";
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(), "The prompt couldn't be shown.");
-    }
-    permission.error.reset();
-    permission.answer = false;
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(), "Calendar access denied. Run from Terminal.app (or an app that can request "
-                                       "Calendar access) and allow the prompt.");
-    }
+    permission->currentStatus = EKAuthorizationStatus::notDetermined;
+    permission->error = "The prompt couldn't be shown.";
+    EXPECT_EQ(refusal(), "The prompt couldn't be shown.");
+    permission->error.reset();
+    permission->answer = false;
+    EXPECT_EQ(refusal(), "Calendar access denied. Run from Terminal.app (or an app that can request Calendar access) "
+                         "and allow the prompt.");
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::notDetermined);
 
-    permission.answer = true;
-    source.requestAccess();
+    permission->answer = true;
+    EXPECT_EQ(refusal(), testing::nothingThrown);
     EXPECT_TRUE(CalendarAccess::isGranted());
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::fullAccess);
     // Granted once: no second prompt in this process.
     source.requestAccess();
-    EXPECT_EQ(permission.prompts, 3);
+    EXPECT_EQ(permission->prompts, 3);
 
-    permission.currentStatus = EKAuthorizationStatus::restricted;
+    permission->currentStatus = EKAuthorizationStatus::restricted;
     EXPECT_FALSE(CalendarAccess::isGranted());
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::restricted);
 }

@@ -7,6 +7,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -86,12 +87,9 @@ TEST_F(CalendarArchiveTest, AStoredRestorePointStagesAsTheDatabaseItWas) {
 
     files::write(archive.fileURL(result.entry), "not a stream");
     EXPECT_THROW(archive.stage(result.entry), Error);
-    try {
-        CalendarArchive::stageFile(archive.directory() / "missing.calsnap");
-        FAIL() << "staged a missing file";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(), "Couldn't read " + (archive.directory() / "missing.calsnap").string() + ".");
-    }
+    const auto missing = archive.directory() / "missing.calsnap";
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { CalendarArchive::stageFile(missing); }),
+              "Couldn't read " + missing.string() + ".");
 }
 
 TEST_F(CalendarArchiveTest, ADatabaseWithALiveLogIsStoredWhole) {

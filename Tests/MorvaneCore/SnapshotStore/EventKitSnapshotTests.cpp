@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
@@ -25,16 +26,6 @@ std::vector<std::string> keysOf(const json::Ordered& object) {
     for (const auto& [key, value] : object.items())
         keys.push_back(key);
     return keys;
-}
-
-// The words of the `Wanted` error that `action` throws; empty when it throws none.
-template <class Wanted, class Action> std::string failure(Action&& action) {
-    try {
-        action();
-    } catch (const Wanted& error) {
-        return error.description();
-    }
-    return {};
 }
 
 std::int64_t keyAt(double seconds) { return Date{seconds}.occurrenceKey(); }
@@ -102,8 +93,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     const Date now{utc(2024, 6, 1, 12)}; // 05:00 in Los Angeles
 };
 
@@ -203,7 +193,7 @@ TEST_F(EventKitSnapshotTest, CaptureFailsRatherThanLeaveOutWhatTheStoreCantRead)
 
     // Changed under the open store: its calendars still list, but no year of events can be read.
     builder.execute("ALTER TABLE CalendarItem RENAME COLUMN end_date TO gone");
-    const auto words = failure<RestoreError>([&] { EventKitSnapshot::capture(store, now); });
+    const auto words = testing::errorText<RestoreError>([&] { EventKitSnapshot::capture(store, now); });
     EXPECT_TRUE(words.starts_with("Couldn't read all of the calendars: ")) << words;
 }
 
@@ -304,18 +294,15 @@ TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDeco
     EXPECT_EQ(EventKitSnapshot::decode(encode(file)).version, 0);
 
     file["version"] = 2;
-    EXPECT_EQ(failure<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
               "This snapshot was made by a newer version of Morvane.");
 
     // A later format that no longer decodes says so in the decoder's words.
     file["events"][1].erase("calendarRowID");
-    try {
-        EventKitSnapshot::decode(encode(file));
-        FAIL() << "an event without its calendar was accepted";
-    } catch (const json::DecodingError& error) {
-        EXPECT_EQ(error.which(), json::DecodingError::Case::keyNotFound);
-        EXPECT_EQ(error.codingPath(), "events[1]");
-    }
+    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(file)); });
+    ASSERT_TRUE(error) << "an event without its calendar was accepted";
+    EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound);
+    EXPECT_EQ(error->codingPath(), "events[1]");
 
     EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
 }
@@ -399,7 +386,7 @@ TEST_F(EventKitSnapshotTest, StoreOpensAWrittenFileAndNamesAFileItCantRead) {
     EXPECT_EQ(opened.allEvents()[0].title(), "Dentist");
 
     const auto gone = user.home() / "gone.calevents";
-    EXPECT_EQ(failure<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
 }
 
 } // namespace
