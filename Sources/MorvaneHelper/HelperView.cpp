@@ -5,7 +5,6 @@
 #include "MorvaneHelper/HelperView.h"
 
 #include "MorvaneHelper/QtMainThread.h"
-
 #include "MorvanePlatform/Workspace.h"
 
 #include <QApplication>
