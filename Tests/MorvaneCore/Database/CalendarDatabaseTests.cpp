@@ -6,7 +6,6 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
-#include "Support/CalendarGenerator.h"
 #include "Support/ErrorText.h"
 #include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
@@ -298,27 +297,6 @@ TEST_F(CalendarDatabaseTest, CheckpointFoldsALiveLogWithoutChangingTheFingerprin
     EXPECT_EQ(database.contentFingerprint(), before);
 }
 
-TEST_F(CalendarDatabaseTest, GeneratedCalendarsAreDeterministicAndReadable) {
-    auto fingerprint = [&](std::uint64_t seed) {
-        fs::remove(path);
-        const auto made = testing::generateCalendar(build(), 300, seed);
-        EXPECT_EQ(made.events, 300);
-        EXPECT_GT(made.series, 30);
-        EXPECT_GT(made.detached, 0);
-        EXPECT_GT(made.occurrences, 0);
-        auto database = open();
-        database.verifyIntegrity();
-        std::int64_t keys = 0;
-        for (const auto& [series, moments] : database.occurrences().dates)
-            keys += static_cast<std::int64_t>(moments.size());
-        EXPECT_EQ(keys, made.occurrences);
-        return database.contentFingerprint();
-    };
-    const auto first = fingerprint(7);
-    EXPECT_EQ(fingerprint(7), first);
-    EXPECT_NE(fingerprint(8), first);
-}
-
 TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {
     auto& db = build();
     const auto store = db.addStore({.name = "iCloud", .type = std::int64_t{2}});
@@ -532,16 +510,6 @@ TEST_F(CalendarDatabaseTest, TheFirstUsableRuleOfAnEventWins) {
     EXPECT_EQ(events[0].snapshot.recurrence->description(), "FREQ=WEEKLY;INTERVAL=2;BYDAY=MO,WE");
     ASSERT_TRUE(events[1].snapshot.recurrence.has_value());
     EXPECT_EQ(*events[1].snapshot.recurrence, *RecurrenceRule::fromDatabase(3, 1, 5, std::nullopt, std::nullopt));
-}
-
-TEST_F(CalendarDatabaseTest, TextColumnsAreRepairedAndCutAtNul) {
-    auto& db = build();
-    const auto calendar = db.addCalendar({.store = db.addStore({})});
-    db.addItem({.calendar = calendar, .summary = std::string("Caf\xE9 \xFF"), .description = std::string("a\0b", 3)});
-    auto database = open();
-    const auto events = database.events(std::nullopt);
-    EXPECT_EQ(events[0].snapshot.title, "Caf\uFFFD \uFFFD");
-    EXPECT_EQ(events[0].snapshot.notes, "a");
 }
 
 TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {

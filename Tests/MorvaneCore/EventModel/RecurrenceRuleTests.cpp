@@ -142,17 +142,6 @@ TEST(RecurrenceRuleFromRRule, CountWinsAndUntilIsReadInTheRulesZone) {
     EXPECT_EQ(fromRRule("FREQ=DAILY;UNTIL=2026-01-01").end, std::nullopt);
 }
 
-TEST(RecurrenceRuleFromRRule, ThePathsDifferWhereTheyShould) {
-    // Lower-case codes: kept apart in the database format, read in RRULE text.
-    EXPECT_EQ(fromSpecifier("D=1mo").unparsed, "D=1mo");
-    EXPECT_EQ(fromRRule("FREQ=MONTHLY;BYDAY=1mo").daysOfWeek, (Days{{2, 1}}));
-    // A valueless piece: kept in the database format, dropped from RRULE text.
-    EXPECT_EQ(fromSpecifier("M=").unparsed, "M=");
-    EXPECT_EQ(fromRRule("FREQ=DAILY;BYMONTHDAY=").unparsed, std::nullopt);
-    // Two rules that differ only in WKST are equal.
-    EXPECT_EQ(fromRRule("FREQ=WEEKLY;WKST=SU"), fromRRule("FREQ=WEEKLY;WKST=MO"));
-}
-
 // --- Equality and text ---------------------------------------------------------------------
 
 TEST(RecurrenceRuleEquality, CoversEveryField) {

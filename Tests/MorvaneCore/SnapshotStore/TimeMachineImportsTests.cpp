@@ -254,17 +254,5 @@ TEST_F(TimeMachineImportsTest, OfTwoOpeningsOfAnUncachedBackupOneReadsTheDiskAnd
     EXPECT_EQ(tools->count("/sbin/mount_apfs "), 1u);
 }
 
-TEST_F(TimeMachineImportsTest, OnlyTimeMachineSourcesGoThroughTheCache) {
-    const auto path = backup("2024-03-01-101500");
-    const BackupSource file(Kind::file(path), std::nullopt);
-    EXPECT_TRUE(BackupCache::shared().isCached(file));
-    BackupCatalog::prepareCache(file);
-    auto opened = BackupCatalog::open(file);
-    EXPECT_FALSE(opened.location.ends_with("(cached)"));
-    opened.close();
-    EXPECT_FALSE(fs::exists(BackupCache::shared().directory()));
-    EXPECT_EQ(BackupCache::shared().url(file).filename().string().size(), 32u + 8u);
-}
-
 } // namespace
 } // namespace morvane
