@@ -8,6 +8,7 @@
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
 #include <algorithm>
@@ -55,6 +56,13 @@ std::string dbCount(const fs::path& path, const std::string& sql) {
 
 class EventStoreTest : public ::testing::Test {
 protected:
+    // Saves a timed event, in the pinned zone unless told otherwise (absent is floating); a series
+    // when `repeat` is given.
+    std::shared_ptr<EKEvent> save(const std::string& title, double start, double end,
+                                  std::optional<EKRecurrenceRule> repeat = std::nullopt,
+                                  std::optional<std::string> zone = std::string(testing::pinnedZone)) {
+        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(repeat));
+    }
     std::shared_ptr<EKEvent> newEvent(const std::string& title, double start, double end,
                                       std::optional<std::string> zone = std::string(testing::pinnedZone)) {
         auto event = EKEvent::eventWithEventStore(store);
@@ -151,9 +159,7 @@ TEST_F(EventStoreTest, AuthorizationIsFullOnLinuxAndFollowsThePermissionService)
 
 TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
     // Mondays 09:00 in Los Angeles from 4 March 2024; the clocks go forward on 10 March.
-    auto meeting = newEvent("Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30));
-    meeting->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*meeting, EKSpan::futureEvents, true);
+    auto meeting = save("Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), rule(EKRecurrenceFrequency::weekly));
 
     const auto events = fetch(utc(2024, 3, 1), utc(2024, 3, 26));
     EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-03-04 09:00", "2024-03-11 09:00", "2024-03-18 09:00",
@@ -169,9 +175,7 @@ TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
     }
 
     // A meeting in Berlin keeps Berlin's 09:00, whatever the machine's zone does.
-    auto berlin = newEvent("Berlin sync", utc(2024, 3, 25, 8), utc(2024, 3, 25, 9), "Europe/Berlin");
-    berlin->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*berlin, EKSpan::futureEvents, true);
+    save("Berlin sync", utc(2024, 3, 25, 8), utc(2024, 3, 25, 9), rule(EKRecurrenceFrequency::weekly), "Europe/Berlin");
     std::vector<std::string> berlinStarts;
     for (const auto& event : fetch(utc(2024, 3, 24), utc(2024, 4, 9))) {
         if (event->title == "Berlin sync") berlinStarts.push_back(wallClock(*event->startDate, "Europe/Berlin"));
@@ -181,9 +185,7 @@ TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
 
 TEST_F(EventStoreTest, FloatingSeriesFollowsTheWallClockOfWhicheverZoneIsCurrent) {
     // 09:00 wherever the machine is: stored as 09:00 read as UTC.
-    auto walk = newEvent("Walk", utc(2024, 3, 8, 17), utc(2024, 3, 8, 18), std::nullopt);
-    walk->recurrenceRules = {rule(EKRecurrenceFrequency::daily)};
-    store.saveEvent(*walk, EKSpan::futureEvents, true);
+    save("Walk", utc(2024, 3, 8, 17), utc(2024, 3, 8, 18), rule(EKRecurrenceFrequency::daily), std::nullopt);
     EXPECT_EQ(dbCount(store.databasePath(), "SELECT start_tz || ' ' || CAST(start_date AS INTEGER) FROM CalendarItem"),
               "_float " + std::to_string(static_cast<long long>(utc(2024, 3, 8, 9))));
 
@@ -211,20 +213,18 @@ TEST_F(EventStoreTest, AllDayEventsCoverTheirLocalDay) {
 }
 
 TEST_F(EventStoreTest, MonthlyByWeekdayAndSetPositionRules) {
-    auto lastFriday = newEvent("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19));
-    lastFriday->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
-    lastFriday->recurrenceRules[0].daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)};
-    store.saveEvent(*lastFriday, EKSpan::futureEvents, true);
+    save("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19),
+         EKRecurrenceRule{.frequency = EKRecurrenceFrequency::monthly,
+                          .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)}});
 
-    auto lastWorkday = newEvent("Payroll", utc(2024, 1, 31, 18), utc(2024, 1, 31, 19));
-    lastWorkday->recurrenceRules = {
-        rule(EKRecurrenceFrequency::monthly, EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5))};
     std::vector<EKRecurrenceDayOfWeek> workdays;
     for (int day = 2; day <= 6; ++day)
         workdays.push_back(EKRecurrenceDayOfWeek::dayOfWeek(day));
-    lastWorkday->recurrenceRules[0].daysOfTheWeek = workdays;
-    lastWorkday->recurrenceRules[0].setPositions = std::vector{-1};
-    store.saveEvent(*lastWorkday, EKSpan::futureEvents, true);
+    save("Payroll", utc(2024, 1, 31, 18), utc(2024, 1, 31, 19),
+         EKRecurrenceRule{.frequency = EKRecurrenceFrequency::monthly,
+                          .daysOfTheWeek = workdays,
+                          .setPositions = std::vector{-1},
+                          .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5)});
 
     std::vector<std::string> reviews;
     std::vector<std::string> payrolls;
@@ -343,9 +343,7 @@ TEST_F(EventStoreTest, AMovedOccurrenceIsDetachedUnderItsSeriesAndARemovedOneBec
 }
 
 TEST_F(EventStoreTest, RemovingFutureEventsEndsTheSeriesOrRemovesItWhole) {
-    auto series = newEvent("Course", utc(2024, 9, 2, 16), utc(2024, 9, 2, 17));
-    series->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*series, EKSpan::futureEvents, true);
+    auto series = save("Course", utc(2024, 9, 2, 16), utc(2024, 9, 2, 17), rule(EKRecurrenceFrequency::weekly));
 
     auto fourth = fetch(utc(2024, 9, 20), utc(2024, 9, 27)).at(0);
     store.removeEvent(*fourth, EKSpan::futureEvents, true);
@@ -361,8 +359,7 @@ TEST_F(EventStoreTest, RemovingFutureEventsEndsTheSeriesOrRemovesItWhole) {
 }
 
 TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
-    auto kept = newEvent("Kept", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
-    store.saveEvent(*kept, EKSpan::thisEvent, true);
+    auto kept = save("Kept", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
 
     auto pending = newEvent("Pending", utc(2024, 6, 4, 16), utc(2024, 6, 4, 17));
     store.saveEvent(*pending, EKSpan::thisEvent, false);
@@ -407,9 +404,7 @@ TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
 }
 
 TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
-    auto monthly = newEvent("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18));
-    monthly->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
-    store.saveEvent(*monthly, EKSpan::futureEvents, true);
+    save("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18), rule(EKRecurrenceFrequency::monthly));
     const auto path = store.databasePath();
     // From 1 January last year to 1 January in two years, local time: 36 months of rent.
     EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheStart'"),
@@ -421,7 +416,7 @@ TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
 
     // A year on, the next write moves the window and rebuilds the cache for every series.
     clock->set(utc(2025, 3, 1));
-    store.saveEvent(*newEvent("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18)), EKSpan::thisEvent, true);
+    save("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18));
     EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheEnd'"),
               std::to_string(static_cast<long long>(utc(2027, 1, 1, 8))));
     EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "37");
