@@ -1,5 +1,7 @@
 #include "MorvanePlatform/UserFolders.h"
 
+#include "Support/Pinned.h"
+
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <optional>
@@ -8,19 +10,7 @@
 namespace morvane {
 namespace {
 
-// Sets an environment variable for the scope, restoring the old value after.
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
-    }
-    ~ScopedVariable() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
+using testing::ScopedVariable;
 
 TEST(UserFolders, HomeAndTemporaryFolderComeFromTheEnvironment) {
     ScopedVariable home("HOME", "/home/jane");

@@ -11,6 +11,7 @@
 #include "MorvanePlatform/Volumes.h"
 #include "MorvanePlatform/Workspace.h"
 #include "Support/Installed.h"
+#include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <chrono>
@@ -146,7 +147,8 @@ private:
 };
 
 // A user whose home and temporary folder are fresh folders of their own, installed as the
-// current user for the scope: ".../home" and ".../tmp" inside one temporary directory.
+// current user for the scope: ".../home" and ".../tmp" inside one temporary directory. The
+// freedesktop data folder is unset too, so that the trash is the one in that home.
 class TemporaryUser {
 public:
     explicit TemporaryUser(std::string user = "jane");
@@ -158,6 +160,7 @@ public:
     const TemporaryDirectory& root() const { return root_; }
 
 private:
+    ScopedVariable dataHome_{"XDG_DATA_HOME", nullptr};
     TemporaryDirectory root_;
     std::filesystem::path home_;
     std::filesystem::path temporary_;
