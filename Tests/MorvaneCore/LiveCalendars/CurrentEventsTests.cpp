@@ -30,8 +30,8 @@ protected:
 
     std::shared_ptr<EKEvent> save(const std::string& title, double start, double end,
                                   std::optional<std::string> zone = std::string(testing::pinnedZone),
-                                  std::shared_ptr<const EKCalendar> calendar = nullptr) {
-        return testing::saveEvent(*store, title, start, end, std::move(zone), std::nullopt, std::move(calendar));
+                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
+        return testing::saveEvent(*store, title, start, end, std::move(zone), std::move(rule));
     }
 
     // A backup's view of an event: identity and content as a database would give them.
@@ -189,18 +189,10 @@ TEST_F(CurrentEventsTest, SnapshotPrefersTheMasterInTheBackupsCalendarElseTheFir
 // ---- Occurrences ----
 
 TEST_F(CurrentEventsTest, OccurrencesKeepOnlyTheAskedSeriesWithTheirDetachedContent) {
-    auto wanted = EKEvent::eventWithEventStore(*store);
-    wanted->title = "Yoga";
-    wanted->startDate = utc(2024, 3, 8, 18); // 10:00 floating, before and after the clock change
-    wanted->endDate = utc(2024, 3, 8, 19);
-    wanted->calendar = store->defaultCalendarForNewEvents();
-    EKRecurrenceRule daily;
-    daily.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
-    wanted->recurrenceRules = {daily};
-    store->saveEvent(*wanted, EKSpan::futureEvents, true);
-    auto other = save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19));
-    other->recurrenceRules = {daily};
-    store->saveEvent(*other, EKSpan::futureEvents, true);
+    const EKRecurrenceRule daily{.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4)};
+    // 10:00 floating, before and after the clock change.
+    const auto wanted = save("Yoga", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), std::nullopt, daily);
+    save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), testing::pinnedZone, daily);
 
     auto third =
         store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 10, 12), utc(2024, 3, 11), std::nullopt));
@@ -320,15 +312,8 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     store->commit();
     save("Single", utc(2024, 8, 1, 16), utc(2024, 8, 1, 17), std::nullopt);
     // A floating series over the clock change: the cache holds moments, the reader wall clocks.
-    auto floating = EKEvent::eventWithEventStore(*store);
-    floating->title = "Stretch";
-    floating->startDate = utc(2024, 3, 8, 15);
-    floating->endDate = utc(2024, 3, 8, 16);
-    floating->calendar = store->defaultCalendarForNewEvents();
-    EKRecurrenceRule daily;
-    daily.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5);
-    floating->recurrenceRules = {daily};
-    store->saveEvent(*floating, EKSpan::futureEvents, true);
+    const auto floating = save("Stretch", utc(2024, 3, 8, 15), utc(2024, 3, 8, 16), std::nullopt,
+                               EKRecurrenceRule{.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5)});
 
     const auto uid = *series->calendarItemExternalIdentifier();
     const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());

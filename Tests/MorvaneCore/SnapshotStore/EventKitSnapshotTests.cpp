@@ -19,6 +19,7 @@
 namespace morvane {
 namespace {
 
+using testing::saveEvent;
 using testing::utc;
 
 std::vector<std::string> keysOf(const json::Ordered& object) {
@@ -32,17 +33,8 @@ std::int64_t keyAt(double seconds) { return Date{seconds}.occurrenceKey(); }
 
 class EventKitSnapshotTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> save(EKEventStore& store, const std::string& title, double start, double end,
-                                  std::optional<std::string> zone = std::string(testing::pinnedZone),
-                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
-        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(rule));
-    }
-
     static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, int count) {
-        EKRecurrenceRule made;
-        made.frequency = frequency;
-        made.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count);
-        return made;
+        return {.frequency = frequency, .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count)};
     }
 
     // A small document by hand: a single, a series with one detached occurrence, one calendar.
@@ -101,14 +93,14 @@ protected:
 
 TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrenceKeys) {
     auto store = std::make_shared<EKEventStore>();
-    save(*store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    saveEvent(*store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     // Across midnight of 1 June 2025 local, where one fetched year ends and the next begins.
-    save(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
-    auto standup = save(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
-                        rule(EKRecurrenceFrequency::weekly, 6));
+    saveEvent(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
+    auto standup = saveEvent(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
+                             rule(EKRecurrenceFrequency::weekly, 6));
     // 23:00 to 01:00 floating, the second night crossing the same year boundary.
-    auto late = save(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
-                     rule(EKRecurrenceFrequency::daily, 3));
+    auto late = saveEvent(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
+                          rule(EKRecurrenceFrequency::daily, 3));
 
     const auto inMarch = [&] {
         auto events =
@@ -376,7 +368,7 @@ TEST_F(EventKitSnapshotTest, StoreDropsUnlistedCalendarsAndKeepsOccurrencesPerSe
 
 TEST_F(EventKitSnapshotTest, StoreOpensAWrittenFileAndNamesAFileItCantRead) {
     EKEventStore live;
-    save(live, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    saveEvent(live, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     const auto file = user.home() / "Snapshots" / "2024-06-01-050000.calevents";
     testing::writeEventStoreSnapshot(live, file, now);
 
