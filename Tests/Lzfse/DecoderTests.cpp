@@ -4,7 +4,6 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 #include <sstream>
 
 namespace morvane::lzfse {
@@ -201,30 +200,6 @@ TEST(LzfseDecoder, RejectsEveryTruncation) {
         const Bytes stream = readBytes(vectorFolder() / name);
         for (std::size_t length = 0; length < stream.size(); ++length)
             EXPECT_THROW(decompress(std::span(stream).first(length)), LzfseError) << name << " cut to " << length;
-    }
-}
-
-// A flipped bit may leave a stream that still decodes (to other bytes); what matters is that
-// no flip makes the decoder crash, overrun a buffer or hang. The sanitizers watch for the rest.
-TEST(LzfseDecoder, SurvivesFlippedBits) {
-    if (!haveVectors()) GTEST_SKIP() << "the shared LZFSE vectors are not at " << vectorFolder();
-    std::mt19937 generator(20240601);
-    for (const auto& [name, flips] : {std::pair{"short_text.txt.lzfse", 0},
-                                      {"text_4096.txt.lzfse", 0},
-                                      {"repetitive_text.txt.lzfse", 400},
-                                      {"calendar_20k.sqlite.lzfse", 25}}) {
-        Bytes stream = readBytes(vectorFolder() / name);
-        const std::size_t bits = stream.size() * 8;
-        const std::size_t count = flips == 0 ? bits : static_cast<std::size_t>(flips);
-        int rejected = 0;
-        for (std::size_t n = 0; n < count; ++n) {
-            const std::size_t bit = flips == 0 ? n : generator() % bits;
-            stream[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
-            if (morvane::testing::errorText<LzfseError>([&] { decompress(stream); }) != morvane::testing::nothingThrown)
-                ++rejected;
-            stream[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
-        }
-        EXPECT_GT(rejected, 0) << name;
     }
 }
 

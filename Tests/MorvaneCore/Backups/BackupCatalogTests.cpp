@@ -168,9 +168,14 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
     }
 }
 
-TEST_F(BackupCatalogTest, PrepareReturnsPickedAndStoredPathsAsTheyStand) {
+TEST_F(BackupCatalogTest, PrepareReadsPickedStoredAndFolderBasedBackupsInPlace) {
+    const auto folder = user.root().makeFolder("Backups.backupdb/Mac/2023-11-02-081500");
+    user.root().write("Backups.backupdb/Mac/2023-11-02-081500/Macintosh HD/Users/jane/" +
+                          std::string(BackupLocator::relativeDBPath),
+                      "db");
     for (const auto& kind : {Kind::file("~/x"), Kind::icsArchive("/a"), Kind::appSnapshot("/b.calsnap"),
-                             Kind::iCloudSnapshot("/c.calevents", "iMac"), Kind::timeMachineImport("/d")}) {
+                             Kind::iCloudSnapshot("/c.calevents", "iMac"), Kind::timeMachineImport("/d"),
+                             Kind::timeMachine(folder.string())}) {
         const auto prepared = BackupCatalog::prepare({kind, std::nullopt});
         EXPECT_EQ(prepared.root, kind.path());
         EXPECT_EQ(prepared.mount, nullptr);
@@ -178,44 +183,27 @@ TEST_F(BackupCatalogTest, PrepareReturnsPickedAndStoredPathsAsTheyStand) {
     EXPECT_TRUE(tools->commandLines().empty());
 }
 
-TEST_F(BackupCatalogTest, PrepareReadsAFolderBasedBackupInPlace) {
-    const auto backup = user.root().makeFolder("Backups.backupdb/Mac/2023-11-02-081500");
-    user.root().write("Backups.backupdb/Mac/2023-11-02-081500/Macintosh HD/Users/jane/Library/Group Containers/"
-                      "group.com.apple.calendar/Calendar.sqlitedb",
-                      "db");
-    const auto prepared = BackupCatalog::prepare({Kind::timeMachine(backup.string()), std::nullopt});
-    EXPECT_EQ(prepared.root, backup.string());
-    EXPECT_EQ(prepared.mount, nullptr);
-    EXPECT_TRUE(tools->commandLines().empty());
-}
-
-TEST_F(BackupCatalogTest, PrepareMountsASnapshotBasedBackupThatIsNotMounted) {
-    const auto path = std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup";
+TEST_F(BackupCatalogTest, PrepareMountsSnapshotsThatAreNotMounted) {
     tools->answer(std::string("/usr/sbin/diskutil info -plist ") + volumeUUID,
                   {0, recordedOutput("tools/diskutil-info.plist")});
     tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
-
-    const auto prepared = BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
-    ASSERT_NE(prepared.mount, nullptr);
-    EXPECT_EQ(prepared.root, prepared.mount->mountPoint().string());
-    EXPECT_EQ(prepared.mount->mountPoint().parent_path(), user.temporary());
-    EXPECT_EQ(tools->commandLines().back(),
-              "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-02-26-093012.backup "
-              "/Volumes/Backup Disk (2) " +
-                  prepared.root);
-    prepared.mount->unmount();
-}
-
-TEST_F(BackupCatalogTest, PrepareMountsLocalSnapshotsOnTheDataVolume) {
-    tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
-    const auto prepared =
-        BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt});
-    ASSERT_NE(prepared.mount, nullptr);
-    EXPECT_EQ(tools->commandLines().back(),
-              "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.local "
-              "/System/Volumes/Data " +
-                  prepared.root);
-    prepared.mount->unmount();
+    const std::pair<Kind, std::string> cases[] = {
+        // A snapshot-based backup, on the backup disk that diskutil names.
+        {Kind::timeMachine(std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup"),
+         "com.apple.TimeMachine.2024-02-26-093012.backup /Volumes/Backup Disk (2) "},
+        // A local snapshot, on the data volume.
+        {Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"),
+         "com.apple.TimeMachine.2024-03-01-101500.local /System/Volumes/Data "},
+    };
+    for (const auto& [kind, snapshotAndVolume] : cases) {
+        const auto prepared = BackupCatalog::prepare({kind, std::nullopt});
+        ASSERT_NE(prepared.mount, nullptr);
+        EXPECT_EQ(prepared.root, prepared.mount->mountPoint().string());
+        EXPECT_EQ(prepared.mount->mountPoint().parent_path(), user.temporary());
+        EXPECT_EQ(tools->commandLines().back(),
+                  "/sbin/mount_apfs -o rdonly,nobrowse -s " + snapshotAndVolume + prepared.root);
+        prepared.mount->unmount();
+    }
 }
 
 TEST_F(BackupCatalogTest, PrepareFailsPlainlyWhenTheBackupDiskCantBeTold) {
