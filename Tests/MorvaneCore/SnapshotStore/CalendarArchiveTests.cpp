@@ -92,24 +92,6 @@ TEST_F(CalendarArchiveTest, AStoredRestorePointStagesAsTheDatabaseItWas) {
               "Couldn't read " + missing.string() + ".");
 }
 
-TEST_F(CalendarArchiveTest, ADatabaseWithALiveLogIsStoredWhole) {
-    const auto path = user.root().path() / "live" / "Calendar.sqlitedb";
-    {
-        CalendarDatabaseBuilder db(path, CalendarDatabaseBuilder::Journal::wal);
-        const auto calendar = db.addCalendar({.store = db.addStore({})});
-        for (int i = 0; i < 20; ++i)
-            db.addItem({.calendar = calendar});
-        db.close(/*keepLog=*/true);
-    }
-    ASSERT_GT(fs::file_size(path.string() + "-wal"), 0u);
-    const auto result = import(archive, path, at("2024-03-01-101500"));
-    EXPECT_EQ(result.entry.eventCount, 20);
-    const auto staged = archive.stage(result.entry);
-    CalendarDatabase copy(staged.file());
-    EXPECT_EQ(copy.contentFingerprint(), result.entry.fingerprint);
-    EXPECT_EQ(copy.loadEvents().size(), 20u);
-}
-
 TEST_F(CalendarArchiveTest, ImportingAListedStampOrUnchangedContentStoresNothing) {
     const auto first = database("a", 2);
     const auto changed = database("b", 5);

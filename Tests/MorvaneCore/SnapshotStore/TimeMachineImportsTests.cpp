@@ -128,32 +128,12 @@ TEST_F(TimeMachineImportsTest, ADamagedCheckedFileCountsAsEmptyAndMarksStaySorte
               R"(["2024-01-01-000000","2024-02-01-000000","2024-03-02-101500"])");
 }
 
-TEST_F(TimeMachineImportsTest, ImportingFilesTheBackupAndMarksItLast) {
-    const auto path = backup("2024-03-01-101500", 4);
-    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
-    EXPECT_EQ(result.which, Case::saved);
-    EXPECT_EQ(result.entry.eventCount, 4);
-    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive), std::vector<std::string>{"2024-03-01-101500"});
-
-    // The same content a day later: unchanged, and marked all the same.
-    const auto same = backup("2024-03-02-101500", 4);
-    EXPECT_EQ(TimeMachineImports::importBackup(source(same, "2024-03-02-101500"), *archive).which, Case::unchanged);
-    EXPECT_EQ(TimeMachineImports::checkedStamps(*archive).size(), 2u);
-    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
-    EXPECT_TRUE(fs::is_empty(user.temporary()));
-}
-
-TEST_F(TimeMachineImportsTest, AFailedImportMarksNothingAndLeavesNothingBehind) {
+TEST_F(TimeMachineImportsTest, AnUndatedBackupIsRefusedAndMarksNothing) {
     const auto undated = backup("Latest");
     EXPECT_EQ(testing::errorText<RestoreError>([&] {
                   TimeMachineImports::importBackup({Kind::timeMachine(undated), std::nullopt}, *archive);
               }),
               "This backup has no date.");
-
-    const auto damaged = backup("2024-03-01-101500");
-    files::write(fs::path(damaged) / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath),
-                 std::string(4096, 'x'));
-    EXPECT_THROW(TimeMachineImports::importBackup(source(damaged, "2024-03-01-101500"), *archive), SQLiteError);
     EXPECT_TRUE(TimeMachineImports::checkedStamps(*archive).empty());
     EXPECT_TRUE(fs::is_empty(user.temporary()));
 }
