@@ -62,18 +62,6 @@ TEST_F(CurrentEventsTest, ContainsFindsSeriesThroughTheirUIDAndIgnoresReminders)
     EXPECT_TRUE(source.contains(backupOf(uid + "/RID=739123200", snapshot)));
     EXPECT_FALSE(source.contains(backupOf("GONE", snapshot)));
     EXPECT_TRUE(source.contains(backupOf("GONE", snapshot, event->calendarItemIdentifier())));
-
-    // A reminder that shares the UID doesn't make the event exist.
-    testing::TemporaryUser other;
-    {
-        testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
-        const auto reminders = builder.addStore({.name = "Reminders", .type = std::int64_t{6}});
-        const auto list = builder.addCalendar({.store = reminders, .title = "Tasks"});
-        builder.addItem(
-            {.calendar = list, .summary = "Buy milk", .uniqueIdentifier = "SHARED", .entityType = std::int64_t{3}});
-    }
-    EventKitSource reminderOnly(std::make_shared<EKEventStore>());
-    EXPECT_FALSE(reminderOnly.contains(backupOf("SHARED", snapshot)));
 }
 
 // ---- Equivalence: hasEquivalent ----
@@ -93,10 +81,14 @@ TEST_F(CurrentEventsTest, EquivalentNeedsAWritableCalendarTheTrimmedTitleAndTheS
     EXPECT_TRUE(source.hasEquivalent(backupOf("OTHER", wanted)));
 }
 
-TEST_F(CurrentEventsTest, EquivalentInAReadOnlyCalendarDoesNotCount) {
+TEST_F(CurrentEventsTest, AReminderIsNoEventAndAnEquivalentInAReadOnlyCalendarDoesNotCount) {
     testing::TemporaryUser other;
     {
         testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
+        const auto reminders = builder.addStore({.name = "Reminders", .type = std::int64_t{6}});
+        builder.addItem({.calendar = builder.addCalendar({.store = reminders, .title = "Tasks"}),
+                         .uniqueIdentifier = "SHARED",
+                         .entityType = std::int64_t{3}});
         const auto subscribed = builder.addStore({.name = "Subscribed Calendars", .type = std::int64_t{4}});
         const auto holidays = builder.addCalendar({.store = subscribed, .title = "Holidays"});
         builder.addItem({.calendar = holidays,
@@ -113,6 +105,8 @@ TEST_F(CurrentEventsTest, EquivalentInAReadOnlyCalendarDoesNotCount) {
     wanted.timeZone = testing::pinnedZone;
     EXPECT_FALSE(readOnly.hasEquivalent(backupOf("X", wanted)));
     EXPECT_TRUE(readOnly.contains(backupOf("HOLIDAY", wanted)));
+    // A reminder that shares the UID doesn't make the event exist.
+    EXPECT_FALSE(readOnly.contains(backupOf("SHARED", wanted)));
 }
 
 TEST_F(CurrentEventsTest, FloatingEventsMatchOnTheWallClockWhereverTheBackupWasMade) {
