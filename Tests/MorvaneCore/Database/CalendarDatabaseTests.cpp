@@ -10,6 +10,7 @@
 #include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -218,35 +219,13 @@ TEST_F(CalendarDatabaseTest, FingerprintRendersNumbersAsSQLiteDoesAndRepairsText
     db.insert("Calendar", {{"title", "Work"}, {"UUID", "C-1"}, {"color", "#FF0000"}});
     auto database = open();
 
-    const std::string null = "\xE2\x88\x85";
-    const std::string expected = "1\x1F"
-                                 "Caf\xC3\xA9 \xEF\xBF\xBD\x1F"
-                                 "730944000.0\x1F"
-                                 "730947600.25\x1F"
-                                 "_float\x1F"
-                                 "0\x1F"
-                                 "3\x1F"
-                                 "a\x1F"
-                                 "\x1F" +
-                                 null + "\x1F" + null + "\x1F" + null + "\x1F" + null +
-                                 "\x1F"
-                                 "1\x1F\n"
-                                 "1\x1F"
-                                 "2\x1F" +
-                                 null + "\x1F" + null +
-                                 "\x1F"
-                                 "1.0e+20\x1F" +
-                                 null +
-                                 "\x1F\n"
-                                 "1\x1F"
-                                 "-0.5\x1F\n"
-                                 "1\x1F"
-                                 "-900\x1F" +
-                                 null + "\x1F" + null + "\x1F" + null +
-                                 "\x1F\n"
-                                 "1\x1F"
-                                 "Work\x1F"
-                                 "C-1\x1F\n";
+    // "|" stands for the unit separator; "\u2205" is NULL.
+    std::string expected = "1|Caf\u00E9 \uFFFD|730944000.0|730947600.25|_float|0|3|a||\u2205|\u2205|\u2205|\u2205|1|\n"
+                           "1|2|\u2205|\u2205|1.0e+20|\u2205|\n"
+                           "1|-0.5|\n"
+                           "1|-900|\u2205|\u2205|\u2205|\n"
+                           "1|Work|C-1|\n";
+    std::replace(expected.begin(), expected.end(), '|', '\x1F');
     EXPECT_EQ(database.contentFingerprint(), SHA256::hex(SHA256::of(expected)));
 }
 
