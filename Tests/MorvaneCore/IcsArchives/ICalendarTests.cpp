@@ -81,24 +81,11 @@ TEST(ICalText, UnescapesBackslashes) {
 // --- Components ------------------------------------------------------------------------------
 
 TEST(ICalParse, BuildsTheTreeInFileOrder) {
-    const auto calendars = ICalParser::parse("X-BEFORE:dropped\r\n"
-                                             "BEGIN:vcalendar\r\n"
-                                             "VERSION:2.0\r\n"
-                                             "BEGIN:VEVENT\r\n"
-                                             "SUMMARY:one\r\n"
-                                             "ATTENDEE:a\r\n"
-                                             "ATTENDEE:b\r\n"
-                                             "BEGIN:VALARM\r\n"
-                                             "TRIGGER:-PT15M\r\n"
-                                             "END:VALARM\r\n"
-                                             "END:VEVENT\r\n"
-                                             "BEGIN:VTODO\r\n"
-                                             "END:VTODO\r\n"
-                                             "BEGIN:VEVENT\r\n"
-                                             "SUMMARY:two\r\n"
-                                             "END:VEVENT\r\n"
-                                             "END:VCALENDAR\r\n"
-                                             "X-AFTER:dropped\r\n");
+    const auto calendars = ICalParser::parse(
+        "X-BEFORE:dropped\r\nBEGIN:vcalendar\r\nVERSION:2.0\r\n"
+        "BEGIN:VEVENT\r\nSUMMARY:one\r\nATTENDEE:a\r\nATTENDEE:b\r\nBEGIN:VALARM\r\nTRIGGER:-PT15M\r\nEND:VALARM\r\n"
+        "END:VEVENT\r\nBEGIN:VTODO\r\nEND:VTODO\r\nBEGIN:VEVENT\r\nSUMMARY:two\r\nEND:VEVENT\r\n"
+        "END:VCALENDAR\r\nX-AFTER:dropped\r\n");
     ASSERT_EQ(calendars.size(), 1u);
     const auto& calendar = calendars[0];
     EXPECT_EQ(calendar.name(), "VCALENDAR");

@@ -287,14 +287,12 @@ TEST_F(RealArchives, GoldenEvents) {
     const auto& groundhog = only(server, "C3188B3A-1ED0-11D9-A5E0-000A958A3252");
     EXPECT_EQ(groundhog.snapshot.start, Date{utc(2002, 2, 2)});
     EXPECT_EQ(groundhog.snapshot.end, Date{utc(2002, 2, 2) + 86399}) << "DURATION:P1D, all-day";
-    EXPECT_EQ(groundhog.snapshot.timeZone, std::nullopt);
     EXPECT_EQ(groundhog.snapshot.recurrence->description(), "FREQ=YEARLY;BYMONTH=2");
     // A stale and a current copy of one event: two rows, neither hiding the other.
     const auto copies = withIdentifier(server, "F756C5EB-2D97-41AA-8E70-31AC0C0217DB");
     ASSERT_EQ(copies.size(), 2u);
     EXPECT_EQ(copies[0]->snapshot.start, Date{utc(2007, 4, 1, 16)});
     EXPECT_EQ(copies[1]->snapshot.start, Date{utc(2007, 12, 10, 17)});
-    EXPECT_EQ(copies[1]->snapshot.timeZone, "America/New_York");
 
     // Every calendar known, with the defaults of an iCloud account.
     const IcsArchive producers(
@@ -319,7 +317,6 @@ TEST_F(RealArchives, GoldenEvents) {
     const auto& exceptions = producers.exceptions().at(tvRoom.rowID);
     EXPECT_EQ(exceptions.size(), 10u);
     EXPECT_EQ(exceptions.front(), Date{utc(2023, 12, 22, 18)});
-    EXPECT_TRUE(std::is_sorted(exceptions.begin(), exceptions.end()));
     EXPECT_EQ(std::count_if(producers.events().begin(), producers.events().end(),
                             [&](const BackupEvent& event) { return event.masterRowID == tvRoom.rowID; }),
               10);
