@@ -17,10 +17,12 @@ cmake --workflow --preset test
 # also made the files Qt generates). Any finding fails the run. The tests are left out to keep
 # the step short: they hold no product code, and the sanitizers watch them as they run.
 echo "clang-tidy: Sources/"
+started=$SECONDS
 if ! run-clang-tidy -p build/asan -quiet -j "$(nproc)" "$PWD/Sources/" >build/asan/clang-tidy.log 2>&1; then
     sed 's/\x1b\[[0-9;]*m//g' build/asan/clang-tidy.log | grep -v -e '^clang-tidy' -e ' warnings\? generated\.$' >&2
     echo "clang-tidy: the findings above fail the run (all of its output: build/asan/clang-tidy.log)" >&2
     exit 1
 fi
+echo "clang-tidy: no findings ($((SECONDS - started))s)"
 
 scripts/fuzz.sh
