@@ -77,7 +77,7 @@ TEST(EventSnapshotFormat, UsesUTCForFloatingAndTheCurrentZoneOtherwise) {
 
 // --- Changes ---------------------------------------------------------------------------------
 
-TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmpty) {
+TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmptyAndComparesTextsCanonically) {
     auto before = meeting();
     before.notes = std::nullopt;
     auto after = meeting();
@@ -89,12 +89,10 @@ TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmpty) {
 
     after.location = "  Room 1 \n";
     EXPECT_EQ(before.changes(after), (Changes{{"location", "", "Room 1"}}));
-}
 
-TEST(EventSnapshotChanges, ComparesTextsByCanonicalEquivalence) {
-    auto before = meeting();
+    // Texts compare by canonical equivalence.
     before.title = "Caf\u00E9";
-    auto after = meeting();
+    after = before;
     after.title = "Cafe\u0301";
     EXPECT_TRUE(before.changes(after).empty());
     after.title = "Cafe";
