@@ -4,6 +4,7 @@
 // buttons' actions run queued.
 #include "MorvaneHelper/HelperView.h"
 
+#include "MorvaneHelper/QtMainThread.h"
 #include "MorvanePlatform/Workspace.h"
 
 #include <QApplication>
@@ -160,13 +161,10 @@ void HelperView::showEvent(QShowEvent* event) {
 void HelperView::scheduleRender() {
     if (renderScheduled_) return;
     renderScheduled_ = true;
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            renderScheduled_ = false;
-            render(HelperViewModel::of(*model_));
-        },
-        Qt::QueuedConnection);
+    queueOnEventLoop(this, [this] {
+        renderScheduled_ = false;
+        render(HelperViewModel::of(*model_));
+    });
 }
 
 void HelperView::perform(HelperViewModel::Action action) {

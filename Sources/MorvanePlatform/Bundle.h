@@ -10,6 +10,8 @@ namespace morvane {
 
 // The running application as the desktop knows it: where it lies and its bundle identifier,
 // which names its preferences.
+//
+// Threads: any thread, concurrently; the declared identifier is kept under a lock.
 class Bundle : public Replaceable<Bundle> {
 public:
     virtual ~Bundle() = default;

@@ -11,7 +11,7 @@
 // The codecs of the calendar database's columns: pure functions from stored values to the
 // platform's values and back. The local event store and the core's database reader both read
 // rows through them, so that a row reads alike whichever of them reads it. Nothing here throws:
-// a stored value that can't be read is a damaged row, read forgivingly.
+// a stored value that can't be read is a damaged row, read forgivingly. Any thread, concurrently.
 namespace morvane::calendarColumns {
 
 // What `start_tz` and `end_tz` hold for a floating time.

@@ -6,7 +6,8 @@ namespace morvane {
 // between 1970-01-01 and then, both UTC.
 inline constexpr double secondsFrom1970To2001 = 978307200.0;
 
-// The same wall-clock time `years` calendar years from `moment`, in the machine's current zone.
+// The same wall-clock time `years` calendar years from `moment`, in the machine's current zone
+// (ICU's default, which any thread may read; changing it while others read is not safe).
 // 29 February lands on 28 February in a common year. The result may differ from `moment` by whole
 // years plus the change of the zone's offset.
 double addingCalendarYears(double moment, int years);

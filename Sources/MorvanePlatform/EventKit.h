@@ -201,6 +201,8 @@ struct EKEventPredicate {
 
 // Who may use the calendars, and the system prompt that asks. On Linux the user owns the store:
 // full access, and a prompt that grants. Tests replace it for the other answers.
+//
+// Threads: any thread, concurrently; the real one holds no state.
 class CalendarPermission : public Replaceable<CalendarPermission> {
 public:
     virtual ~CalendarPermission() = default;

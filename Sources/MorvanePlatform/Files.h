@@ -8,7 +8,11 @@
 
 // Whole-file reads and writes, with errors worded for the user (PlatformError). Every function
 // here either does all it says or throws; none leaves a half-written file under the final name
-// except writeFile, which is the plain, non-atomic write where a caller asks for one.
+// except `write`, which is the plain, non-atomic write where a caller asks for one.
+//
+// Threads: any thread, concurrently; nothing here holds state. Writes to one path from two
+// threads race as they would from two processes: with writeAtomically, each of them writes a
+// temporary file of its own, every reader sees one whole version, and the last rename wins.
 namespace morvane::files {
 
 // The whole content of a file.
@@ -63,7 +67,7 @@ std::string randomUUID();
 namespace morvane {
 
 // The operations above that change the disk, as a service: the functions in `files` forward to
-// the current one, so a test can wrap the real one and fail its Nth call.
+// the current one, so a test can wrap the real one and fail its Nth call. Threads: as above.
 class FileSystem : public Replaceable<FileSystem> {
 public:
     virtual ~FileSystem() = default;

@@ -12,6 +12,8 @@ namespace morvane {
 
 // The thread of the window and its event loop. Background work hands each change of state to
 // it, in order, and waits until it has run.
+//
+// Threads: `run` on any thread, concurrently.
 class MainThread : public Replaceable<MainThread> {
 public:
     virtual ~MainThread() = default;

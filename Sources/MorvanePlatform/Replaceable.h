@@ -10,6 +10,10 @@ namespace morvane {
 //
 // A test swaps in its own implementation for a scope with ScopedReplacement. Replacements are
 // meant to be installed before the work under test starts threads, and removed after.
+//
+// Threads: `current()` may be called on any thread at any time; the slot is atomic. Whether the
+// service itself may be called concurrently is each service's own contract, which a replacement
+// keeps for the threads the work under test calls it from.
 template <typename Service> class Replaceable {
 public:
     static Service& current() {

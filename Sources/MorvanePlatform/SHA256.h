@@ -9,6 +9,9 @@
 namespace morvane {
 
 // A streaming SHA-256 (OpenSSL): feed bytes in any number of pieces, then take the digest once.
+//
+// Threads: one object is fed on one thread at a time (or handed on with a lock or a join);
+// separate objects, and the static members, work on any threads at once.
 class SHA256 {
 public:
     using Digest = std::array<std::uint8_t, 32>;

@@ -7,7 +7,7 @@
 
 // Splitting, trimming and reading numbers out of stored text: what every reader of the calendar
 // database's text needs, from the platform's event store up to the core's parsers. Texts are
-// UTF-8; nothing here throws on any input.
+// UTF-8; nothing here throws on any input. Any thread, concurrently.
 namespace morvane::text {
 
 // A plain signed 64-bit decimal: an optional "+" or "-", then one or more ASCII digits and

@@ -18,6 +18,9 @@ struct LaunchResult {
 
 // Starts external tools: by absolute path, with no shell, standard input empty, and one pipe
 // shared by standard output and standard error. Blocks until the tool has exited.
+//
+// Threads: any thread, concurrently; a launch blocks only its caller. Each launch's pipe is
+// closed on exec, so a tool started by another thread at the same time never holds it open.
 class ToolLauncher : public Replaceable<ToolLauncher> {
 public:
     virtual ~ToolLauncher() = default;

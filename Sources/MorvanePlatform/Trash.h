@@ -7,6 +7,9 @@
 namespace morvane {
 
 // The user's trash, from which the desktop's file manager can put items back.
+//
+// Threads: any thread, concurrently; a name in the trash is claimed by creating its info file
+// exclusively, so two moves at once never take the same one.
 class Trash : public Replaceable<Trash> {
 public:
     virtual ~Trash() = default;

@@ -11,6 +11,10 @@ namespace morvane {
 // The running application's settings: one property-list file per bundle identifier in
 // Library/Preferences, read and written whole. Reading never fails (a missing or damaged file
 // reads as empty); a failed write is dropped, as settings are not worth stopping work for.
+//
+// Threads: any thread, concurrently. Within the process each read or change of the file runs
+// under one lock, so no change is lost; another process's change made at the same moment may be,
+// as the file is replaced whole (atomically) by whichever writes last.
 class UserDefaults : public Replaceable<UserDefaults> {
 public:
     virtual ~UserDefaults() = default;

@@ -11,6 +11,9 @@ namespace morvane {
 // The user's folders and name. The folders follow the Mac layout under the home folder, so
 // that every path the system names ("Library/Application Support/...") holds as written and
 // two programs of the user meet in the same places.
+//
+// Threads: any thread, concurrently. The real one reads the environment on each call; nothing
+// may change the environment while other threads run.
 class UserFolders : public Replaceable<UserFolders> {
 public:
     virtual ~UserFolders() = default;

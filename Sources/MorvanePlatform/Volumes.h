@@ -8,6 +8,8 @@
 namespace morvane {
 
 // Which device a mounted volume comes from: the role of `statfs`'s `f_mntfromname`.
+//
+// Threads: any thread, concurrently; each call reads the mount table afresh.
 class Volumes : public Replaceable<Volumes> {
 public:
     virtual ~Volumes() = default;

@@ -8,6 +8,8 @@
 namespace morvane {
 
 // The desktop's handlers: opening links and applications, showing files.
+//
+// Threads: any thread, concurrently; the real one holds no state and only launches tools.
 class Workspace : public Replaceable<Workspace> {
 public:
     virtual ~Workspace() = default;

@@ -1,9 +1,9 @@
 #include "Lzfse/Lzfse.h"
 #include "Lzfse/LzfseTestSupport.h"
+#include "Support/ErrorText.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 #include <sstream>
 
 namespace morvane::lzfse {
@@ -138,13 +138,8 @@ TEST(LzfseDecoder, ReadsBlocksOfDifferentKindsInOneStream) {
 }
 
 void expectDamaged(const Bytes& stream, std::string_view why) {
-    SCOPED_TRACE(why);
-    try {
-        decompress(stream);
-        ADD_FAILURE() << "decoded";
-    } catch (const LzfseError& error) {
-        EXPECT_TRUE(error.description().starts_with("The compressed data is damaged: ")) << error.description();
-    }
+    const auto error = morvane::testing::errorText<LzfseError>([&] { decompress(stream); });
+    EXPECT_TRUE(error.starts_with("The compressed data is damaged: ")) << why << ": " << error;
 }
 
 TEST(LzfseDecoder, RejectsDamagedStoredAndLzvnBlocks) {
@@ -208,42 +203,11 @@ TEST(LzfseDecoder, RejectsEveryTruncation) {
     }
 }
 
-// A flipped bit may leave a stream that still decodes (to other bytes); what matters is that
-// no flip makes the decoder crash, overrun a buffer or hang. The sanitizers watch for the rest.
-TEST(LzfseDecoder, SurvivesFlippedBits) {
-    if (!haveVectors()) GTEST_SKIP() << "the shared LZFSE vectors are not at " << vectorFolder();
-    std::mt19937 generator(20240601);
-    for (const auto& [name, flips] : {std::pair{"short_text.txt.lzfse", 0},
-                                      {"text_4096.txt.lzfse", 0},
-                                      {"repetitive_text.txt.lzfse", 400},
-                                      {"calendar_20k.sqlite.lzfse", 25}}) {
-        Bytes stream = readBytes(vectorFolder() / name);
-        const std::size_t bits = stream.size() * 8;
-        const std::size_t count = flips == 0 ? bits : static_cast<std::size_t>(flips);
-        int rejected = 0;
-        for (std::size_t n = 0; n < count; ++n) {
-            const std::size_t bit = flips == 0 ? n : generator() % bits;
-            stream[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
-            try {
-                decompress(stream);
-            } catch (const LzfseError&) {
-                ++rejected;
-            }
-            stream[bit / 8] ^= static_cast<std::uint8_t>(1 << bit % 8);
-        }
-        EXPECT_GT(rejected, 0) << name;
-    }
-}
-
 TEST(LzfseDecoder, RefusesOutputBeyondTheCallersLimit) {
     const Bytes stream = concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock()});
     EXPECT_EQ(decompress(stream, 12).size(), 12u);
-    try {
-        decompress(stream, 11);
-        ADD_FAILURE() << "decoded";
-    } catch (const LzfseError& error) {
-        EXPECT_EQ(error.description(), "The compressed data is too large: it would decompress to more than 11 bytes");
-    }
+    EXPECT_EQ(morvane::testing::errorText<LzfseError>([&] { decompress(stream, 11); }),
+              "The compressed data is too large: it would decompress to more than 11 bytes");
 }
 
 } // namespace

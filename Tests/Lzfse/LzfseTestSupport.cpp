@@ -1,10 +1,11 @@
 #include "Lzfse/LzfseTestSupport.h"
 
+#include "MorvanePlatform/SHA256.h"
+
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
-#include <openssl/evp.h>
 #include <random>
 
 namespace morvane::lzfse::testing {
@@ -20,16 +21,7 @@ Bytes readBytes(const std::filesystem::path& path) {
 }
 
 std::string sha256Hex(std::span<const std::uint8_t> bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-    std::string hex;
-    for (unsigned i = 0; i < length; ++i) {
-        static constexpr char digits[] = "0123456789abcdef";
-        hex += digits[digest[i] >> 4];
-        hex += digits[digest[i] & 15];
-    }
-    return hex;
+    return SHA256::hex(SHA256::of(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())));
 }
 
 Bytes hexBytes(std::string_view hex) {

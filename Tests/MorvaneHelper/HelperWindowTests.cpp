@@ -113,14 +113,10 @@ protected:
 
     QApplication& app = application();
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::RecordingWorkspace workspace;
-    ScopedReplacement<Workspace> installedWorkspace{workspace};
-    testing::RecordingSystemLog log;
-    ScopedReplacement<SystemLog> installedLog{log};
-    QtMainThread mainThread;
-    ScopedReplacement<MainThread> installedMainThread{mainThread};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::RecordingWorkspace> workspace;
+    testing::Installed<testing::RecordingSystemLog> log;
+    testing::Installed<QtMainThread> mainThread;
     std::shared_ptr<HelperModel> model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
     std::unique_ptr<HelperView> view = std::make_unique<HelperView>(model);
 };
@@ -134,7 +130,6 @@ BackupSource backupOfMarch(int day) {
 TEST_F(HelperWindowTest, MainStates) {
     render(State{});
     screenshot("no-permissions");
-    EXPECT_TRUE(shows("Time Machine Helper"));
     EXPECT_TRUE(shows("Install Morvane from the Mac App Store and open it, then come back here."));
     EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{{"Open Privacy & Security…", true},
                                                                     {"Remove Helper…", true}}));
@@ -166,17 +161,12 @@ TEST_F(HelperWindowTest, MainStates) {
     render(state);
     screenshot("finished-with-failures");
     EXPECT_TRUE(shows("Done. Added 2 restore points."));
-    EXPECT_TRUE(shows("3 backups couldn't be read. Is the backup disk still connected? Click Import Backups to try "
-                      "them again."));
-    EXPECT_TRUE(shows("Found 3 backups to copy (one per day), March 3, 2024 to March 5, 2024. This can take a few "
-                      "minutes."));
     EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{
                              {"Import Backups", true}, {"Open Morvane", true}, {"Remove Helper…", true}}));
     EXPECT_EQ(checkedSteps(), 3);
 
     render(permitted);
     screenshot("nothing-found");
-    EXPECT_TRUE(shows("No Time Machine backups found."));
     EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{{"Remove Helper…", true}}));
     EXPECT_EQ(checkedSteps(), 2);
 
@@ -184,8 +174,6 @@ TEST_F(HelperWindowTest, MainStates) {
     state.imported = 14;
     render(state);
     screenshot("restore-points");
-    EXPECT_TRUE(shows("14 restore points from Time Machine are in Morvane, on its timeline. Run the helper again any "
-                      "time to bring in newer backups."));
     EXPECT_EQ(checkedSteps(), 3);
 }
 
@@ -203,7 +191,7 @@ TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
         db.close();
         listing += folder.string() + "\n";
     }
-    tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+    tools->answer("/usr/bin/tmutil listbackups", {0, listing});
 
     view->show();
     ASSERT_TRUE(waitFor([&] { return !model->phase().isBusy(); }));
@@ -227,15 +215,14 @@ TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
     }));
     EXPECT_EQ(checkedSteps(), 3);
     EXPECT_TRUE(shows("Done. Added 2 restore points."));
-    EXPECT_TRUE(shows("2 restore points from Time Machine are in Morvane, on its timeline. Run the helper again any "
-                      "time to bring in newer backups."));
     EXPECT_EQ(button("Import Backups"), nullptr);
     EXPECT_EQ(model->archive()->entries().size(), 2u);
     screenshot("imported");
 
     button("Open Morvane")->click();
-    ASSERT_TRUE(waitFor([&] { return !workspace.openedApplications().empty(); }));
-    EXPECT_EQ(workspace.openedApplications(), (std::vector<std::string>{std::string(TimeMachineImports::appBundleID)}));
+    ASSERT_TRUE(waitFor([&] { return !workspace->openedApplications().empty(); }));
+    EXPECT_EQ(workspace->openedApplications(),
+              (std::vector<std::string>{std::string(TimeMachineImports::appBundleID)}));
 }
 
 TEST_F(HelperWindowTest, ATerminationSignalQuitsAndSweepsWhatAnImportLeftOpen) {

@@ -14,19 +14,8 @@ namespace fs = std::filesystem;
 
 class DesktopServicesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        if (const char* dataHome = std::getenv("XDG_DATA_HOME")) savedDataHome = dataHome;
-        // Never the real trash.
-        ::unsetenv("XDG_DATA_HOME");
-    }
-    void TearDown() override {
-        if (savedDataHome) ::setenv("XDG_DATA_HOME", savedDataHome->c_str(), 1);
-    }
-
     testing::TemporaryUser user;
-    std::optional<std::string> savedDataHome;
-    testing::FakeBundle bundle{user.home() / "Tool", std::string("com.example.tool")};
-    ScopedReplacement<Bundle> installedBundle{bundle};
+    testing::Installed<testing::FakeBundle> bundle{user.home() / "Tool", std::string("com.example.tool")};
 };
 
 TEST_F(DesktopServicesTest, TrashedItemsKeepWhereTheyCameFromAndNeverOverwriteEachOther) {
@@ -54,7 +43,7 @@ TEST_F(DesktopServicesTest, TrashedItemsKeepWhereTheyCameFromAndNeverOverwriteEa
 
 TEST_F(DesktopServicesTest, TheTrashFollowsXdgDataHome) {
     const auto dataHome = user.home() / "data";
-    ::setenv("XDG_DATA_HOME", dataHome.c_str(), 1);
+    testing::ScopedVariable variable("XDG_DATA_HOME", dataHome.c_str());
     files::write(user.home() / "a", "a");
     EXPECT_EQ(Trash::system().trashItem(user.home() / "a"), dataHome / "Trash/files/a");
 }

@@ -5,8 +5,10 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
+#include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
 #include <algorithm>
@@ -54,6 +56,13 @@ std::string dbCount(const fs::path& path, const std::string& sql) {
 
 class EventStoreTest : public ::testing::Test {
 protected:
+    // Saves a timed event, in the pinned zone unless told otherwise (absent is floating); a series
+    // when `repeat` is given.
+    std::shared_ptr<EKEvent> save(const std::string& title, double start, double end,
+                                  std::optional<EKRecurrenceRule> repeat = std::nullopt,
+                                  std::optional<std::string> zone = std::string(testing::pinnedZone)) {
+        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(repeat));
+    }
     std::shared_ptr<EKEvent> newEvent(const std::string& title, double start, double end,
                                       std::optional<std::string> zone = std::string(testing::pinnedZone)) {
         auto event = EKEvent::eventWithEventStore(store);
@@ -90,8 +99,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     EKEventStore store;
 };
 
@@ -103,16 +111,10 @@ TEST_F(EventStoreTest, FirstUseCreatesOneLocalCalendarAtTheLivePath) {
     ASSERT_TRUE(fs::exists(path));
     EXPECT_EQ(dbCount(path, "PRAGMA journal_mode"), "wal");
 
+    // What the calendar holds is read back by `morvane calendars`, whose tests check it.
     const auto calendars = store.calendarsForEntityType(EKEntityType::event);
     ASSERT_EQ(calendars.size(), 1u);
     const auto& calendar = *calendars.front();
-    EXPECT_EQ(calendar.title, "Calendar");
-    EXPECT_EQ(calendar.type, EKCalendarType::local);
-    ASSERT_TRUE(calendar.source);
-    EXPECT_EQ(calendar.source->title, "On My Mac");
-    EXPECT_TRUE(calendar.allowsContentModifications);
-    ASSERT_TRUE(calendar.colorComponents);
-    EXPECT_EQ(calendar.colorComponents->size(), 4u);
     EXPECT_EQ(store.defaultCalendarForNewEvents(), calendars.front());
     EXPECT_EQ(store.calendarWithIdentifier(calendar.calendarIdentifier), calendars.front());
     EXPECT_EQ(store.calendarWithIdentifier("nope"), nullptr);
@@ -123,38 +125,16 @@ TEST_F(EventStoreTest, FirstUseCreatesOneLocalCalendarAtTheLivePath) {
               calendar.calendarIdentifier);
     for (const auto& entry : fs::directory_iterator(path.parent_path()))
         EXPECT_EQ(entry.path().filename().string().find(".new-"), std::string::npos) << entry.path();
-}
-
-TEST_F(EventStoreTest, AuthorizationIsFullOnLinuxAndFollowsThePermissionService) {
+    // The user owns the store on Linux; the permission service's other answers reach the core,
+    // whose tests check them.
     EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::fullAccess);
-
-    testing::ScriptedCalendarPermission permission;
-    ScopedReplacement<CalendarPermission> installed(permission);
-    permission.currentStatus = EKAuthorizationStatus::denied;
-    EXPECT_EQ(EKEventStore::authorizationStatusForEntityType(EKEntityType::event), EKAuthorizationStatus::denied);
-
-    permission.answer = false;
-    std::optional<bool> granted;
-    store.requestFullAccessToEvents([&](bool answer, std::exception_ptr error) {
-        granted = answer;
-        EXPECT_FALSE(error);
-    });
-    EXPECT_EQ(granted, false);
-
-    permission.error = "The prompt couldn't be shown.";
-    std::exception_ptr failure;
-    store.requestFullAccessToEvents([&](bool, std::exception_ptr error) { failure = error; });
-    EXPECT_TRUE(failure);
-    EXPECT_EQ(permission.prompts, 2);
 }
 
 // ---- Expansion ----
 
 TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
     // Mondays 09:00 in Los Angeles from 4 March 2024; the clocks go forward on 10 March.
-    auto meeting = newEvent("Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30));
-    meeting->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*meeting, EKSpan::futureEvents, true);
+    auto meeting = save("Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), rule(EKRecurrenceFrequency::weekly));
 
     const auto events = fetch(utc(2024, 3, 1), utc(2024, 3, 26));
     EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-03-04 09:00", "2024-03-11 09:00", "2024-03-18 09:00",
@@ -170,9 +150,7 @@ TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
     }
 
     // A meeting in Berlin keeps Berlin's 09:00, whatever the machine's zone does.
-    auto berlin = newEvent("Berlin sync", utc(2024, 3, 25, 8), utc(2024, 3, 25, 9), "Europe/Berlin");
-    berlin->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*berlin, EKSpan::futureEvents, true);
+    save("Berlin sync", utc(2024, 3, 25, 8), utc(2024, 3, 25, 9), rule(EKRecurrenceFrequency::weekly), "Europe/Berlin");
     std::vector<std::string> berlinStarts;
     for (const auto& event : fetch(utc(2024, 3, 24), utc(2024, 4, 9))) {
         if (event->title == "Berlin sync") berlinStarts.push_back(wallClock(*event->startDate, "Europe/Berlin"));
@@ -182,9 +160,7 @@ TEST_F(EventStoreTest, ZonedWeeklyMeetingStaysAtNineAcrossTheClockChange) {
 
 TEST_F(EventStoreTest, FloatingSeriesFollowsTheWallClockOfWhicheverZoneIsCurrent) {
     // 09:00 wherever the machine is: stored as 09:00 read as UTC.
-    auto walk = newEvent("Walk", utc(2024, 3, 8, 17), utc(2024, 3, 8, 18), std::nullopt);
-    walk->recurrenceRules = {rule(EKRecurrenceFrequency::daily)};
-    store.saveEvent(*walk, EKSpan::futureEvents, true);
+    save("Walk", utc(2024, 3, 8, 17), utc(2024, 3, 8, 18), rule(EKRecurrenceFrequency::daily), std::nullopt);
     EXPECT_EQ(dbCount(store.databasePath(), "SELECT start_tz || ' ' || CAST(start_date AS INTEGER) FROM CalendarItem"),
               "_float " + std::to_string(static_cast<long long>(utc(2024, 3, 8, 9))));
 
@@ -212,20 +188,18 @@ TEST_F(EventStoreTest, AllDayEventsCoverTheirLocalDay) {
 }
 
 TEST_F(EventStoreTest, MonthlyByWeekdayAndSetPositionRules) {
-    auto lastFriday = newEvent("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19));
-    lastFriday->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
-    lastFriday->recurrenceRules[0].daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)};
-    store.saveEvent(*lastFriday, EKSpan::futureEvents, true);
+    save("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19),
+         EKRecurrenceRule{.frequency = EKRecurrenceFrequency::monthly,
+                          .daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1)}});
 
-    auto lastWorkday = newEvent("Payroll", utc(2024, 1, 31, 18), utc(2024, 1, 31, 19));
-    lastWorkday->recurrenceRules = {
-        rule(EKRecurrenceFrequency::monthly, EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5))};
     std::vector<EKRecurrenceDayOfWeek> workdays;
     for (int day = 2; day <= 6; ++day)
         workdays.push_back(EKRecurrenceDayOfWeek::dayOfWeek(day));
-    lastWorkday->recurrenceRules[0].daysOfTheWeek = workdays;
-    lastWorkday->recurrenceRules[0].setPositions = std::vector{-1};
-    store.saveEvent(*lastWorkday, EKSpan::futureEvents, true);
+    save("Payroll", utc(2024, 1, 31, 18), utc(2024, 1, 31, 19),
+         EKRecurrenceRule{.frequency = EKRecurrenceFrequency::monthly,
+                          .daysOfTheWeek = workdays,
+                          .setPositions = std::vector{-1},
+                          .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5)});
 
     std::vector<std::string> reviews;
     std::vector<std::string> payrolls;
@@ -302,25 +276,7 @@ TEST_F(EventStoreTest, AFetchSpanEndsAYearLaterWith29FebruaryOn28February) {
 
 // ---- Editing occurrences ----
 
-TEST_F(EventStoreTest, RemovingOneOccurrenceAddsAnExceptionDate) {
-    auto daily = newEvent("Daily", utc(2024, 5, 1, 16), utc(2024, 5, 1, 17));
-    daily->recurrenceRules = {rule(EKRecurrenceFrequency::daily, EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5))};
-    store.saveEvent(*daily, EKSpan::futureEvents, true);
-
-    auto occurrences = fetch(utc(2024, 5, 1), utc(2024, 5, 10));
-    ASSERT_EQ(occurrences.size(), 5u);
-    store.removeEvent(*occurrences[2], EKSpan::thisEvent, true);
-
-    EXPECT_EQ(
-        starts(fetch(utc(2024, 5, 1), utc(2024, 5, 10))),
-        (std::vector<std::string>{"2024-05-01 09:00", "2024-05-02 09:00", "2024-05-04 09:00", "2024-05-05 09:00"}));
-    EXPECT_EQ(dbCount(store.databasePath(), "SELECT CAST(date AS INTEGER) FROM ExceptionDate"),
-              std::to_string(static_cast<long long>(utc(2024, 5, 3, 16))));
-    // The series is still there, with its master.
-    EXPECT_TRUE(std::dynamic_pointer_cast<EKEvent>(store.calendarItemWithIdentifier(daily->calendarItemIdentifier())));
-}
-
-TEST_F(EventStoreTest, AnOccurrenceMovedByDaysIsDetachedAndFoundUnderItsSeries) {
+TEST_F(EventStoreTest, AMovedOccurrenceIsDetachedUnderItsSeriesAndARemovedOneBecomesAnExceptionDate) {
     auto weekly = newEvent("Piano", utc(2024, 5, 6, 23), utc(2024, 5, 7, 0));
     weekly->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
     weekly->alarms = {EKAlarm::alarmWithRelativeOffset(-900)};
@@ -336,10 +292,12 @@ TEST_F(EventStoreTest, AnOccurrenceMovedByDaysIsDetachedAndFoundUnderItsSeries) 
     const auto key = std::to_string(static_cast<long long>(original));
     EXPECT_TRUE(second->isDetached());
     EXPECT_EQ(second->calendarItemExternalIdentifier(), uid + "/RID=" + key);
+    store.removeEvent(*fetch(utc(2024, 5, 27), utc(2024, 5, 28)).at(0), EKSpan::thisEvent, true);
+    EXPECT_EQ(dbCount(store.databasePath(), "SELECT CAST(date AS INTEGER) FROM ExceptionDate"),
+              std::to_string(static_cast<long long>(utc(2024, 5, 27, 23))));
 
     const auto events = fetch(utc(2024, 5, 1), utc(2024, 5, 31));
-    EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-05-06 16:00", "2024-05-16 16:00", "2024-05-20 16:00",
-                                                        "2024-05-27 16:00"}));
+    EXPECT_EQ(starts(events), (std::vector<std::string>{"2024-05-06 16:00", "2024-05-16 16:00", "2024-05-20 16:00"}));
     const auto& moved = *events[1];
     EXPECT_TRUE(moved.isDetached());
     EXPECT_EQ(moved.title, "Piano (moved)");
@@ -356,13 +314,11 @@ TEST_F(EventStoreTest, AnOccurrenceMovedByDaysIsDetachedAndFoundUnderItsSeries) 
 
     // Removing the detached occurrence keeps its slot empty.
     store.removeEvent(*events[1], EKSpan::thisEvent, true);
-    EXPECT_EQ(fetch(utc(2024, 5, 1), utc(2024, 5, 31)).size(), 3u);
+    EXPECT_EQ(fetch(utc(2024, 5, 1), utc(2024, 5, 31)).size(), 2u);
 }
 
 TEST_F(EventStoreTest, RemovingFutureEventsEndsTheSeriesOrRemovesItWhole) {
-    auto series = newEvent("Course", utc(2024, 9, 2, 16), utc(2024, 9, 2, 17));
-    series->recurrenceRules = {rule(EKRecurrenceFrequency::weekly)};
-    store.saveEvent(*series, EKSpan::futureEvents, true);
+    auto series = save("Course", utc(2024, 9, 2, 16), utc(2024, 9, 2, 17), rule(EKRecurrenceFrequency::weekly));
 
     auto fourth = fetch(utc(2024, 9, 20), utc(2024, 9, 27)).at(0);
     store.removeEvent(*fourth, EKSpan::futureEvents, true);
@@ -378,8 +334,7 @@ TEST_F(EventStoreTest, RemovingFutureEventsEndsTheSeriesOrRemovesItWhole) {
 }
 
 TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
-    auto kept = newEvent("Kept", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
-    store.saveEvent(*kept, EKSpan::thisEvent, true);
+    auto kept = save("Kept", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
 
     auto pending = newEvent("Pending", utc(2024, 6, 4, 16), utc(2024, 6, 4, 17));
     store.saveEvent(*pending, EKSpan::thisEvent, false);
@@ -409,12 +364,8 @@ TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
 
 TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
     auto event = newEvent("Backwards", utc(2024, 6, 3, 17), utc(2024, 6, 3, 16));
-    try {
-        store.saveEvent(*event, EKSpan::thisEvent, true);
-        FAIL() << "saved an event that ends before it starts";
-    } catch (const EventStoreError& error) {
-        EXPECT_EQ(error.description(), "The start date must be before the end date.");
-    }
+    EXPECT_EQ(testing::errorText<EventStoreError>([&] { store.saveEvent(*event, EKSpan::thisEvent, true); }),
+              "The start date must be before the end date.");
     event->endDate = utc(2024, 6, 3, 18);
     event->calendar = nullptr;
     EXPECT_THROW(store.saveEvent(*event, EKSpan::thisEvent, true), EventStoreError);
@@ -428,9 +379,7 @@ TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
 }
 
 TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
-    auto monthly = newEvent("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18));
-    monthly->recurrenceRules = {rule(EKRecurrenceFrequency::monthly)};
-    store.saveEvent(*monthly, EKSpan::futureEvents, true);
+    save("Rent", utc(2023, 1, 1, 17), utc(2023, 1, 1, 18), rule(EKRecurrenceFrequency::monthly));
     const auto path = store.databasePath();
     // From 1 January last year to 1 January in two years, local time: 36 months of rent.
     EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheStart'"),
@@ -441,8 +390,8 @@ TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
     EXPECT_EQ(dbCount(path, "SELECT SUM(count) FROM OccurrenceCacheDays"), "36");
 
     // A year on, the next write moves the window and rebuilds the cache for every series.
-    clock.set(utc(2025, 3, 1));
-    store.saveEvent(*newEvent("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18)), EKSpan::thisEvent, true);
+    clock->set(utc(2025, 3, 1));
+    save("Dentist", utc(2025, 3, 3, 17), utc(2025, 3, 3, 18));
     EXPECT_EQ(dbCount(path, "SELECT value FROM _SqliteDatabaseProperties WHERE key = 'OccurrenceCacheEnd'"),
               std::to_string(static_cast<long long>(utc(2027, 1, 1, 8))));
     EXPECT_EQ(dbCount(path, "SELECT COUNT(*) FROM OccurrenceCache"), "37");
@@ -582,17 +531,12 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
         int n = 1;
         for (;; ++n) {
             const auto write = prepare(faulty);
-            FailingNthStep failing(n);
-            std::optional<std::string> error;
+            std::string error;
             {
-                ScopedReplacement<sqlite::Steps> installed(failing);
-                try {
-                    write();
-                } catch (const EventStoreError& thrown) {
-                    error = thrown.description();
-                }
+                testing::Installed<FailingNthStep> failing(n);
+                error = testing::errorText<EventStoreError>(write);
+                if (!failing->failed()) break;
             }
-            if (!failing.failed()) break;
             ASSERT_EQ(error, "The event store's database failed: disk I/O error") << "call " << n;
             // Whatever the failed write left pending would reach the file now. The next round
             // reads and writes through the same store: it still works.
@@ -609,8 +553,7 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
 class ExistingDatabaseTest : public ::testing::Test {
 protected:
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     fs::path path = EKEventStore::defaultDatabasePath();
 };
 
@@ -680,12 +623,8 @@ TEST_F(ExistingDatabaseTest, IsReadAsFoundAndLeftUntouchedUntilSomethingIsSaved)
     intoHolidays->startDate = first;
     intoHolidays->endDate = first + 60;
     intoHolidays->calendar = calendars[1];
-    try {
-        store.saveEvent(*intoHolidays, EKSpan::thisEvent, true);
-        FAIL() << "saved into a subscribed calendar";
-    } catch (const EventStoreError& error) {
-        EXPECT_EQ(error.description(), "The calendar is read-only.");
-    }
+    EXPECT_EQ(testing::errorText<EventStoreError>([&] { store.saveEvent(*intoHolidays, EKSpan::thisEvent, true); }),
+              "The calendar is read-only.");
     EXPECT_EQ(SHA256::hex(SHA256::of(files::read(path))), before);
 }
 
@@ -729,13 +668,8 @@ TEST_F(ExistingDatabaseTest, MissingColumnsRefuseTheFile) {
     sqlite3_open(path.c_str(), &db);
     sqlite3_exec(db, "CREATE TABLE CalendarItem (summary TEXT)", nullptr, nullptr, nullptr);
     sqlite3_close(db);
-    try {
-        EKEventStore store;
-        FAIL() << "opened a database without the calendar tables";
-    } catch (const EventStoreError& error) {
-        EXPECT_TRUE(error.description().starts_with("Unsupported Calendar.sqlitedb schema: Alarm lacks "))
-            << error.description();
-    }
+    const auto error = testing::errorText<EventStoreError>([] { EKEventStore store; });
+    EXPECT_TRUE(error.starts_with("Unsupported Calendar.sqlitedb schema: Alarm lacks ")) << error;
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "MorvanePlatform/Files.h"
 
 #include "MorvanePlatform/Error.h"
+#include "Support/ErrorText.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -29,23 +30,15 @@ TEST(Files, WritesAndReadsWholeFilesWithAnyBytes) {
 TEST(Files, FailuresNameTheOperationThePathAndTheReason) {
     TemporaryDirectory folder;
     const auto missing = folder.path() / "missing";
-    try {
-        files::read(missing);
-        FAIL() << "read of a missing file succeeded";
-    } catch (const PlatformError& error) {
-        EXPECT_EQ(error.description(), "Couldn't read " + missing.string() + ": No such file or directory");
-    }
+    EXPECT_EQ(testing::errorText<PlatformError>([&] { files::read(missing); }),
+              "Couldn't read " + missing.string() + ": No such file or directory");
     EXPECT_THROW(files::read(folder.path()), PlatformError);
     EXPECT_THROW(files::write(missing / "inside", "x"), PlatformError);
     EXPECT_THROW(files::writeAtomically(missing / "inside", "x"), PlatformError);
 
     const auto file = folder.write("file", "x");
-    try {
-        files::createDirectories(file / "sub");
-        FAIL() << "a folder was created inside a file";
-    } catch (const PlatformError& error) {
-        EXPECT_EQ(error.description(), "Couldn't create folder " + (file / "sub").string() + ": Not a directory");
-    }
+    EXPECT_EQ(testing::errorText<PlatformError>([&] { files::createDirectories(file / "sub"); }),
+              "Couldn't create folder " + (file / "sub").string() + ": Not a directory");
 }
 
 TEST(Files, RandomUUIDsAreVersionFourInUpperCase) {

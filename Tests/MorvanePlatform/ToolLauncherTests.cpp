@@ -7,10 +7,10 @@ namespace {
 
 LaunchResult shell(const std::string& script) { return ToolLauncher::system().launch("/bin/sh", {"-c", script}); }
 
-TEST(ToolLauncher, MixesStandardOutputAndErrorInOnePipe) {
-    const auto result = shell("echo first; echo second >&2; echo third");
+TEST(ToolLauncher, MixesStandardOutputAndErrorInOnePipeWithStandardInputEmpty) {
+    const auto result = shell("echo first; echo second >&2; wc -c");
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "first\nsecond\nthird\n");
+    EXPECT_EQ(result.output, "first\nsecond\n0\n");
 }
 
 TEST(ToolLauncher, PassesArgumentsWithoutAShell) {
@@ -30,8 +30,6 @@ TEST(ToolLauncher, ReadsOutputLargerThanThePipeBeforeWaiting) {
     ASSERT_EQ(result.output.size(), 4194304u + 5);
     EXPECT_EQ(result.output.substr(result.output.size() - 5), "done\n");
 }
-
-TEST(ToolLauncher, GivesStandardInputAsEmpty) { EXPECT_EQ(shell("wc -c").output, "0\n"); }
 
 TEST(ToolLauncher, MissingOrRelativeToolFailsToLaunchWithItsReason) {
     const auto missing = ToolLauncher::system().launch("/usr/bin/tmutil-is-not-here", {"listbackups"});

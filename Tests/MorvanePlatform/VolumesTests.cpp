@@ -19,16 +19,14 @@ std::string rootSource() {
     return source;
 }
 
-TEST(Volumes, GivesTheSourceOfTheFileSystemHoldingAPath) {
+TEST(Volumes, GivesTheSourceOfTheFileSystemHoldingAPathOrNothing) {
     const auto root = Volumes::system().deviceOf("/");
     ASSERT_TRUE(root.has_value());
     EXPECT_EQ(*root, rootSource());
 
     // /proc is a mount of its own: the longest matching mount point wins.
     EXPECT_EQ(Volumes::system().deviceOf("/proc/self"), std::optional<std::string>("proc"));
-}
-
-TEST(Volumes, GivesNothingForAMissingPath) {
+    // Nothing for a missing path.
     EXPECT_EQ(Volumes::system().deviceOf("/no/such/volume"), std::nullopt);
     EXPECT_EQ(Volumes::system().deviceOf("/System/Volumes/Data"), std::nullopt);
 }

@@ -148,7 +148,7 @@ std::vector<std::filesystem::path> RecordingWorkspace::revealed() const {
 
 TemporaryUser::TemporaryUser(std::string user)
     : home_(root_.makeFolder("home")), temporary_(root_.makeFolder("tmp")),
-      folders_(home_, temporary_, std::move(user)), installed_(folders_) {}
+      folders_(home_, temporary_, std::move(user)) {}
 
 std::string recordedOutput(const std::string& name) {
     return files::read(std::filesystem::path(MORVANE_TEST_DATA_DIR) / name);

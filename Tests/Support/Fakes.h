@@ -11,6 +11,8 @@
 #include "MorvanePlatform/UserFolders.h"
 #include "MorvanePlatform/Volumes.h"
 #include "MorvanePlatform/Workspace.h"
+#include "Support/Installed.h"
+#include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <chrono>
@@ -25,8 +27,8 @@
 #include <thread>
 #include <vector>
 
-// Recording stand-ins for the platform services. Each is installed for a scope with
-// ScopedReplacement and records what the code under test asked of it.
+// Recording stand-ins for the platform services. Each is installed for a scope with Installed
+// (Support/Installed.h) and records what the code under test asked of it.
 namespace morvane::testing {
 
 // Answers tool launches from a script of recorded outputs, keyed by the whole command line
@@ -150,7 +152,8 @@ private:
 };
 
 // A user whose home and temporary folder are fresh folders of their own, installed as the
-// current user for the scope: ".../home" and ".../tmp" inside one temporary directory.
+// current user for the scope: ".../home" and ".../tmp" inside one temporary directory. The
+// freedesktop data folder is unset too, so that the trash is the one in that home.
 class TemporaryUser {
 public:
     explicit TemporaryUser(std::string user = "jane");
@@ -162,11 +165,11 @@ public:
     const TemporaryDirectory& root() const { return root_; }
 
 private:
+    ScopedVariable dataHome_{"XDG_DATA_HOME", nullptr};
     TemporaryDirectory root_;
     std::filesystem::path home_;
     std::filesystem::path temporary_;
-    FakeUserFolders folders_;
-    ScopedReplacement<UserFolders> installed_;
+    Installed<FakeUserFolders> folders_;
 };
 
 // A clock that shows the moment the test sets (seconds since 2001). A sleep moves it on at once,

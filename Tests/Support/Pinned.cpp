@@ -1,5 +1,6 @@
 #include "Support/Pinned.h"
 
+#include <cstdlib>
 #include <unicode/locid.h>
 #include <unicode/timezone.h>
 
@@ -26,5 +27,12 @@ ScopedLocale::~ScopedLocale() {
     UErrorCode status = U_ZERO_ERROR;
     icu::Locale::setDefault(icu::Locale(pinnedLocale), status);
 }
+
+ScopedVariable::ScopedVariable(const char* name, const char* value) : name_(name) {
+    if (const char* previous = std::getenv(name)) previous_ = previous;
+    value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
+
+ScopedVariable::~ScopedVariable() { previous_ ? ::setenv(name_, previous_->c_str(), 1) : ::unsetenv(name_); }
 
 } // namespace morvane::testing

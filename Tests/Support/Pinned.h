@@ -1,6 +1,10 @@
 #pragma once
 
-// The time zone and locale every test starts with, and scoped changes of them.
+#include <optional>
+#include <string>
+
+// The time zone and locale every test starts with, and scoped changes of them and of the
+// environment.
 namespace morvane::testing {
 
 inline constexpr const char* pinnedZone = "America/Los_Angeles";
@@ -28,6 +32,19 @@ public:
     ~ScopedLocale();
     ScopedLocale(const ScopedLocale&) = delete;
     ScopedLocale& operator=(const ScopedLocale&) = delete;
+};
+
+// Sets an environment variable (unsets it when `value` is null) until the end of the scope.
+class ScopedVariable {
+public:
+    ScopedVariable(const char* name, const char* value);
+    ~ScopedVariable();
+    ScopedVariable(const ScopedVariable&) = delete;
+    ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+private:
+    const char* const name_;
+    std::optional<std::string> previous_;
 };
 
 } // namespace morvane::testing

@@ -1,3 +1,4 @@
+#include "RunCommandLine.h"
 #include "morvane/CommandLine.h"
 
 #include "MorvaneCore/Backups/BackupLocator.h"
@@ -11,38 +12,19 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 namespace morvane {
 namespace {
 
+using testing::runCommandLine;
 using testing::utc;
 
-struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-Outcome runCommandLine(std::vector<const char*> arguments) {
-    arguments.insert(arguments.begin(), "morvane");
-    std::ostringstream out;
-    std::ostringstream err;
-    const int status = cli::run(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {status, out.str(), err.str()};
-}
+using testing::saveEvent;
 
 class CalendarCommandsTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> save(EKEventStore& store, const std::string& title, double start, double end,
-                                  std::optional<std::string> zone,
-                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
-        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(rule));
-    }
-
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
 };
 
 TEST_F(CalendarCommandsTest, OnAFreshMachineTheStoreIsCreatedWithOneWritableCalendar) {
@@ -68,12 +50,12 @@ TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccur
     EKRecurrenceRule yearly;
     yearly.frequency = EKRecurrenceFrequency::yearly;
     // 1 January at 09:00 floating: every occurrence sits on a seam between two yearly fetches.
-    const auto newYear = save(store, "New Year walk", utc(2023, 1, 1, 9) + 8 * 3600, utc(2023, 1, 1, 10) + 8 * 3600,
-                              std::nullopt, yearly);
-    auto holiday = save(store, "Holiday", utc(2024, 7, 4, 7), utc(2024, 7, 5, 7), std::nullopt);
+    const auto newYear = saveEvent(store, "New Year walk", utc(2023, 1, 1, 9) + 8 * 3600,
+                                   utc(2023, 1, 1, 10) + 8 * 3600, std::nullopt, yearly);
+    auto holiday = saveEvent(store, "Holiday", utc(2024, 7, 4, 7), utc(2024, 7, 5, 7), std::nullopt);
     holiday->allDay = true;
     store.saveEvent(*holiday, EKSpan::thisEvent, true);
-    save(store, "Berlin call", utc(2024, 7, 4, 7), utc(2024, 7, 4, 8), "Europe/Berlin");
+    saveEvent(store, "Berlin call", utc(2024, 7, 4, 7), utc(2024, 7, 4, 8), "Europe/Berlin");
 
     const auto result = runCommandLine({"events", "--from", "2023-01-01", "--to", "2025-01-01T08:00:00Z", "--json"});
     ASSERT_EQ(result.status, 0) << result.err;
@@ -113,30 +95,6 @@ TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
     const auto read = runCommandLine({"events", "--from", longFraction.c_str(), "--to", "2024-03-02", "--json"});
     EXPECT_EQ(read.status, 0) << read.err;
     EXPECT_EQ(read.out, "[]\n");
-}
-
-TEST_F(CalendarCommandsTest, InspectOfTheLiveFileListsWhatTheStoreHolds) {
-    EKEventStore store;
-    EKRecurrenceRule weekly;
-    weekly.frequency = EKRecurrenceFrequency::weekly;
-    const auto series = save(store, "Standup", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17), "America/Los_Angeles", weekly);
-    const auto single = save(store, "Dentist", utc(2024, 6, 5, 16), utc(2024, 6, 5, 17), std::nullopt);
-    auto occurrence =
-        store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 6, 10), utc(2024, 6, 11), std::nullopt)).at(0);
-    occurrence->title = "Standup (late)";
-    store.saveEvent(*occurrence, EKSpan::thisEvent, true);
-
-    const auto result = runCommandLine({"inspect", BackupLocator::liveDBPath().c_str(), "--events", "--json"});
-    ASSERT_EQ(result.status, 0) << result.err;
-    const auto document = nlohmann::json::parse(result.out);
-    EXPECT_EQ(document["eventCount"], 2);
-    std::set<std::string> listed;
-    for (const auto& event : document["events"])
-        listed.insert(event["uniqueIdentifier"].get<std::string>() + " " + event["title"].get<std::string>());
-    EXPECT_EQ(listed, (std::set<std::string>{*series->calendarItemExternalIdentifier() + " Standup",
-                                             *single->calendarItemExternalIdentifier() + " Dentist",
-                                             *occurrence->calendarItemExternalIdentifier() + " Standup (late)"}));
-    EXPECT_NE(document["occurrenceWindow"], nullptr);
 }
 
 } // namespace

@@ -22,8 +22,6 @@ protected:
     void SetUp() override { fs::create_directories(fs::path(BackupLocator::liveDBPath()).parent_path()); }
     void TearDown() override { BackupLocator::removeAllStagedCopies(); }
 
-    testing::Outcome run(std::vector<const char*> arguments) { return testing::runCommandLine(std::move(arguments)); }
-
     // Dated backup folders as Time Machine writes them, each holding a whole volume; `events`
     // below zero makes the database unreadable. `live` leaves the write-ahead log beside it.
     void backups(const std::vector<std::tuple<std::string, int, bool>>& list) {
@@ -46,37 +44,29 @@ protected:
             }
             listing += folder.string() + "\n";
         }
-        tools.answer("/usr/bin/tmutil listbackups", {0, listing});
+        tools->answer("/usr/bin/tmutil listbackups", {0, listing});
     }
 
     fs::path store() const { return TimeMachineImports::forAppStoreEdition()->directory(); }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::RecordingSystemLog log;
-    ScopedReplacement<SystemLog> installedLog{log};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::RecordingSystemLog> log;
 };
 
 TEST_F(TimeMachineCommandTest, PendingListsTheLatestBackupOfEachDayOldestFirst) {
     backups({{"2024-03-02-090000", 1, false}, {"2024-03-01-170000", 1, false}, {"2024-03-02-180000", 1, false}});
-    const auto result = run({"timemachine", "pending", "--json"});
+    const auto result = testing::runCommandLine({"timemachine", "pending", "--json"});
     ASSERT_EQ(result.status, 0) << result.err;
     const auto document = nlohmann::json::parse(result.out);
     ASSERT_EQ(document["sources"].size(), 2u);
     EXPECT_EQ(document["sources"][0]["date"], "2024-03-02T01:00:00Z");
     EXPECT_EQ(document["sources"][1]["date"], "2024-03-03T02:00:00Z");
-
-    const auto text = run({"timemachine", "pending"});
-    EXPECT_NE(text.out.find("Found 2 backups to copy (one per day), March 1, 2024 to March 2, 2024. This can take a "
-                            "few minutes.\n"),
-              std::string::npos)
-        << text.out;
 }
 
 TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNew) {
     backups({{"2024-03-01-101500", 2, false}, {"2024-03-02-101500", 3, true}, {"2024-03-03-101500", 3, false}});
-    const auto first = run({"timemachine", "import"});
+    const auto first = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(first.status, 0) << first.err;
     EXPECT_EQ(first.out, "Found 3 backups to copy (one per day), March 1, 2024 to March 3, 2024. This can take a few "
                          "minutes.\n"
@@ -97,11 +87,12 @@ TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNe
     EXPECT_TRUE(fs::is_empty(user.temporary()));
 
     // The restore point opens as a database with the original's content.
-    const auto inspected = run({"inspect", (store() / "2024-03-02-101500.calsnap").c_str(), "--json"});
+    const auto inspected =
+        testing::runCommandLine({"inspect", (store() / "2024-03-02-101500.calsnap").c_str(), "--json"});
     ASSERT_EQ(inspected.status, 0) << inspected.err;
     EXPECT_EQ(nlohmann::json::parse(inspected.out)["fingerprint"], index[1]["fingerprint"]);
 
-    const auto second = run({"timemachine", "import"});
+    const auto second = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(second.status, 0);
     EXPECT_EQ(second.out, "2 restore points from Time Machine are in Morvane, on its timeline. Run the helper again "
                           "any time to bring in newer backups.\n");
@@ -109,27 +100,27 @@ TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNe
 
 TEST_F(TimeMachineCommandTest, AnUnreadableBackupFailsTheRunAndIsTriedAgainNextTime) {
     backups({{"2024-03-01-101500", -1, false}});
-    const auto first = run({"timemachine", "import"});
+    const auto first = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(first.status, cli::exitFailure);
     EXPECT_NE(first.out.find("The backups couldn't be read.\n1 backup couldn't be read. Is the backup disk still "
                              "connected? Click Import Backups to try it again.\n"),
               std::string::npos)
         << first.out;
-    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log->lines().size(), 1u);
     EXPECT_TRUE(fs::is_empty(user.temporary()));
 
-    const auto again = run({"timemachine", "import"});
+    const auto again = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(again.status, cli::exitFailure);
-    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log->lines().size(), 2u);
 }
 
 TEST_F(TimeMachineCommandTest, WithoutAccessToTheCalendarsNothingIsImported) {
     fs::remove_all(fs::path(BackupLocator::liveDBPath()).parent_path());
     backups({{"2024-03-01-101500", 1, false}});
-    const auto result = run({"timemachine", "import"});
+    const auto result = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(result.status, cli::exitFailure);
     EXPECT_NE(result.err.find("Full Disk Access"), std::string::npos);
-    EXPECT_EQ(tools.count("/usr/bin/tmutil"), 0u);
+    EXPECT_EQ(tools->count("/usr/bin/tmutil"), 0u);
 }
 
 } // namespace

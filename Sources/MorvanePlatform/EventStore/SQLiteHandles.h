@@ -17,6 +17,9 @@ namespace morvane::sqlite {
 // a test can put a forwarding wrapper around `system()` that fails the Nth call, as a full disk or
 // a lost file would. Rolling back after a failure calls SQLite directly: it has to run whatever
 // failed before it.
+//
+// Threads: every thread that uses a store calls it, concurrently when stores work at once; the
+// real one holds no state. A failing wrapper is for a test whose writes run on one thread.
 class Steps : public Replaceable<Steps> {
 public:
     virtual ~Steps() = default;

@@ -11,6 +11,7 @@
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
+#include "Support/ErrorText.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
@@ -33,15 +34,13 @@ protected:
     Date stamp(const char* text) { return *dates::parseStamp(text); }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::FakeVolumes volumes;
-    ScopedReplacement<Volumes> installedVolumes{volumes};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::FakeVolumes> volumes;
 };
 
 TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
-    tools.answer(listBackups, {0, recordedOutput("tools/tmutil-listbackups.txt")});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+    tools->answer(listBackups, {0, recordedOutput("tools/tmutil-listbackups.txt")});
 
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
@@ -71,20 +70,19 @@ TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
 }
 
 TEST_F(BackupCatalogTest, HeadingOnlyAndMissingToolGiveNothing) {
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
-    tools.answer(listBackups, {0, ""});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
+    tools->answer(listBackups, {0, ""});
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
     BackupCatalog::listTimeMachine(sources, notes);
     EXPECT_TRUE(sources.empty());
     EXPECT_TRUE(notes.empty());
 
-    testing::RecordingToolLauncher noTools;
-    ScopedReplacement<ToolLauncher> installed(noTools);
+    testing::Installed<testing::RecordingToolLauncher> noTools;
     BackupCatalog::listTimeMachine(sources, notes);
     EXPECT_TRUE(sources.empty());
     EXPECT_TRUE(notes.empty());
-    EXPECT_EQ(noTools.commandLines(), (std::vector<std::string>{listSnapshots, listBackups}));
+    EXPECT_EQ(noTools->commandLines(), (std::vector<std::string>{listSnapshots, listBackups}));
 }
 
 TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
@@ -96,10 +94,10 @@ TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
         {"tools/tmutil-listbackups-no-machine-directory.txt", notConnected},
         {"tools/tmutil-listbackups-failed-to-mount.txt", notConnected},
     };
-    tools.answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
     for (const auto& [file, note] : cases) {
         for (int status : {0, 1, 80}) {
-            tools.answer(listBackups, {status, recordedOutput(file)});
+            tools->answer(listBackups, {status, recordedOutput(file)});
             std::vector<BackupSource> sources;
             std::vector<std::string> notes;
             BackupCatalog::listTimeMachine(sources, notes);
@@ -109,7 +107,7 @@ TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
     }
 
     // Error text beside a listed path is no reason for a note.
-    tools.answer(listBackups, {1, "Failed to mount something\n/Volumes/B/Backups.backupdb/M/2024-03-01-101500\n"});
+    tools->answer(listBackups, {1, "Failed to mount something\n/Volumes/B/Backups.backupdb/M/2024-03-01-101500\n"});
     std::vector<BackupSource> sources;
     std::vector<std::string> notes;
     BackupCatalog::listTimeMachine(sources, notes);
@@ -154,8 +152,8 @@ TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListed
     user.root().write("shared/Studio/mac.json", R"({"id":"STUDIO-ID","name":"Studio"})");
     list(shared / "Studio", "2025-08-11-090000", false);
     list(shared / "Studio", "2025-08-14-090000", false);
-    tools.answer(listSnapshots, {0, "2025-08-15-101500\n"});
-    tools.answer(listBackups, {0, "/Volumes/Backup/Backups.backupdb/Jane/Latest\n"});
+    tools->answer(listSnapshots, {0, "2025-08-15-101500\n"});
+    tools->answer(listBackups, {0, "/Volumes/Backup/Backups.backupdb/Jane/Latest\n"});
 
     const auto ids = [](const std::vector<BackupSource>& sources) {
         std::vector<std::string> listed;
@@ -175,7 +173,7 @@ TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListed
     };
     const auto withoutTimeMachine = BackupCatalog::list(false);
     EXPECT_EQ(ids(withoutTimeMachine.sources), appSnapshots);
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
     EXPECT_EQ(withoutTimeMachine.sources[0].kind.mac, "Studio");
 
     auto everything = appSnapshots;
@@ -185,21 +183,21 @@ TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListed
 }
 
 TEST_F(BackupCatalogTest, RunRepairsIllFormedOutput) {
-    tools.answer("/usr/bin/tmutil listbackups", {0, "/Volumes/\xff/x\n"});
+    tools->answer("/usr/bin/tmutil listbackups", {0, "/Volumes/\xff/x\n"});
     const auto result = BackupCatalog::run("/usr/bin/tmutil", {"listbackups"});
     EXPECT_EQ(result.output, "/Volumes/\uFFFD/x\n");
 }
 
 TEST_F(BackupCatalogTest, SnapshotOfABackupPathComesFromDiskutil) {
     const std::string diskutil = std::string("/usr/sbin/diskutil info -plist ") + volumeUUID;
-    tools.answer(diskutil, {0, recordedOutput("tools/diskutil-info.plist")});
+    tools->answer(diskutil, {0, recordedOutput("tools/diskutil-info.plist")});
     const auto path =
         std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup/2024-02-26-093012.backup";
 
     EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path),
               (BackupCatalog::SnapshotLocation{"com.apple.TimeMachine.2024-02-26-093012.backup",
                                                "/Volumes/Backup Disk (2)"}));
-    EXPECT_EQ(tools.count(diskutil), 1u);
+    EXPECT_EQ(tools->count(diskutil), 1u);
 }
 
 TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
@@ -209,7 +207,7 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
                              base + "/Latest.backup", std::string(".timemachine")}) {
         EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path), std::nullopt) << path;
     }
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 
     // diskutil fails, or answers with something other than a dictionary holding a mount point.
     const auto path = base + "/2024-02-26-093012.backup";
@@ -221,79 +219,62 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
                                LaunchResult{0, "Could not find disk: 4C3A2B1D\n"}, LaunchResult{0, ""},
                                LaunchResult{0, "<plist><dict><key>MountPoint</key><integer>3</integer></dict></plist>"},
                                LaunchResult{0, "<?xml version=\"1.0\"?><plist><dict><key>MountPoint"}}) {
-        tools.answer(diskutil, answer);
+        tools->answer(diskutil, answer);
         EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path), std::nullopt) << answer.output;
     }
 }
 
-TEST_F(BackupCatalogTest, PrepareReturnsPickedAndStoredPathsAsTheyStand) {
+TEST_F(BackupCatalogTest, PrepareReadsPickedStoredAndFolderBasedBackupsInPlace) {
+    const auto folder = user.root().makeFolder("Backups.backupdb/Mac/2023-11-02-081500");
+    user.root().write("Backups.backupdb/Mac/2023-11-02-081500/Macintosh HD/Users/jane/" +
+                          std::string(BackupLocator::relativeDBPath),
+                      "db");
     for (const auto& kind : {Kind::file("~/x"), Kind::icsArchive("/a"), Kind::appSnapshot("/b.calsnap"),
-                             Kind::iCloudSnapshot("/c.calevents", "iMac"), Kind::timeMachineImport("/d")}) {
+                             Kind::iCloudSnapshot("/c.calevents", "iMac"), Kind::timeMachineImport("/d"),
+                             Kind::timeMachine(folder.string())}) {
         const auto prepared = BackupCatalog::prepare({kind, std::nullopt});
         EXPECT_EQ(prepared.root, kind.path());
         EXPECT_EQ(prepared.mount, nullptr);
     }
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
-TEST_F(BackupCatalogTest, PrepareReadsAFolderBasedBackupInPlace) {
-    const auto backup = user.root().makeFolder("Backups.backupdb/Mac/2023-11-02-081500");
-    user.root().write("Backups.backupdb/Mac/2023-11-02-081500/Macintosh HD/Users/jane/Library/Group Containers/"
-                      "group.com.apple.calendar/Calendar.sqlitedb",
-                      "db");
-    const auto prepared = BackupCatalog::prepare({Kind::timeMachine(backup.string()), std::nullopt});
-    EXPECT_EQ(prepared.root, backup.string());
-    EXPECT_EQ(prepared.mount, nullptr);
-    EXPECT_TRUE(tools.commandLines().empty());
-}
-
-TEST_F(BackupCatalogTest, PrepareMountsASnapshotBasedBackupThatIsNotMounted) {
-    const auto path = std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup";
-    tools.answer(std::string("/usr/sbin/diskutil info -plist ") + volumeUUID,
-                 {0, recordedOutput("tools/diskutil-info.plist")});
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
-
-    const auto prepared = BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
-    ASSERT_NE(prepared.mount, nullptr);
-    EXPECT_EQ(prepared.root, prepared.mount->mountPoint().string());
-    EXPECT_EQ(prepared.mount->mountPoint().parent_path(), user.temporary());
-    EXPECT_EQ(tools.commandLines().back(),
-              "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-02-26-093012.backup "
-              "/Volumes/Backup Disk (2) " +
-                  prepared.root);
-    prepared.mount->unmount();
-}
-
-TEST_F(BackupCatalogTest, PrepareMountsLocalSnapshotsOnTheDataVolume) {
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
-    const auto prepared =
-        BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt});
-    ASSERT_NE(prepared.mount, nullptr);
-    EXPECT_EQ(tools.commandLines().back(),
-              "/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.local "
-              "/System/Volumes/Data " +
-                  prepared.root);
-    prepared.mount->unmount();
+TEST_F(BackupCatalogTest, PrepareMountsSnapshotsThatAreNotMounted) {
+    tools->answer(std::string("/usr/sbin/diskutil info -plist ") + volumeUUID,
+                  {0, recordedOutput("tools/diskutil-info.plist")});
+    tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
+    const std::pair<Kind, std::string> cases[] = {
+        // A snapshot-based backup, on the backup disk that diskutil names.
+        {Kind::timeMachine(std::string("/Volumes/.timemachine/") + volumeUUID + "/2024-02-26-093012.backup"),
+         "com.apple.TimeMachine.2024-02-26-093012.backup /Volumes/Backup Disk (2) "},
+        // A local snapshot, on the data volume.
+        {Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"),
+         "com.apple.TimeMachine.2024-03-01-101500.local /System/Volumes/Data "},
+    };
+    for (const auto& [kind, snapshotAndVolume] : cases) {
+        const auto prepared = BackupCatalog::prepare({kind, std::nullopt});
+        ASSERT_NE(prepared.mount, nullptr);
+        EXPECT_EQ(prepared.root, prepared.mount->mountPoint().string());
+        EXPECT_EQ(prepared.mount->mountPoint().parent_path(), user.temporary());
+        EXPECT_EQ(tools->commandLines().back(),
+                  "/sbin/mount_apfs -o rdonly,nobrowse -s " + snapshotAndVolume + prepared.root);
+        prepared.mount->unmount();
+    }
 }
 
 TEST_F(BackupCatalogTest, PrepareFailsPlainlyWhenTheBackupDiskCantBeTold) {
     const std::string path = "/Volumes/Gone/Backups.backupdb/Mac/2024-03-01-101500";
-    try {
-        BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
-        FAIL() << "prepare succeeded";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(),
-                  "Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([&] {
+                  BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
+              }),
+              "Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
 
     // A local snapshot that can't be mounted passes the mount's error on.
-    try {
-        BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.x.local"), std::nullopt});
-        FAIL() << "prepare succeeded";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(), "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch "
-                                       "/sbin/mount_apfs: No such file or directory");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([] {
+                  BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.x.local"), std::nullopt});
+              }),
+              "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch /sbin/mount_apfs: No such file "
+              "or directory");
 }
 
 TEST_F(BackupCatalogTest, LiveCalendarResolverReadsAStagedCopyAndLeavesNothingStaged) {
@@ -354,11 +335,11 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
     const auto volume = user.root().path() / "volume";
     const auto database = volume / "Users/jane" / BackupLocator::relativeDBPath;
     testing::generateCalendarFile(database, 5, 1);
-    tools.simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
+    tools->simulate("/sbin/mount_apfs ", [&](const std::vector<std::string>& arguments) {
         std::filesystem::copy(volume, arguments.back(), std::filesystem::copy_options::recursive);
         return LaunchResult{0, ""};
     });
-    tools.simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
+    tools->simulate("/sbin/umount ", [](const std::vector<std::string>& arguments) {
         for (const auto& entry : std::filesystem::directory_iterator(arguments.back()))
             std::filesystem::remove_all(entry.path());
         return LaunchResult{0, ""};
@@ -366,8 +347,8 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
     const BackupSource snapshot(Kind::localSnapshot("com.apple.TimeMachine.2024-03-01-101500.local"), std::nullopt);
 
     const auto nothingLeft = [&](size_t openings) {
-        EXPECT_EQ(tools.count("/sbin/mount_apfs "), openings);
-        EXPECT_EQ(tools.count("/sbin/umount "), openings);
+        EXPECT_EQ(tools->count("/sbin/mount_apfs "), openings);
+        EXPECT_EQ(tools->count("/sbin/umount "), openings);
         EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
         EXPECT_TRUE(BackupLocator::stagedFolders().empty());
     };
@@ -377,11 +358,11 @@ TEST_F(BackupCatalogTest, AnOpenedSnapshotGivesBackItsCopyAndMountHoweverItsOwne
         EXPECT_FALSE(opened.store->loadEvents().empty());
     }
     nothingLeft(1);
-    try {
-        const auto opened = BackupCatalog::openUncached(snapshot);
-        throw std::runtime_error("reading it failed");
-    } catch (const std::runtime_error&) {
-    }
+    EXPECT_EQ(testing::errorText([&] {
+                  const auto opened = BackupCatalog::openUncached(snapshot);
+                  throw RestoreError("reading it failed");
+              }),
+              "reading it failed");
     nothingLeft(2);
     // Failing after the mount, on a database that doesn't open.
     files::write(database, std::string(4096, 'x'));
@@ -432,7 +413,7 @@ TEST_F(BackupCatalogTest, EverySourceKindOpensAndClosesLeavingNothingBehind) {
     EXPECT_EQ(
         BackupCatalog::open({Kind::appSnapshot(calevents.string()), std::nullopt}).store->loadEvents().front().title(),
         "Dentist");
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 } // namespace

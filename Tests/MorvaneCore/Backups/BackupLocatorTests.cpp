@@ -2,10 +2,10 @@
 
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -91,13 +91,10 @@ TEST_F(BackupLocatorTest, SkipsSystemFoldersAndLinksButEntersAnyOtherName) {
 }
 
 TEST_F(BackupLocatorTest, NotFoundNamesTheExpandedRoot) {
-    try {
-        BackupLocator::findDatabase("~/missing", "jane");
-        FAIL() << "found a database";
-    } catch (const BackupLocatorError& error) {
-        EXPECT_EQ(error.which(), BackupLocatorError::Case::notFound);
-        EXPECT_EQ(error.description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string());
-    }
+    const auto error = testing::caught<BackupLocatorError>([] { BackupLocator::findDatabase("~/missing", "jane"); });
+    ASSERT_TRUE(error) << "found a database";
+    EXPECT_EQ(error->which(), BackupLocatorError::Case::notFound);
+    EXPECT_EQ(error->description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string());
     homeDatabase("home");
     EXPECT_EQ(BackupLocator::findDatabase("~", "jane"), user.home() / relative);
 }
@@ -172,12 +169,12 @@ TEST_F(BackupLocatorTest, AStagedCopyGoesWhenItsLastOwnerLetsGo) {
         folder = staged.file().parent_path();
     }
     EXPECT_FALSE(fs::exists(folder));
-    try {
-        const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
-        folder = staged.file().parent_path();
-        throw std::runtime_error("reading it failed");
-    } catch (const std::runtime_error&) {
-    }
+    EXPECT_EQ(testing::errorText([&] {
+                  const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
+                  folder = staged.file().parent_path();
+                  throw PlatformError("reading it failed");
+              }),
+              "reading it failed");
     EXPECT_FALSE(fs::exists(folder));
 
     // Handed on, the copy stays until its new owner lets go; the one it came from holds nothing.
@@ -197,19 +194,15 @@ TEST_F(BackupLocatorTest, AStagedCopyGoesWhenItsLastOwnerLetsGo) {
 TEST_F(BackupLocatorTest, AFailedCopyLeavesNothingBehind) {
     const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
     user.root().makeFolder("backup/Calendar.sqlitedb-wal"); // exists but can't be read as a file
-    try {
-        BackupLocator::stageCopy(database);
-        FAIL() << "staging succeeded";
-    } catch (const BackupLocatorError& error) {
-        EXPECT_EQ(error.which(), BackupLocatorError::Case::copyFailed);
-        EXPECT_EQ(error.description(), "Copy failed: Couldn't read " + database.string() + "-wal: Is a directory");
-    }
+    const auto error = testing::caught<BackupLocatorError>([&] { BackupLocator::stageCopy(database); });
+    ASSERT_TRUE(error) << "staging succeeded";
+    EXPECT_EQ(error->which(), BackupLocatorError::Case::copyFailed);
+    EXPECT_EQ(error->description(), "Copy failed: Couldn't read " + database.string() + "-wal: Is a directory");
     EXPECT_TRUE(fs::is_empty(user.temporary()));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 
     // A temporary folder that can't hold a new folder fails the same way.
-    testing::FakeUserFolders folders(user.home(), user.root().write("plain-file"));
-    ScopedReplacement<UserFolders> installed(folders);
+    testing::Installed<testing::FakeUserFolders> folders(user.home(), user.root().write("plain-file"));
     EXPECT_THROW(BackupLocator::stageCopy(database), BackupLocatorError);
 }
 
@@ -220,12 +213,11 @@ TEST_F(BackupLocatorTest, StagesDataUnderItsName) {
     EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.file().parent_path()});
 
     // A failed write takes its folder away again.
-    testing::FailingFileSystem fullDisk(2);
     {
-        ScopedReplacement<FileSystem> installed(fullDisk);
+        testing::Installed<testing::FailingFileSystem> fullDisk(2);
         EXPECT_THROW(BackupLocator::stageData("x", "Calendar.sqlitedb"), PlatformError);
+        ASSERT_TRUE(fullDisk->failed());
     }
-    ASSERT_TRUE(fullDisk.failed());
     EXPECT_EQ(BackupLocator::stagedFolders(), std::vector<fs::path>{staged.file().parent_path()});
     BackupLocator::removeAllStagedCopies();
     EXPECT_TRUE(fs::is_empty(user.temporary()));

@@ -53,8 +53,7 @@ TEST(BackupSource, TitleIsTheDateOrANameOrTheId) {
 }
 
 TEST(BackupSource, SubtitleNamesTheKindAndWhereItIs) {
-    testing::FakeUserFolders folders("/Users/jane", "/tmp");
-    ScopedReplacement<UserFolders> installed(folders);
+    testing::Installed<testing::FakeUserFolders> folders("/Users/jane", "/tmp");
 
     EXPECT_EQ(BackupSource(Kind::localSnapshot("n"), {}).subtitle(), "Local snapshot");
     // The home folder is not abbreviated for Time Machine paths.

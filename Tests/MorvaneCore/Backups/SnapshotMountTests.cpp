@@ -1,6 +1,7 @@
 #include "MorvaneCore/Backups/SnapshotMount.h"
 
 #include "MorvaneCore/Shared/Errors.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 
 #include <gtest/gtest.h>
@@ -15,19 +16,17 @@ constexpr const char* dataVolume = "/System/Volumes/Data";
 
 class SnapshotMountTest : public ::testing::Test {
 protected:
-    void SetUp() override { volumes.devices[dataVolume] = "/dev/disk3s5"; }
+    void SetUp() override { volumes->devices[dataVolume] = "/dev/disk3s5"; }
     // Whatever a test left mounted goes while the recording launcher is still installed.
     void TearDown() override { SnapshotMount::unmountAll(); }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::FakeVolumes volumes;
-    ScopedReplacement<Volumes> installedVolumes{volumes};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::FakeVolumes> volumes;
 };
 
 TEST_F(SnapshotMountTest, BorrowsASnapshotTheSystemHasMountedAndNeverUnmountsIt) {
-    tools.answer("/sbin/mount", {0, testing::recordedOutput("tools/mount.txt")});
+    tools->answer("/sbin/mount", {0, testing::recordedOutput("tools/mount.txt")});
 
     const auto mount = SnapshotMount::create(localSnapshot, dataVolume);
     // The first line with the prefix has no " (" and is skipped; the next is read up to its
@@ -38,94 +37,81 @@ TEST_F(SnapshotMountTest, BorrowsASnapshotTheSystemHasMountedAndNeverUnmountsIt)
 
     mount->unmount();
     SnapshotMount::unmountAll();
-    EXPECT_EQ(tools.commandLines(), std::vector<std::string>{"/sbin/mount"});
+    EXPECT_EQ(tools->commandLines(), std::vector<std::string>{"/sbin/mount"});
 }
 
 TEST_F(SnapshotMountTest, ExistingMountNeedsTheSameDevice) {
-    tools.answer("/sbin/mount", {0, testing::recordedOutput("tools/mount.txt")});
-    volumes.devices[dataVolume] = "/dev/disk9s9";
+    tools->answer("/sbin/mount", {0, testing::recordedOutput("tools/mount.txt")});
+    volumes->devices[dataVolume] = "/dev/disk9s9";
     EXPECT_EQ(SnapshotMount::existingMount(localSnapshot, dataVolume), std::nullopt);
 
     // A volume whose device can't be told: the mount list isn't even read.
     EXPECT_EQ(SnapshotMount::existingMount(localSnapshot, "/Volumes/Unknown"), std::nullopt);
-    EXPECT_EQ(tools.count("/sbin/mount"), 1u);
+    EXPECT_EQ(tools->count("/sbin/mount"), 1u);
 
-    volumes.devices["/Volumes/Backup Disk (2)"] = "/dev/disk5s1";
+    volumes->devices["/Volumes/Backup Disk (2)"] = "/dev/disk5s1";
     EXPECT_EQ(
         SnapshotMount::existingMount("com.apple.TimeMachine.2024-02-26-093012.backup", "/Volumes/Backup Disk (2)"),
         fs::path("/Volumes/.timemachine/4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9/2024-02-26-093012.backup"));
 }
 
 TEST_F(SnapshotMountTest, MountsInAPrivateFolderAndUnmountsOnce) {
-    tools.answer("/sbin/mount", {0, "/dev/disk3s5 on /System/Volumes/Data (apfs, local)\n"});
-    tools.answerPrefix("/sbin/mount_apfs ", {0, "ignored output"});
-    tools.answerPrefix("/sbin/umount ", {0, ""});
+    tools->answer("/sbin/mount", {0, "/dev/disk3s5 on /System/Volumes/Data (apfs, local)\n"});
+    tools->answerPrefix("/sbin/mount_apfs ", {0, "ignored output"});
+    tools->answerPrefix("/sbin/umount ", {0, ""});
 
-    const auto mount = SnapshotMount::create(localSnapshot, dataVolume);
+    auto mount = SnapshotMount::create(localSnapshot, dataVolume);
     const auto folder = mount->mountPoint();
     EXPECT_TRUE(mount->mounted());
     EXPECT_EQ(folder.parent_path(), user.temporary());
     EXPECT_TRUE(folder.filename().string().starts_with("morvane-snap-"));
     EXPECT_EQ(folder.filename().string().size(), std::string("morvane-snap-").size() + 36);
     EXPECT_TRUE(fs::is_directory(folder));
-    EXPECT_EQ(tools.commandLines().back(), std::string("/sbin/mount_apfs -o rdonly,nobrowse -s ") + localSnapshot +
-                                               " " + dataVolume + " " + folder.string());
+    EXPECT_EQ(tools->commandLines().back(), std::string("/sbin/mount_apfs -o rdonly,nobrowse -s ") + localSnapshot +
+                                                " " + dataVolume + " " + folder.string());
 
     mount->unmount();
     mount->unmount();
     SnapshotMount::unmountAll();
-    EXPECT_EQ(tools.count("/sbin/umount " + folder.string()), 1u);
     EXPECT_FALSE(mount->mounted());
     EXPECT_FALSE(fs::exists(folder));
+    mount.reset();
+    EXPECT_EQ(tools->count("/sbin/umount " + folder.string()), 1u);
 }
 
 TEST_F(SnapshotMountTest, UnmountAllSweepsUpWhatTheProcessStillHolds) {
     SnapshotMount::unmountAll();
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
+    tools->answerPrefix("/sbin/mount_apfs ", {0, ""});
     // umount fails: the object counts as unmounted all the same, and nothing is retried.
-    tools.answerPrefix("/sbin/umount ", {1, "umount: busy"});
+    tools->answerPrefix("/sbin/umount ", {1, "umount: busy"});
     const auto first = SnapshotMount::create(localSnapshot, dataVolume);
     const auto second = SnapshotMount::create("com.apple.TimeMachine.2024-03-02-101500.local", dataVolume);
 
     SnapshotMount::unmountAll();
-    EXPECT_EQ(tools.count("/sbin/umount "), 2u);
+    EXPECT_EQ(tools->count("/sbin/umount "), 2u);
     EXPECT_FALSE(first->mounted());
     EXPECT_FALSE(second->mounted());
     SnapshotMount::unmountAll();
     first->unmount();
-    EXPECT_EQ(tools.count("/sbin/umount "), 2u);
+    EXPECT_EQ(tools->count("/sbin/umount "), 2u);
 }
 
 TEST_F(SnapshotMountTest, AFailedMountLeavesNoFolderAndSaysWhy) {
-    tools.answerPrefix("/sbin/mount_apfs ", {75, "mount_apfs: volume could not be mounted: Resource busy\n\n"});
-    try {
-        SnapshotMount::create(localSnapshot, dataVolume);
-        FAIL() << "mounting succeeded";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(), std::string("Couldn't mount snapshot ") + localSnapshot +
-                                           ": mount_apfs: volume could not be mounted: Resource busy");
-    }
+    tools->answerPrefix("/sbin/mount_apfs ", {75, "mount_apfs: volume could not be mounted: Resource busy\n\n"});
+    EXPECT_EQ(testing::errorText<RestoreError>([] { SnapshotMount::create(localSnapshot, dataVolume); }),
+              std::string("Couldn't mount snapshot ") + localSnapshot +
+                  ": mount_apfs: volume could not be mounted: Resource busy");
     EXPECT_TRUE(fs::is_empty(user.temporary()));
     SnapshotMount::unmountAll();
-    EXPECT_EQ(tools.count("/sbin/umount"), 0u);
+    EXPECT_EQ(tools->count("/sbin/umount"), 0u);
 }
 
 TEST_F(SnapshotMountTest, AFolderThatCantBeCreatedIsThePlatformsError) {
-    testing::FakeUserFolders folders(user.home(), user.root().write("not-a-folder"));
-    ScopedReplacement<UserFolders> installed(folders);
+    testing::Installed<testing::FakeUserFolders> folders(user.home(), user.root().write("not-a-folder"));
     EXPECT_THROW(SnapshotMount::create(localSnapshot, dataVolume), PlatformError);
-    EXPECT_EQ(tools.count("/sbin/mount_apfs"), 0u);
-}
-
-TEST_F(SnapshotMountTest, DroppingAnUnmountedObjectRunsNothing) {
-    tools.answerPrefix("/sbin/mount_apfs ", {0, ""});
-    {
-        auto mount = SnapshotMount::create(localSnapshot, dataVolume);
-        mount->unmount();
-    }
-    EXPECT_EQ(tools.count("/sbin/umount"), 1u);
+    EXPECT_EQ(tools->count("/sbin/mount_apfs"), 0u);
 }
 
 } // namespace

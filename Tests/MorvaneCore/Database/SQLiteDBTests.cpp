@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/Shared/Errors.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +22,8 @@ protected:
         return path;
     }
 
-    std::string failureOf(SQLiteDB& db, const std::string& sql) {
-        try {
-            db.query(sql, [](const SQLiteDB::Row&) {});
-        } catch (const SQLiteError& error) {
-            return error.description();
-        }
-        return "no failure";
+    static std::string failureOf(SQLiteDB& db, const std::string& sql) {
+        return testing::errorText<SQLiteError>([&] { db.query(sql, [](const SQLiteDB::Row&) {}); });
     }
 
     testing::TemporaryDirectory folder;
@@ -35,12 +31,8 @@ protected:
 
 TEST_F(SQLiteDBTest, AMissingFileFailsToOpenAndIsNotCreated) {
     const auto missing = folder.path() / "Calendar.sqlitedb";
-    try {
-        SQLiteDB db(missing.string());
-        FAIL() << "opened a missing file";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(), "Cannot open " + missing.string() + ": unable to open database file");
-    }
+    EXPECT_EQ(testing::errorText<SQLiteError>([&] { SQLiteDB db(missing.string()); }),
+              "Cannot open " + missing.string() + ": unable to open database file");
     EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 

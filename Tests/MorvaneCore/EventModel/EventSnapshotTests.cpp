@@ -1,5 +1,6 @@
 #include "MorvaneCore/EventModel/EventSnapshot.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "Support/ErrorText.h"
 #include "Support/Pinned.h"
 
 #include <algorithm>
@@ -54,9 +55,6 @@ TEST(AlarmSpecOrder, RelativeAlarmsComeFirstThenAbsoluteByDate) {
     EXPECT_EQ(alarms, (std::vector<AlarmSpec>{AlarmSpec::relative(-900), AlarmSpec::relative(0),
                                               AlarmSpec::relative(86400 * 365), AlarmSpec::absolute(Date{-5e8}),
                                               AlarmSpec::absolute(Date{100})}));
-    EXPECT_TRUE(AlarmSpec::relative(5) <= AlarmSpec::relative(5));
-    EXPECT_TRUE(AlarmSpec::absolute(Date{0}) > AlarmSpec::relative(900));
-    EXPECT_FALSE(AlarmSpec::relative(5) >= AlarmSpec::relative(6));
 }
 
 // --- Formatting ------------------------------------------------------------------------------
@@ -79,7 +77,7 @@ TEST(EventSnapshotFormat, UsesUTCForFloatingAndTheCurrentZoneOtherwise) {
 
 // --- Changes ---------------------------------------------------------------------------------
 
-TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmpty) {
+TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmptyAndComparesTextsCanonically) {
     auto before = meeting();
     before.notes = std::nullopt;
     auto after = meeting();
@@ -91,12 +89,10 @@ TEST(EventSnapshotChanges, IgnoresBlanksAtTheEndsAndAbsentAsEmpty) {
 
     after.location = "  Room 1 \n";
     EXPECT_EQ(before.changes(after), (Changes{{"location", "", "Room 1"}}));
-}
 
-TEST(EventSnapshotChanges, ComparesTextsByCanonicalEquivalence) {
-    auto before = meeting();
+    // Texts compare by canonical equivalence.
     before.title = "Caf\u00E9";
-    auto after = meeting();
+    after = before;
     after.title = "Cafe\u0301";
     EXPECT_TRUE(before.changes(after).empty());
     after.title = "Cafe";
@@ -134,15 +130,8 @@ TEST(EventSnapshotChanges, ReportsEveryFieldInItsFixedOrder) {
     EXPECT_EQ(before.changes(after, {false, false, false}).size(), 6u);
 }
 
-TEST(EventSnapshotChanges, AnAddedAlarmIsTheLastRow) {
-    const auto before = meeting();
-    auto after = meeting();
-    after.alarms = {AlarmSpec::relative(-900)};
-    const auto changes = before.changes(after);
-    ASSERT_FALSE(changes.empty());
-    EXPECT_EQ(changes.back(), (FieldChange{"alarms", "", "15m before"}));
-    EXPECT_TRUE(before.changes(after, {.recurrence = true, .calendar = true, .alarms = false}).empty());
-    // The lists are joined as they stand: the order of the producer counts.
+TEST(EventSnapshotChanges, AlarmListsAreJoinedAsTheyStand) {
+    // The order of the producer counts.
     auto twoBefore = meeting();
     twoBefore.alarms = {AlarmSpec::relative(-900), AlarmSpec::relative(0)};
     auto twoAfter = meeting();
@@ -276,12 +265,8 @@ TEST(EventSnapshotJson, RoundTrips) {
 }
 
 std::optional<json::DecodingError> decodingFailure(const std::string& text) {
-    try {
-        EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970);
-    } catch (const json::DecodingError& error) {
-        return error;
-    }
-    return std::nullopt;
+    return testing::caught<json::DecodingError>(
+        [&] { EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970); });
 }
 
 TEST(EventSnapshotJson, RequiresSixKeys) {

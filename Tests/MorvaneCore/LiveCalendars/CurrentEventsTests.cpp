@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -29,8 +30,8 @@ protected:
 
     std::shared_ptr<EKEvent> save(const std::string& title, double start, double end,
                                   std::optional<std::string> zone = std::string(testing::pinnedZone),
-                                  std::shared_ptr<const EKCalendar> calendar = nullptr) {
-        return testing::saveEvent(*store, title, start, end, std::move(zone), std::nullopt, std::move(calendar));
+                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
+        return testing::saveEvent(*store, title, start, end, std::move(zone), std::move(rule));
     }
 
     // A backup's view of an event: identity and content as a database would give them.
@@ -45,8 +46,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     std::shared_ptr<EKEventStore> store = std::make_shared<EKEventStore>();
     EventKitSource source{store};
 };
@@ -62,18 +62,6 @@ TEST_F(CurrentEventsTest, ContainsFindsSeriesThroughTheirUIDAndIgnoresReminders)
     EXPECT_TRUE(source.contains(backupOf(uid + "/RID=739123200", snapshot)));
     EXPECT_FALSE(source.contains(backupOf("GONE", snapshot)));
     EXPECT_TRUE(source.contains(backupOf("GONE", snapshot, event->calendarItemIdentifier())));
-
-    // A reminder that shares the UID doesn't make the event exist.
-    testing::TemporaryUser other;
-    {
-        testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
-        const auto reminders = builder.addStore({.name = "Reminders", .type = std::int64_t{6}});
-        const auto list = builder.addCalendar({.store = reminders, .title = "Tasks"});
-        builder.addItem(
-            {.calendar = list, .summary = "Buy milk", .uniqueIdentifier = "SHARED", .entityType = std::int64_t{3}});
-    }
-    EventKitSource reminderOnly(std::make_shared<EKEventStore>());
-    EXPECT_FALSE(reminderOnly.contains(backupOf("SHARED", snapshot)));
 }
 
 // ---- Equivalence: hasEquivalent ----
@@ -93,10 +81,14 @@ TEST_F(CurrentEventsTest, EquivalentNeedsAWritableCalendarTheTrimmedTitleAndTheS
     EXPECT_TRUE(source.hasEquivalent(backupOf("OTHER", wanted)));
 }
 
-TEST_F(CurrentEventsTest, EquivalentInAReadOnlyCalendarDoesNotCount) {
+TEST_F(CurrentEventsTest, AReminderIsNoEventAndAnEquivalentInAReadOnlyCalendarDoesNotCount) {
     testing::TemporaryUser other;
     {
         testing::CalendarDatabaseBuilder builder(EKEventStore::defaultDatabasePath());
+        const auto reminders = builder.addStore({.name = "Reminders", .type = std::int64_t{6}});
+        builder.addItem({.calendar = builder.addCalendar({.store = reminders, .title = "Tasks"}),
+                         .uniqueIdentifier = "SHARED",
+                         .entityType = std::int64_t{3}});
         const auto subscribed = builder.addStore({.name = "Subscribed Calendars", .type = std::int64_t{4}});
         const auto holidays = builder.addCalendar({.store = subscribed, .title = "Holidays"});
         builder.addItem({.calendar = holidays,
@@ -113,6 +105,8 @@ TEST_F(CurrentEventsTest, EquivalentInAReadOnlyCalendarDoesNotCount) {
     wanted.timeZone = testing::pinnedZone;
     EXPECT_FALSE(readOnly.hasEquivalent(backupOf("X", wanted)));
     EXPECT_TRUE(readOnly.contains(backupOf("HOLIDAY", wanted)));
+    // A reminder that shares the UID doesn't make the event exist.
+    EXPECT_FALSE(readOnly.contains(backupOf("SHARED", wanted)));
 }
 
 TEST_F(CurrentEventsTest, FloatingEventsMatchOnTheWallClockWhereverTheBackupWasMade) {
@@ -189,18 +183,10 @@ TEST_F(CurrentEventsTest, SnapshotPrefersTheMasterInTheBackupsCalendarElseTheFir
 // ---- Occurrences ----
 
 TEST_F(CurrentEventsTest, OccurrencesKeepOnlyTheAskedSeriesWithTheirDetachedContent) {
-    auto wanted = EKEvent::eventWithEventStore(*store);
-    wanted->title = "Yoga";
-    wanted->startDate = utc(2024, 3, 8, 18); // 10:00 floating, before and after the clock change
-    wanted->endDate = utc(2024, 3, 8, 19);
-    wanted->calendar = store->defaultCalendarForNewEvents();
-    EKRecurrenceRule daily;
-    daily.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
-    wanted->recurrenceRules = {daily};
-    store->saveEvent(*wanted, EKSpan::futureEvents, true);
-    auto other = save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19));
-    other->recurrenceRules = {daily};
-    store->saveEvent(*other, EKSpan::futureEvents, true);
+    const EKRecurrenceRule daily{.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4)};
+    // 10:00 floating, before and after the clock change.
+    const auto wanted = save("Yoga", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), std::nullopt, daily);
+    save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), testing::pinnedZone, daily);
 
     auto third =
         store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 10, 12), utc(2024, 3, 11), std::nullopt));
@@ -254,51 +240,34 @@ TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
 }
 
 // ---- Access ----
-// ---- Access ----
 
 TEST_F(CurrentEventsTest, RequestingAccessUsesTheExactWordsAndTheProcessFlag) {
-    testing::ScriptedCalendarPermission permission;
-    ScopedReplacement<CalendarPermission> installed(permission);
+    testing::Installed<testing::ScriptedCalendarPermission> permission;
+    const auto refusal = [&] { return testing::errorText<SQLiteError>([&] { source.requestAccess(); }); };
 
-    permission.currentStatus = EKAuthorizationStatus::denied;
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(),
-                  "Calendar full access not granted. Enable it in System Settings \u2192 Privacy & Security \u2192 "
-                  "Calendars.");
-    }
+    permission->currentStatus = EKAuthorizationStatus::denied;
+    EXPECT_EQ(refusal(), "Calendar full access not granted. Enable it in System Settings \u2192 Privacy & Security "
+                         "\u2192 Calendars.");
     EXPECT_FALSE(CalendarAccess::isGranted());
 
-    permission.currentStatus = EKAuthorizationStatus::notDetermined;
-    permission.error = "The prompt couldn't be shown.";
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(), "The prompt couldn't be shown.");
-    }
-    permission.error.reset();
-    permission.answer = false;
-    try {
-        source.requestAccess();
-        FAIL() << "access was granted";
-    } catch (const SQLiteError& error) {
-        EXPECT_EQ(error.description(), "Calendar access denied. Run from Terminal.app (or an app that can request "
-                                       "Calendar access) and allow the prompt.");
-    }
+    permission->currentStatus = EKAuthorizationStatus::notDetermined;
+    permission->error = "The prompt couldn't be shown.";
+    EXPECT_EQ(refusal(), "The prompt couldn't be shown.");
+    permission->error.reset();
+    permission->answer = false;
+    EXPECT_EQ(refusal(), "Calendar access denied. Run from Terminal.app (or an app that can request Calendar access) "
+                         "and allow the prompt.");
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::notDetermined);
 
-    permission.answer = true;
-    source.requestAccess();
+    permission->answer = true;
+    EXPECT_EQ(refusal(), testing::nothingThrown);
     EXPECT_TRUE(CalendarAccess::isGranted());
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::fullAccess);
     // Granted once: no second prompt in this process.
     source.requestAccess();
-    EXPECT_EQ(permission.prompts, 3);
+    EXPECT_EQ(permission->prompts, 3);
 
-    permission.currentStatus = EKAuthorizationStatus::restricted;
+    permission->currentStatus = EKAuthorizationStatus::restricted;
     EXPECT_FALSE(CalendarAccess::isGranted());
     EXPECT_EQ(CalendarAccess::status(), EKAuthorizationStatus::restricted);
 }
@@ -337,15 +306,8 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     store->commit();
     save("Single", utc(2024, 8, 1, 16), utc(2024, 8, 1, 17), std::nullopt);
     // A floating series over the clock change: the cache holds moments, the reader wall clocks.
-    auto floating = EKEvent::eventWithEventStore(*store);
-    floating->title = "Stretch";
-    floating->startDate = utc(2024, 3, 8, 15);
-    floating->endDate = utc(2024, 3, 8, 16);
-    floating->calendar = store->defaultCalendarForNewEvents();
-    EKRecurrenceRule daily;
-    daily.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5);
-    floating->recurrenceRules = {daily};
-    store->saveEvent(*floating, EKSpan::futureEvents, true);
+    const auto floating = save("Stretch", utc(2024, 3, 8, 15), utc(2024, 3, 8, 16), std::nullopt,
+                               EKRecurrenceRule{.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(5)});
 
     const auto uid = *series->calendarItemExternalIdentifier();
     const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());

@@ -25,8 +25,7 @@ TEST(Paths, ComponentsKeepTheRootAndDropEmptyParts) {
 }
 
 TEST(Paths, TildeStandsForTheHomeFolderOnlyAsAWholeComponent) {
-    testing::FakeUserFolders folders("/Users/jane/", "/tmp", "jane");
-    ScopedReplacement<UserFolders> installed(folders);
+    testing::Installed<testing::FakeUserFolders> folders("/Users/jane/", "/tmp", "jane");
 
     EXPECT_EQ(paths::expandingTilde("~"), "/Users/jane");
     EXPECT_EQ(paths::expandingTilde("~/Calendars"), "/Users/jane/Calendars");

@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
@@ -18,6 +19,7 @@
 namespace morvane {
 namespace {
 
+using testing::saveEvent;
 using testing::utc;
 
 std::vector<std::string> keysOf(const json::Ordered& object) {
@@ -27,31 +29,12 @@ std::vector<std::string> keysOf(const json::Ordered& object) {
     return keys;
 }
 
-// The words of the `Wanted` error that `action` throws; empty when it throws none.
-template <class Wanted, class Action> std::string failure(Action&& action) {
-    try {
-        action();
-    } catch (const Wanted& error) {
-        return error.description();
-    }
-    return {};
-}
-
 std::int64_t keyAt(double seconds) { return Date{seconds}.occurrenceKey(); }
 
 class EventKitSnapshotTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> save(EKEventStore& store, const std::string& title, double start, double end,
-                                  std::optional<std::string> zone = std::string(testing::pinnedZone),
-                                  std::optional<EKRecurrenceRule> rule = std::nullopt) {
-        return testing::saveEvent(store, title, start, end, std::move(zone), std::move(rule));
-    }
-
     static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, int count) {
-        EKRecurrenceRule made;
-        made.frequency = frequency;
-        made.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count);
-        return made;
+        return {.frequency = frequency, .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count)};
     }
 
     // A small document by hand: a single, a series with one detached occurrence, one calendar.
@@ -102,8 +85,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     const Date now{utc(2024, 6, 1, 12)}; // 05:00 in Los Angeles
 };
 
@@ -111,14 +93,14 @@ protected:
 
 TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrenceKeys) {
     auto store = std::make_shared<EKEventStore>();
-    save(*store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    saveEvent(*store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     // Across midnight of 1 June 2025 local, where one fetched year ends and the next begins.
-    save(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
-    auto standup = save(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
-                        rule(EKRecurrenceFrequency::weekly, 6));
+    saveEvent(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
+    auto standup = saveEvent(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
+                             rule(EKRecurrenceFrequency::weekly, 6));
     // 23:00 to 01:00 floating, the second night crossing the same year boundary.
-    auto late = save(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
-                     rule(EKRecurrenceFrequency::daily, 3));
+    auto late = saveEvent(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
+                          rule(EKRecurrenceFrequency::daily, 3));
 
     const auto inMarch = [&] {
         auto events =
@@ -203,7 +185,7 @@ TEST_F(EventKitSnapshotTest, CaptureFailsRatherThanLeaveOutWhatTheStoreCantRead)
 
     // Changed under the open store: its calendars still list, but no year of events can be read.
     builder.execute("ALTER TABLE CalendarItem RENAME COLUMN end_date TO gone");
-    const auto words = failure<RestoreError>([&] { EventKitSnapshot::capture(store, now); });
+    const auto words = testing::errorText<RestoreError>([&] { EventKitSnapshot::capture(store, now); });
     EXPECT_TRUE(words.starts_with("Couldn't read all of the calendars: ")) << words;
 }
 
@@ -304,18 +286,15 @@ TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDeco
     EXPECT_EQ(EventKitSnapshot::decode(encode(file)).version, 0);
 
     file["version"] = 2;
-    EXPECT_EQ(failure<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
               "This snapshot was made by a newer version of Morvane.");
 
     // A later format that no longer decodes says so in the decoder's words.
     file["events"][1].erase("calendarRowID");
-    try {
-        EventKitSnapshot::decode(encode(file));
-        FAIL() << "an event without its calendar was accepted";
-    } catch (const json::DecodingError& error) {
-        EXPECT_EQ(error.which(), json::DecodingError::Case::keyNotFound);
-        EXPECT_EQ(error.codingPath(), "events[1]");
-    }
+    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(file)); });
+    ASSERT_TRUE(error) << "an event without its calendar was accepted";
+    EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound);
+    EXPECT_EQ(error->codingPath(), "events[1]");
 
     EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
 }
@@ -389,7 +368,7 @@ TEST_F(EventKitSnapshotTest, StoreDropsUnlistedCalendarsAndKeepsOccurrencesPerSe
 
 TEST_F(EventKitSnapshotTest, StoreOpensAWrittenFileAndNamesAFileItCantRead) {
     EKEventStore live;
-    save(live, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    saveEvent(live, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     const auto file = user.home() / "Snapshots" / "2024-06-01-050000.calevents";
     testing::writeEventStoreSnapshot(live, file, now);
 
@@ -399,7 +378,7 @@ TEST_F(EventKitSnapshotTest, StoreOpensAWrittenFileAndNamesAFileItCantRead) {
     EXPECT_EQ(opened.allEvents()[0].title(), "Dentist");
 
     const auto gone = user.home() / "gone.calevents";
-    EXPECT_EQ(failure<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
 }
 
 } // namespace
