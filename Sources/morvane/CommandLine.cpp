@@ -3,6 +3,7 @@
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
+#include "morvane/CompareCommand.h"
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
 #include "morvane/TimeMachineCommand.h"
@@ -39,6 +40,16 @@ std::vector<Command> commands() {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
              return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
+         }},
+        {"compare", "Show what is gone or different in the calendars since a backup",
+         [](CLI::App& command) {
+             auto options = std::make_shared<CompareOptions>();
+             command
+                 .add_option("BACKUP", options->backup,
+                             "Anything inspect takes, or a source's id from 'morvane backups --json'")
+                 ->required();
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream&) { return runCompare(*options, out); };
          }},
         {"events", "List the live events of a date range, repeating events expanded, by start",
          [](CLI::App& command) {
