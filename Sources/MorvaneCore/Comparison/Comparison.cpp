@@ -5,6 +5,7 @@
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Json.h"
+#include "MorvaneCore/Shared/Text.h"
 #include "MorvaneCore/Shared/TimeZones.h"
 
 #include <memory>
@@ -45,8 +46,18 @@ std::string eventLine(const BackupEvent& event) {
            event.calendar.displayName();
 }
 
-// An empty value is one the event doesn't have.
-std::string shown(const std::string& value) { return value.empty() ? "(none)" : value; }
+// An empty value is one the event doesn't have; a value of several lines (a place's name and
+// address) is shown on one.
+std::string shown(const std::string& value) {
+    if (value.empty()) return "(none)";
+    const auto lines = text::replacingAll(value, "\r", "\n");
+    std::string line;
+    for (const auto piece : text::nonEmptyLines(lines)) {
+        if (!line.empty()) line += ", ";
+        line += piece;
+    }
+    return line;
+}
 
 void printChanges(std::ostream& out, const std::vector<FieldChange>& changes) {
     for (const auto& change : changes)
