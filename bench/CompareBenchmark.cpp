@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 
 namespace {
 
@@ -92,6 +93,34 @@ void changes(benchmark::State& state) {
     state.counters["seriesSkipped"] = static_cast<double>(report.seriesSkipped);
 }
 BENCHMARK(changes)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// The parts of `changes`: every event's content against today's, and the one call for the
+// occurrences of every repeating event.
+void eventContent(benchmark::State& state) {
+    auto& sides = compared(state.range(0));
+    std::size_t changed = 0;
+    for (auto _ : state) {
+        changed = 0;
+        for (const auto& event : sides.backup) {
+            if (event.isDetachedOccurrence()) continue;
+            if (const auto now = sides.live->snapshot(event)) changed += event.snapshot.changes(*now).empty() ? 0 : 1;
+        }
+    }
+    state.counters["changed"] = static_cast<double>(changed);
+}
+BENCHMARK(eventContent)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void occurrencesOfAllSeries(benchmark::State& state) {
+    auto& sides = compared(state.range(0));
+    std::set<std::string> uids;
+    for (const auto& [uid, dates] : sides.backupOccurrences->dates)
+        uids.insert(uid);
+    for (auto _ : state) {
+        auto now = sides.live->occurrences(uids, sides.backupOccurrences->window);
+        benchmark::DoNotOptimize(now.dates.size());
+    }
+}
+BENCHMARK(occurrencesOfAllSeries)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

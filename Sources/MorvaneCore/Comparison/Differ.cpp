@@ -24,9 +24,9 @@ bool shiftsEveryOccurrence(const std::vector<FieldChange>& changes) {
 
 bool holds(DateInterval interval, Date date) { return interval.start <= date && date <= interval.end; }
 
-bool holdsKey(const std::map<std::string, std::set<std::int64_t>>& dates, const std::string& uid, std::int64_t key) {
+bool holdsKey(const std::map<std::string, std::vector<std::int64_t>>& dates, const std::string& uid, std::int64_t key) {
     const auto found = dates.find(uid);
-    return found != dates.end() && found->second.count(key) != 0;
+    return found != dates.end() && std::binary_search(found->second.begin(), found->second.end(), key);
 }
 
 Date dateOfKey(std::int64_t key) { return Date{static_cast<double>(key)}; }
@@ -168,11 +168,16 @@ ChangeReport changes(const std::vector<BackupEvent>& backup, const std::optional
                 const auto dates = backupOccurrences->dates.find(uid);
                 if (dates == backupOccurrences->dates.end()) continue;
                 const auto detached = storedDetached.find(uid);
-                const auto live = now.dates.find(uid);
+                // Both lists ascend, so the search for each key starts where the last one ended.
+                static const std::vector<std::int64_t> none;
+                const auto found = now.dates.find(uid);
+                const auto& live = found != now.dates.end() ? found->second : none;
+                auto cursor = live.begin();
                 for (const auto key : dates->second) {
                     if (detached != storedDetached.end() && detached->second.count(key) != 0) continue;
                     if (!holds(window, dateOfKey(key))) continue;
-                    if (live != now.dates.end() && live->second.count(key) != 0) continue;
+                    cursor = std::lower_bound(cursor, live.end(), key);
+                    if (cursor != live.end() && *cursor == key) continue;
                     report.occurrenceChanges.push_back(
                         {*compared.at(uid), dateOfKey(key), std::nullopt, OccurrenceChange::Kind::deleted()});
                 }

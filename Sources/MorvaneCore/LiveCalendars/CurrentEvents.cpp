@@ -128,6 +128,7 @@ std::optional<EventSnapshot> EventKitSource::snapshot(const BackupEvent& event) 
 
 CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
     CurrentOccurrences result{in, {}, {}};
+    std::map<std::string, std::set<std::int64_t>> dates;
     fetchYearByYear(*store_, in, [&](std::shared_ptr<EKEvent> event) {
         const auto& identifier = event->calendarItemExternalIdentifier();
         if (!identifier || !event->occurrenceDate()) return;
@@ -135,9 +136,11 @@ CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids
         if (uids.count(uid) == 0) return;
         const auto key = liveOccurrenceKey(*event);
         if (!key) return;
-        result.dates[uid].insert(*key);
+        dates[uid].insert(*key);
         if (event->isDetached()) result.detached[uid][*key] = snapshot(*event);
     });
+    for (auto& [uid, keys] : dates)
+        result.dates.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
     return result;
 }
 
@@ -184,7 +187,11 @@ DatabaseSource::DatabaseSource(EventKitSnapshot eventKit, std::optional<EventKit
 }
 
 DatabaseSource::DatabaseSource(std::vector<BackupEvent> events, OccurrenceSet occurrences)
-    : occurrenceSet_(std::move(occurrences)) {
+    : occurrenceWindow_(occurrences.window) {
+    for (auto& [uid, keys] : occurrences.dates) {
+        occurrenceDates_.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
+        keys.clear();
+    }
     for (auto& event : events) {
         if (event.uuid) uuids_.insert(*event.uuid);
         const std::string uid(seriesKey(event.uniqueIdentifier));
@@ -237,11 +244,10 @@ std::optional<EventSnapshot> DatabaseSource::snapshot(const BackupEvent& event) 
 
 CurrentOccurrences DatabaseSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
     CurrentOccurrences result;
-    const DateInterval meeting{std::max(occurrenceSet_.window.start, in.start),
-                               std::min(occurrenceSet_.window.end, in.end)};
+    const DateInterval meeting{std::max(occurrenceWindow_.start, in.start), std::min(occurrenceWindow_.end, in.end)};
     result.window = meeting.start < meeting.end ? meeting : DateInterval{in.start, in.start};
     for (const auto& uid : uids) {
-        if (const auto dates = occurrenceSet_.dates.find(uid); dates != occurrenceSet_.dates.end())
+        if (const auto dates = occurrenceDates_.find(uid); dates != occurrenceDates_.end())
             result.dates.emplace(uid, dates->second);
         if (const auto content = detached_.find(uid); content != detached_.end())
             result.detached.emplace(uid, content->second);
