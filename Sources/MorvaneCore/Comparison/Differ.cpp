@@ -168,7 +168,7 @@ ChangeReport changes(const std::vector<BackupEvent>& backup, const std::optional
                 const auto dates = backupOccurrences->dates.find(uid);
                 if (dates == backupOccurrences->dates.end()) continue;
                 const auto detached = storedDetached.find(uid);
-                // Both lists ascend, so the search for each key starts where the last one ended.
+                // Both lists ascend: one walk along the two of them.
                 static const std::vector<std::int64_t> none;
                 const auto found = now.dates.find(uid);
                 const auto& live = found != now.dates.end() ? found->second : none;
@@ -176,7 +176,8 @@ ChangeReport changes(const std::vector<BackupEvent>& backup, const std::optional
                 for (const auto key : dates->second) {
                     if (detached != storedDetached.end() && detached->second.count(key) != 0) continue;
                     if (!holds(window, dateOfKey(key))) continue;
-                    cursor = std::lower_bound(cursor, live.end(), key);
+                    while (cursor != live.end() && *cursor < key)
+                        ++cursor;
                     if (cursor != live.end() && *cursor == key) continue;
                     report.occurrenceChanges.push_back(
                         {*compared.at(uid), dateOfKey(key), std::nullopt, OccurrenceChange::Kind::deleted()});
