@@ -2,7 +2,8 @@
 # Builds the programs in release mode and runs the main job on a self-contained sample: a
 # generated calendar of 2,000 events laid out as in a home folder, read the way a backup is read
 # (found, staged, verified, fingerprinted), then as the live calendars of a user whose home it is,
-# beside the listing of this machine's Time Machine backups and a small folder of .ics files.
+# beside the listing of this machine's Time Machine backups and a small folder of .ics files; then
+# a later state of the same calendars, compared with a restore point of the earlier one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -48,3 +49,19 @@ run inspect "$archive" --events
 export HOME="$PWD/$sample"
 run calendars
 run events --from 2025-03-03 --to 2025-03-05
+
+# The product's point: a restore point of these calendars, then what a user did since, each made
+# through the local event store: two occurrences were edited before the restore point was taken;
+# since then two events were deleted, two renamed, two occurrences deleted and the two edited
+# occurrences edited again. `compare` shows each, with the rowIDs that a restore takes.
+earlier=build/sample/earlier.sqlitedb
+points=build/sample/restore-points
+rm -rf "$points" "$earlier"
+mkdir -p "$points"
+"$bin/derive-calendar" "$database" "$earlier" 2 7
+restorePoint="$points/$(date -d '-1 day' +%Y-%m-%d-%H%M%S).calsnap"
+"$bin/lzfse" -encode -i "$earlier" -o "$restorePoint"
+run compare "$restorePoint"
+run compare "$restorePoint" --json > build/sample/compare.json
+head -n 30 build/sample/compare.json
+echo "... (the whole comparison is in build/sample/compare.json)"

@@ -3,6 +3,7 @@
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
+#include "morvane/CompareCommand.h"
 #include "morvane/CopiesCommand.h"
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
@@ -44,6 +45,16 @@ std::vector<Command> commands() {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
              return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
+         }},
+        {"compare", "Show what is gone or different in the calendars since a backup",
+         [](CLI::App& command) {
+             auto options = std::make_shared<CompareOptions>();
+             command
+                 .add_option("BACKUP", options->backup,
+                             "Anything inspect takes, or a source's id from 'morvane backups --json'")
+                 ->required();
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream&) { return runCompare(*options, out); };
          }},
         {"copies", "Copy the restore points to a folder shared with your other computers",
          [](CLI::App& command) {

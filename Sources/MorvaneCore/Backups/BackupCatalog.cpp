@@ -17,6 +17,8 @@
 #include "MorvanePlatform/UserFolders.h"
 
 #include <algorithm>
+#include <array>
+#include <filesystem>
 #include <limits>
 #include <plist/plist.h>
 #include <set>
@@ -147,6 +149,24 @@ BackupSource source(std::string_view forPath) {
     if (!holdsDatabase && IcsArchive::looksLikeArchive(path))
         return {Kind::icsArchive(path), parseStamp(paths::lastComponent(path))};
     return {Kind::file(path), std::nullopt};
+}
+
+BackupSource resolve(std::string_view backup) {
+    static constexpr std::array<std::string_view, 7> idPrefixes = {
+        "snap:", "tm:", "file:", "ics:", "app:", "icloud:", "tmi:"};
+    const bool looksLikeID = std::any_of(idPrefixes.begin(), idPrefixes.end(),
+                                         [backup](std::string_view prefix) { return backup.starts_with(prefix); });
+    std::error_code error;
+    if (!looksLikeID || std::filesystem::exists(paths::expandingTilde(backup), error)) return source(backup);
+
+    // The sources an id may name: the Time Machine listing, which is what `morvane backups` shows.
+    std::vector<BackupSource> listed;
+    std::vector<std::string> notes;
+    listTimeMachine(listed, notes);
+    for (auto& candidate : listed) {
+        if (candidate.id() == backup) return std::move(candidate);
+    }
+    throw RestoreError("No backup has the id " + std::string(backup) + ". Run 'morvane backups' for the list.");
 }
 
 PreparedSource prepare(const BackupSource& source) {

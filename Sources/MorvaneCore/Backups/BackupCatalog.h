@@ -99,6 +99,13 @@ std::optional<SnapshotLocation> timeMachineSnapshot(const std::string& path);
 // folder of .ics files from one holding a database.
 BackupSource source(std::string_view forPath);
 
+// The source a user means by BACKUP on the command line: the `id` of a listed source, as
+// `morvane backups --json` gives it, or else anything `source` classes. A text that starts like
+// an id ("tm:", "snap:", ...) and is no existing path must be a listed source's id; otherwise
+// this throws RestoreError "No backup has the id {text}. Run 'morvane backups' for the list.".
+// Runs the listing's tools only for such a text.
+BackupSource resolve(std::string_view backup);
+
 // Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
 // read once before comes from its cached copy, without the disk or a mount. Several threads
 // opening one uncached source are serialised: one reads it while the others wait (on a

@@ -1,7 +1,9 @@
 #include "MorvaneCore/Backups/BackupLocator.h"
 
+#include "MorvaneCore/Database/CalendarDatabase.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Paths.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserFolders.h"
 
@@ -129,6 +131,27 @@ StagedCopy stageData(std::string_view data, const std::string& name) {
     auto staged = newStagedCopy(name);
     files::write(staged.file(), data);
     return staged;
+}
+
+std::optional<DatabaseSource> liveIndex(const std::function<std::shared_ptr<EKEventStore>()>& eventStore) {
+    if (canReadLiveDatabase()) {
+        try {
+            const auto staged = stageCopy(liveDBPath());
+            // The database closes before its copy goes.
+            CalendarDatabase database(staged.file());
+            return DatabaseSource(database);
+        } catch (const Error&) {
+            // The database is the quick way, not the only one.
+        }
+    }
+    if (!CalendarAccess::isGranted()) return std::nullopt;
+    try {
+        auto store = eventStore();
+        if (!store) return std::nullopt;
+        return DatabaseSource(EventKitSnapshot::capture(*store, Date::now()), EventKitSource(store));
+    } catch (const Error&) {
+        return std::nullopt;
+    }
 }
 
 void removeStagedCopy(const fs::path& file) {

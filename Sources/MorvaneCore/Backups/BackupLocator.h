@@ -1,8 +1,12 @@
 #pragma once
 
 #include "MorvaneCore/Backups/StagedCopy.h"
+#include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 
 #include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +48,13 @@ StagedCopy stageData(std::string_view data, const std::string& name);
 // dropped. Only a "morvane-" folder is ever removed, whether it is registered or not. What a
 // StagedCopy does when its owner lets go.
 void removeStagedCopy(const std::filesystem::path& file);
+
+// The calendars as they are now, as an index in memory: read from a staged copy of the live
+// database when it can be listed, staged and read (the copy is gone again when this returns),
+// else, when calendar access is granted, from a capture of the store that `eventStore` gives,
+// with an EventKitSource over that store as the index's lookup. `eventStore` is called only for
+// the second way, and at most once. Never fails: nothing comes back when neither way works.
+std::optional<DatabaseSource> liveIndex(const std::function<std::shared_ptr<EKEventStore>()>& eventStore);
 
 // Removes every staged folder of the registry; errors are dropped.
 void removeAllStagedCopies();

@@ -54,6 +54,14 @@ std::string BackupSource::subtitle() const {
     return {};
 }
 
+json::Value BackupSource::json() const {
+    return {{"id", id()},
+            {"kind", kind.caseName()},
+            {"title", title()},
+            {"subtitle", subtitle()},
+            {"date", json::isoDate(date)}};
+}
+
 } // namespace morvane
 
 size_t std::hash<morvane::BackupSource::Kind>::operator()(const morvane::BackupSource::Kind& kind) const noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MorvaneCore/Shared/Date.h"
+#include "MorvaneCore/Shared/Json.h"
 
 #include <cstdint>
 #include <functional>
@@ -64,6 +65,8 @@ struct BackupSource {
     std::string title() const;
     // The second line shown for the source, e.g. "Time Machine · /Volumes/Backup".
     std::string subtitle() const;
+    // The form lists print: {"id", "kind", "title", "subtitle", "date" (ISO 8601 in UTC or null)}.
+    json::Value json() const;
 
     friend bool operator==(const BackupSource& a, const BackupSource& b) { return a.id() == b.id(); }
 };

@@ -1,10 +1,12 @@
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 
+#include "MorvaneCore/Database/CalendarDatabase.h"
 #include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "MorvaneCore/Shared/Text.h"
 #include "MorvaneCore/Shared/TimeZones.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 
 #include <algorithm>
 #include <atomic>
@@ -126,6 +128,7 @@ std::optional<EventSnapshot> EventKitSource::snapshot(const BackupEvent& event) 
 
 CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
     CurrentOccurrences result{in, {}, {}};
+    std::map<std::string, std::set<std::int64_t>> dates;
     fetchYearByYear(*store_, in, [&](std::shared_ptr<EKEvent> event) {
         const auto& identifier = event->calendarItemExternalIdentifier();
         if (!identifier || !event->occurrenceDate()) return;
@@ -133,9 +136,11 @@ CurrentOccurrences EventKitSource::occurrences(const std::set<std::string>& uids
         if (uids.count(uid) == 0) return;
         const auto key = liveOccurrenceKey(*event);
         if (!key) return;
-        result.dates[uid].insert(*key);
+        dates[uid].insert(*key);
         if (event->isDetached()) result.detached[uid][*key] = snapshot(*event);
     });
+    for (auto& [uid, keys] : dates)
+        result.dates.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
     return result;
 }
 
@@ -168,6 +173,86 @@ EventSnapshot EventKitSource::snapshot(const EKEvent& event) {
     }
     std::stable_sort(made.alarms.begin(), made.alarms.end());
     return made;
+}
+
+DatabaseSource::DatabaseSource(CalendarDatabase& database)
+    : DatabaseSource(database.events(std::nullopt), database.occurrences()) {}
+
+DatabaseSource::DatabaseSource(EventKitSnapshot eventKit, std::optional<EventKitSource> lookup)
+    : DatabaseSource([&] {
+          EventKitStore store(std::move(eventKit));
+          return DatabaseSource(store.allEvents(), store.occurrences());
+      }()) {
+    lookup_ = std::move(lookup);
+}
+
+DatabaseSource::DatabaseSource(std::vector<BackupEvent> events, OccurrenceSet occurrences)
+    : occurrenceWindow_(occurrences.window) {
+    for (auto& [uid, keys] : occurrences.dates) {
+        occurrenceDates_.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
+        keys.clear();
+    }
+    for (auto& event : events) {
+        if (event.uuid) uuids_.insert(*event.uuid);
+        const std::string uid(seriesKey(event.uniqueIdentifier));
+        if (event.masterRowID) {
+            if (event.originalDate) detached_[uid][event.originalDate->occurrenceKey()] = std::move(event.snapshot);
+            continue;
+        }
+        const auto type = storeType(event.calendar.storeType);
+        if (type &&
+            std::find(restorableStoreTypes.begin(), restorableStoreTypes.end(), *type) != restorableStoreTypes.end()) {
+            titleStarts_.insert(titleStartKey(event.snapshot.title, event.snapshot.start));
+        }
+        byUID_[uid].push_back(std::move(event));
+    }
+}
+
+std::string DatabaseSource::titleStartKey(std::string_view title, Date start) {
+    std::string key(text::trimmingWhitespaceAndNewlines(title));
+    key += '|';
+    key += std::to_string(start.occurrenceKey());
+    return key;
+}
+
+bool DatabaseSource::contains(const BackupEvent& event) {
+    const std::string uid(seriesKey(event.uniqueIdentifier));
+    if (byUID_.count(uid) != 0 || detached_.count(uid) != 0) return true;
+    if (event.uuid && uuids_.count(*event.uuid) != 0) return true;
+    return lookup_ && lookup_->contains(event);
+}
+
+bool DatabaseSource::hasEquivalent(const BackupEvent& event) {
+    return hasEquivalent(event.snapshot.title, event.snapshot.start);
+}
+
+bool DatabaseSource::hasEquivalent(std::string_view title, Date start) const {
+    return titleStarts_.count(titleStartKey(title, start)) != 0;
+}
+
+std::optional<EventSnapshot> DatabaseSource::snapshot(const BackupEvent& event) {
+    const auto found = byUID_.find(std::string(seriesKey(event.uniqueIdentifier)));
+    if (found != byUID_.end() && !found->second.empty()) {
+        for (const auto& master : found->second) {
+            if (master.calendar.uuid == event.calendar.uuid) return master.snapshot;
+        }
+        return found->second.front().snapshot;
+    }
+    if (lookup_) return lookup_->snapshot(event);
+    return std::nullopt;
+}
+
+CurrentOccurrences DatabaseSource::occurrences(const std::set<std::string>& uids, DateInterval in) {
+    CurrentOccurrences result;
+    const DateInterval meeting{std::max(occurrenceWindow_.start, in.start), std::min(occurrenceWindow_.end, in.end)};
+    result.window = meeting.start < meeting.end ? meeting : DateInterval{in.start, in.start};
+    for (const auto& uid : uids) {
+        if (const auto dates = occurrenceDates_.find(uid); dates != occurrenceDates_.end())
+            result.dates.emplace(uid, dates->second);
+        if (const auto content = detached_.find(uid); content != detached_.end())
+            result.detached.emplace(uid, content->second);
+    }
+    return result;
 }
 
 std::optional<std::int64_t> liveOccurrenceKey(const EKEvent& event) {

@@ -2,8 +2,10 @@
 
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
+#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/SavedEvents.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -232,6 +234,56 @@ TEST_F(BackupLocatorTest, RemovingTrustsTheCallerButOnlyForStagedFolders) {
     const auto elsewhere = user.root().write("home/Documents/Calendar.sqlitedb", "keep");
     BackupLocator::removeStagedCopy(elsewhere);
     EXPECT_EQ(files::read(elsewhere), "keep");
+}
+
+TEST_F(BackupLocatorTest, TheLiveIndexReadsTheDatabaseElseCapturesTheStoreOnceElseGivesNothing) {
+    testing::ScriptedCalendarPermission permission;
+    permission.currentStatus = EKAuthorizationStatus::fullAccess;
+    ScopedReplacement<CalendarPermission> installed(permission);
+    testing::FixedClock clock{0};
+    ScopedReplacement<Clock> pinnedClock{clock};
+    const fs::path elsewhere = user.root().path() / "elsewhere.sqlitedb";
+    int asked = 0;
+    std::function<std::shared_ptr<EKEventStore>()> eventStore = [&] {
+        ++asked;
+        return std::make_shared<EKEventStore>(elsewhere);
+    };
+    testing::saveEvent(*std::make_shared<EKEventStore>(elsewhere), "Captured", 3600, 7200);
+    const auto named = [](const std::string& uid) {
+        BackupEvent event;
+        event.uniqueIdentifier = uid;
+        return event;
+    };
+
+    {
+        testing::CalendarDatabaseBuilder live(BackupLocator::liveDBPath());
+        live.addItem({.calendar = live.addCalendar({.store = live.addStore({})}), .uniqueIdentifier = "LIVE"});
+        live.setOccurrenceWindow(0, 86400, "UTC");
+    }
+    auto index = BackupLocator::liveIndex(eventStore);
+    ASSERT_TRUE(index);
+    EXPECT_TRUE(index->contains(named("LIVE")));
+    EXPECT_EQ(asked, 0);
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+
+    // A live file that doesn't read as a database: the store's capture, with the store to ask.
+    files::write(BackupLocator::liveDBPath(), "not a database");
+    index = BackupLocator::liveIndex(eventStore);
+    ASSERT_TRUE(index);
+    EXPECT_EQ(asked, 1);
+    EXPECT_FALSE(index->contains(named("LIVE")));
+    EXPECT_TRUE(index->hasEquivalent("Captured", Date{3600}));
+    EXPECT_EQ(files::read(BackupLocator::liveDBPath()), "not a database");
+    EXPECT_TRUE(BackupLocator::stagedFolders().empty());
+
+    eventStore = [&]() -> std::shared_ptr<EKEventStore> {
+        ++asked;
+        throw EventStoreError("The store is gone.");
+    };
+    EXPECT_FALSE(BackupLocator::liveIndex(eventStore));
+    permission.currentStatus = EKAuthorizationStatus::denied;
+    EXPECT_FALSE(BackupLocator::liveIndex(eventStore));
+    EXPECT_EQ(asked, 2);
 }
 
 } // namespace
