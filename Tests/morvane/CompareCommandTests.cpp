@@ -49,14 +49,13 @@ TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAnd
     edited->location = "Hall A";
     store.saveEvent(*edited, EKSpan::thisEvent, true);
 
-    // The earlier state, kept as a restore point is.
-    const auto restorePoint = user.home() / "Restore points" / "2024-06-01-120000.calsnap";
-    fs::create_directories(restorePoint.parent_path());
-    {
-        const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-        CalendarDatabase(staged.file()).checkpoint();
-        files::write(restorePoint, compression::compress(files::read(staged.file())));
-    }
+    // The earlier state as a restore point, named by its id in the list of backups.
+    ASSERT_EQ(testing::runCommandLine({"snapshot", "--quiet"}).status, 0);
+    const auto listed = nlohmann::json::parse(testing::runCommandLine({"backups", "--json", "--no-time-machine"}).out);
+    ASSERT_EQ(listed["sources"].size(), 1u) << listed;
+    const std::string id = listed["sources"][0]["id"];
+    ASSERT_TRUE(id.starts_with("app:")) << id;
+    const fs::path restorePoint = id.substr(4);
 
     store.removeEvent(*dentist, EKSpan::thisEvent, true);
     review->title = "Quarterly review";
@@ -69,7 +68,7 @@ TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAnd
     const auto backupBytes = files::read(restorePoint);
     const auto liveBytes = files::read(BackupLocator::liveDBPath());
 
-    const auto text = testing::runCommandLine({"compare", restorePoint.c_str()});
+    const auto text = testing::runCommandLine({"compare", id.c_str()});
     ASSERT_EQ(text.status, 0) << text.err;
     EXPECT_NE(text.out.find("4 events in the backup: 1 missing, 0 restored before, 1 changed, 2 occurrence changes."),
               std::string::npos)
@@ -85,11 +84,11 @@ TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAnd
               std::string::npos)
         << text.out;
 
-    const auto json = testing::runCommandLine({"compare", restorePoint.c_str(), "--json"});
+    const auto json = testing::runCommandLine({"compare", id.c_str(), "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
     const auto document = nlohmann::json::parse(json.out);
     EXPECT_EQ(document["source"]["kind"], "appSnapshot");
-    EXPECT_EQ(document["source"]["id"], "app:" + restorePoint.string());
+    EXPECT_EQ(document["source"]["id"], id);
     EXPECT_EQ(document["backupEventCount"], 4);
     ASSERT_EQ(document["missing"].size(), 1u);
     EXPECT_EQ(document["missing"][0]["title"], "Dentist");

@@ -159,11 +159,10 @@ BackupSource resolve(std::string_view backup) {
     std::error_code error;
     if (!looksLikeID || std::filesystem::exists(paths::expandingTilde(backup), error)) return source(backup);
 
-    // The sources an id may name: the Time Machine listing, which is what `morvane backups` shows.
-    std::vector<BackupSource> listed;
-    std::vector<std::string> notes;
-    listTimeMachine(listed, notes);
-    for (auto& candidate : listed) {
+    // The sources an id may name: the whole list `morvane backups` shows. Only Time Machine's
+    // ids need its tools run.
+    const bool timeMachine = backup.starts_with("tm:") || backup.starts_with("snap:");
+    for (auto& candidate : list(timeMachine).sources) {
         if (candidate.id() == backup) return std::move(candidate);
     }
     throw RestoreError("No backup has the id " + std::string(backup) + ". Run 'morvane backups' for the list.");

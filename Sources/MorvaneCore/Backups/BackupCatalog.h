@@ -103,7 +103,7 @@ BackupSource source(std::string_view forPath);
 // `morvane backups --json` gives it, or else anything `source` classes. A text that starts like
 // an id ("tm:", "snap:", ...) and is no existing path must be a listed source's id; otherwise
 // this throws RestoreError "No backup has the id {text}. Run 'morvane backups' for the list.".
-// Runs the listing's tools only for such a text.
+// Runs Time Machine's tools only for an id of a Time Machine source.
 BackupSource resolve(std::string_view backup);
 
 // Opens a source for reading through the backup cache: a Time Machine backup or local snapshot
