@@ -2,6 +2,7 @@
 
 #include "MorvanePlatform/Replaceable.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -9,10 +10,18 @@
 // Whole-file reads and writes, with errors worded for the user (PlatformError). Every function
 // here either does all it says or throws; none leaves a half-written file under the final name
 // except writeFile, which is the plain, non-atomic write where a caller asks for one.
+//
+// Only regular files are read (a link is followed to what it names): a named pipe, a device or
+// a folder is refused with words saying what it is, without waiting for a writer or reading
+// without end.
 namespace morvane::files {
 
-// The whole content of a file.
-std::string read(const std::filesystem::path& path);
+// The most any one read holds in memory unless its caller says less.
+inline constexpr std::uint64_t readLimit = std::uint64_t{4} << 30;
+
+// The whole content of a regular file. Throws "Couldn't read {path}: {reason}", also when the
+// file holds more than `limit` bytes.
+std::string read(const std::filesystem::path& path, std::uint64_t limit = readLimit);
 
 // Creates or truncates `path` and writes `bytes` to it, in place.
 void write(const std::filesystem::path& path, std::string_view bytes);
@@ -24,8 +33,25 @@ void writeAtomically(const std::filesystem::path& path, std::string_view bytes);
 // Creates a folder and any missing folders above it; an existing folder is fine.
 void createDirectories(const std::filesystem::path& path);
 
+// Creates the folder `path`, whose parent must exist, open to its owner alone (mode 0700) from
+// the moment it exists, whatever the umask. Fails when anything is there already.
+void createPrivateFolder(const std::filesystem::path& path);
+
+// Creates the file `path` with mode 0600 from its first byte, whatever the umask, and writes
+// `bytes` to it. Fails when anything is there already.
+void writePrivately(const std::filesystem::path& path, std::string_view bytes);
+
+// Copies the regular file `source` to the new file `destination`, created as `writePrivately`
+// creates it, a piece at a time: memory stays flat whatever the size. On failure no
+// `destination` is left.
+void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination);
+
 // Sets the POSIX permission bits of `path`, e.g. 0600.
 void setPermissions(const std::filesystem::path& path, unsigned mode);
+
+// Removes the temporary files of atomic writes still under way, for a process that is about to
+// end in the middle of one (on a signal). Errors are dropped.
+void removeUnfinishedWrites();
 
 // A fresh random (version 4) UUID in its standard upper-case text form.
 std::string randomUUID();
@@ -43,6 +69,9 @@ public:
     virtual void writeAtomically(const std::filesystem::path& path, std::string_view bytes) = 0;
     virtual void createDirectories(const std::filesystem::path& path) = 0;
     virtual void setPermissions(const std::filesystem::path& path, unsigned mode) = 0;
+    virtual void createPrivateFolder(const std::filesystem::path& path) = 0;
+    virtual void writePrivately(const std::filesystem::path& path, std::string_view bytes) = 0;
+    virtual void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) = 0;
 
     // The real implementation: POSIX calls.
     static FileSystem& system();

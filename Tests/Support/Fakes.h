@@ -91,6 +91,9 @@ public:
     void writeAtomically(const std::filesystem::path& path, std::string_view bytes) override;
     void createDirectories(const std::filesystem::path& path) override;
     void setPermissions(const std::filesystem::path& path, unsigned mode) override;
+    void createPrivateFolder(const std::filesystem::path& path) override;
+    void writePrivately(const std::filesystem::path& path, std::string_view bytes) override;
+    void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) override;
 
     // Whether the failing call was reached.
     bool failed() const { return calls_ >= failingCall_; }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -43,13 +44,15 @@ void remember(const fs::path& folder) {
     shared.staged.insert(folder);
 }
 
-// A fresh registered folder, owned from the start by the copy of `name` that it is to hold, so
-// that a failure while filling it takes it away again.
+// A fresh private folder, owned from the start by the copy of `name` that it is to hold, so that
+// a failure while filling it takes it away again. It is registered before it exists: a process
+// ending on a signal meanwhile still finds it.
 StagedCopy newStagedCopy(const fs::path& name) {
     const auto folder = UserFolders::current().temporary() / (std::string(stagedFolderPrefix) + files::randomUUID());
-    files::createDirectories(folder);
     remember(folder);
-    return StagedCopy(folder / name);
+    StagedCopy staged(folder / name);
+    files::createPrivateFolder(folder);
+    return staged;
 }
 
 // The sub-folders of `folder` that the search enters, in name order. Links are not followed,
@@ -97,6 +100,13 @@ fs::path findDatabase(std::string_view root, std::string_view user) {
                 auto found = folder / candidate;
                 if (fs::exists(found, error)) return found;
             }
+            // Below the root a folder that can't be listed counts as empty; the root itself
+            // unlisted would make a missing permission pass for a backup without a database.
+            if (depth == 0) {
+                std::error_code listing;
+                fs::directory_iterator probe(folder, listing);
+                if (listing) throw BackupLocatorError::notFound(expanded.string(), errnoText(listing.value()));
+            }
             auto children = searchableChildren(folder);
             next.insert(next.end(), std::make_move_iterator(children.begin()), std::make_move_iterator(children.end()));
         }
@@ -113,10 +123,9 @@ StagedCopy stageCopy(const fs::path& database) {
             source += suffix;
             std::error_code error;
             if (!fs::exists(source, error)) continue;
-            // By content, not as a file-system copy, so the copy is ours whatever the source is.
-            const auto copy = staged.file().parent_path() / source.filename();
-            files::write(copy, files::read(source));
-            files::setPermissions(copy, 0600);
+            // By content, not as a file-system copy, so the copy is ours, and private from its
+            // first byte, whatever the source is.
+            files::copyPrivately(source, staged.file().parent_path() / source.filename());
         }
         return staged;
     } catch (const Error& failure) {
@@ -127,7 +136,7 @@ StagedCopy stageCopy(const fs::path& database) {
 
 StagedCopy stageData(std::string_view data, const std::string& name) {
     auto staged = newStagedCopy(name);
-    files::write(staged.file(), data);
+    files::writePrivately(staged.file(), data);
     return staged;
 }
 

@@ -22,6 +22,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t probedEntries = 50;
+// A calendar's name is a line; an .ics file of a whole calendar over decades is a few megabytes.
+constexpr std::uint64_t displayNameLimit = 64 << 10;
+constexpr std::uint64_t icsFileLimit = 64 << 20;
 
 struct Entry {
     std::string name;
@@ -52,10 +55,10 @@ bool endsWithICS(std::string_view name) {
 
 // The whole file as text when it is well-formed UTF-8. No encoding is guessed, and a byte-order
 // mark counts as the sign of another one.
-std::optional<std::string> readUTF8(const fs::path& file) {
+std::optional<std::string> readUTF8(const fs::path& file, std::uint64_t limit) {
     std::string content;
     try {
-        content = files::read(file);
+        content = files::read(file, limit);
     } catch (const Error&) {
         return std::nullopt;
     }
@@ -224,7 +227,7 @@ IcsArchive::IcsArchive(fs::path root, const CalendarResolver& resolver) : root_(
     for (const auto& folder : folders) {
         ++row;
         std::optional<std::string> displayName;
-        if (const auto content = readUTF8(folder.path / "displayname"))
+        if (const auto content = readUTF8(folder.path / "displayname", displayNameLimit))
             displayName = std::string(text::trimmingWhitespaceAndNewlines(*content));
 
         std::optional<ArchiveCalendarInfo> info;
@@ -254,7 +257,7 @@ IcsArchive::IcsArchive(fs::path root, const CalendarResolver& resolver) : root_(
         }
         sortByName(files);
         for (const auto& file : files) {
-            if (const auto content = readUTF8(file.path)) {
+            if (const auto content = readUTF8(file.path, icsFileLimit)) {
                 read(*content, calendar, nextID);
             } else {
                 unreadableFiles_.push_back(file.path.string());
