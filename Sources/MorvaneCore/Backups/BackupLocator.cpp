@@ -86,8 +86,10 @@ bool canReadLiveDatabase() {
 fs::path findDatabase(std::string_view root, std::string_view user) {
     const fs::path expanded(paths::expandingTilde(root));
     std::error_code error;
-    if (!fs::exists(expanded, error)) throw BackupLocatorError::notFound(expanded.string());
-    if (!fs::is_directory(expanded, error)) return expanded;
+    const auto status = fs::status(expanded, error);
+    if (!fs::exists(status))
+        throw BackupLocatorError::notFound(expanded.string(), errnoText(error ? error.value() : ENOENT));
+    if (!fs::is_directory(status)) return expanded;
 
     // A whole volume has the home folder under Users; a home folder has the database directly.
     const std::array<fs::path, 2> candidates = {fs::path("Users") / user / relativeDBPath, fs::path(relativeDBPath)};

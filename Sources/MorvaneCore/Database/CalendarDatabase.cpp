@@ -79,16 +79,25 @@ constexpr std::string_view occurrenceStatement =
 
 } // namespace
 
-CalendarDatabase::CalendarDatabase(const std::filesystem::path& path) : db_(path.string()) {
+CalendarDatabase::CalendarDatabase(const std::filesystem::path& path, std::string shownAs)
+    : db_(path.string(), std::move(shownAs)) {
+    std::int64_t pages = 0;
+    db_.query("PRAGMA page_count", [&pages](const SQLiteDB::Row& row) { pages = row.integer(0).value_or(0); });
+    if (pages == 0) throw SQLiteError(db_.shownAs() + " isn't a calendar database: the file is empty");
+
     std::string gaps;
+    size_t absentTables = 0;
     for (const auto& [table, required] : requiredColumns()) {
         const auto present = db_.columns(table);
+        absentTables += present.empty() ? 1 : 0;
         std::string missing;
         for (const auto column : required) {
             if (present.count(std::string(column)) == 0) missing += (missing.empty() ? "" : ", ") + std::string(column);
         }
         if (!missing.empty()) gaps += (gaps.empty() ? "" : "; ") + std::string(table) + " lacks " + missing;
     }
+    if (absentTables == requiredColumns().size())
+        throw SQLiteError(db_.shownAs() + " isn't a calendar database: it has none of the calendar tables");
     if (!gaps.empty()) throw SQLiteError("Unsupported Calendar.sqlitedb schema: " + gaps);
 
     hasAttachmentSQL_ = db_.columns("CalendarItem").count("has_attachment") > 0 ? "ci.has_attachment" : "0";
@@ -321,7 +330,10 @@ OccurrenceSet CalendarDatabase::occurrences() {
 void CalendarDatabase::verifyIntegrity() {
     std::string report;
     db_.query("PRAGMA quick_check", [&report](const SQLiteDB::Row& row) { report += row.text(0).value_or(""); });
-    if (report != "ok") throw SQLiteError("Database copy failed its integrity check: " + report);
+    if (report != "ok")
+        throw SQLiteError(db_.shownAs() +
+                          " isn't a calendar database: the file is damaged (failed its integrity check: " + report +
+                          ")");
 }
 
 void CalendarDatabase::checkpoint() {

@@ -22,9 +22,12 @@ namespace morvane {
 // One thread at a time; failures throw SQLiteError.
 class CalendarDatabase final : public BackupStore {
 public:
-    // Throws "Unsupported Calendar.sqlitedb schema: {table} lacks {column}, ...; ..." besides
-    // the errors of opening.
-    explicit CalendarDatabase(const std::filesystem::path& path);
+    // Opens the staged copy at `path`; messages name it `shownAs`, the file as the user knows it
+    // (the copy's own path when empty). Throws, besides the errors of opening, "{shownAs} isn't a
+    // calendar database: the file is empty" for a file of no bytes, "... it has none of the
+    // calendar tables" for another program's database, and "Unsupported Calendar.sqlitedb
+    // schema: {table} lacks {column}, ...; ..." for one that lacks some.
+    explicit CalendarDatabase(const std::filesystem::path& path, std::string shownAs = {});
 
     // The events and detached occurrences of the stores of the given types (all stores when
     // absent), in the order the database gives them. Three statements, whatever the number of
@@ -57,7 +60,8 @@ public:
     // database." without a usable window.
     OccurrenceSet occurrences() override;
 
-    // Throws "Database copy failed its integrity check: {what the check said}".
+    // Throws "{shownAs} isn't a calendar database: the file is damaged (failed its integrity
+    // check: {what the check said})".
     void verifyIntegrity();
 
     // Folds the write-ahead log into the main file, so the file alone holds the database.

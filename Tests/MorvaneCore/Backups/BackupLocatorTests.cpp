@@ -98,7 +98,8 @@ TEST_F(BackupLocatorTest, NotFoundNamesTheExpandedRoot) {
         FAIL() << "found a database";
     } catch (const BackupLocatorError& error) {
         EXPECT_EQ(error.which(), BackupLocatorError::Case::notFound);
-        EXPECT_EQ(error.description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string());
+        EXPECT_EQ(error.description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string() +
+                                           ": No such file or directory");
     }
     homeDatabase("home");
     EXPECT_EQ(BackupLocator::findDatabase("~", "jane"), user.home() / relative);

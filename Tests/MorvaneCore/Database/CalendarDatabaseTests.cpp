@@ -198,7 +198,9 @@ TEST_F(CalendarDatabaseTest, IntegrityCheckPassesAHealthyCopyAndReportsDamage) {
     for (const auto& complaint : complaints)
         joined += complaint;
     CalendarDatabase damaged(path);
-    EXPECT_EQ(failureOf([&] { damaged.verifyIntegrity(); }), "Database copy failed its integrity check: " + joined);
+    EXPECT_EQ(failureOf([&] { damaged.verifyIntegrity(); }),
+              path.string() + " isn't a calendar database: the file is damaged (failed its integrity check: " + joined +
+                  ")");
 }
 
 TEST_F(CalendarDatabaseTest, EmptyTablesFingerprintAsTheDigestOfNothing) {
