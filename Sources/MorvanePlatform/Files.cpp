@@ -107,37 +107,16 @@ OpenFile createExclusively(const std::filesystem::path& path, mode_t mode) {
     return file;
 }
 
-// The temporary files of atomic writes under way, so that a process ending on a signal can
-// take them away.
-struct UnfinishedWrites {
+// The temporary items that exist now, so that a process ending on a signal can take them away.
+struct Temporaries {
     std::mutex lock;
-    std::set<std::string> paths; // guarded by lock
+    std::set<std::filesystem::path> paths; // guarded by lock
 };
 
-UnfinishedWrites& unfinishedWrites() {
-    static UnfinishedWrites shared;
+Temporaries& temporaries() {
+    static Temporaries shared;
     return shared;
 }
-
-// Registers a temporary file for its lifetime.
-class UnfinishedWrite {
-public:
-    explicit UnfinishedWrite(std::string path) : path_(std::move(path)) {
-        auto& shared = unfinishedWrites();
-        std::lock_guard guard(shared.lock);
-        shared.paths.insert(path_);
-    }
-    ~UnfinishedWrite() {
-        auto& shared = unfinishedWrites();
-        std::lock_guard guard(shared.lock);
-        shared.paths.erase(path_);
-    }
-    UnfinishedWrite(const UnfinishedWrite&) = delete;
-    UnfinishedWrite& operator=(const UnfinishedWrite&) = delete;
-
-private:
-    const std::string path_;
-};
 
 void syncFolder(const std::filesystem::path& folder) {
     OpenFile directory(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
@@ -163,15 +142,48 @@ std::string read(const std::filesystem::path& path, std::uint64_t limit) {
     return content;
 }
 
-void removeUnfinishedWrites() {
-    auto& shared = unfinishedWrites();
-    std::vector<std::string> paths;
+std::string readStart(const std::filesystem::path& path, std::size_t count) {
+    struct stat info {};
+    const auto file = openRegularFile(path, info);
+    std::string content(count, '\0');
+    size_t filled = 0;
+    while (filled < count) {
+        const size_t read = readSome(file.get(), content.data() + filled, count - filled, path);
+        if (read == 0) break;
+        filled += read;
+    }
+    content.resize(filled);
+    return content;
+}
+
+TemporaryItem::TemporaryItem(std::filesystem::path path) : path_(std::move(path)) {
+    auto& shared = temporaries();
+    std::lock_guard guard(shared.lock);
+    shared.paths.insert(path_);
+}
+
+TemporaryItem::TemporaryItem(TemporaryItem&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+
+TemporaryItem::~TemporaryItem() {
+    if (path_.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+    auto& shared = temporaries();
+    std::lock_guard guard(shared.lock);
+    shared.paths.erase(path_);
+}
+
+void removeTemporaries() {
+    auto& shared = temporaries();
+    std::vector<std::filesystem::path> paths;
     {
         std::lock_guard guard(shared.lock);
         paths.assign(shared.paths.begin(), shared.paths.end());
     }
-    for (const auto& path : paths)
-        ::unlink(path.c_str());
+    for (const auto& path : paths) {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
 }
 
 // The real operations, behind FileSystem.
@@ -188,25 +200,18 @@ void writeAndRename(const std::filesystem::path& path, std::string_view bytes) {
     const auto folder = path.parent_path();
     auto temporary = path;
     temporary += ".tmp-" + randomUUID();
-    const UnfinishedWrite unfinished(temporary.string());
+    // Gone when this returns, renamed or removed on the way out; registered meanwhile.
+    const TemporaryItem unfinished(temporary);
     {
         OpenFile file(temporary, O_WRONLY | O_CREAT | O_EXCL);
         if (!file.isOpen()) throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
-        try {
-            writeAll(file.get(), bytes, path);
-            // The data must be on the disk before the rename makes it the file's content.
-            if (::fsync(file.get()) != 0 || file.close() != 0)
-                throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
-        } catch (...) {
-            ::unlink(temporary.c_str());
-            throw;
-        }
+        writeAll(file.get(), bytes, path);
+        // The data must be on the disk before the rename makes it the file's content.
+        if (::fsync(file.get()) != 0 || file.close() != 0)
+            throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
     }
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        const int code = errno;
-        ::unlink(temporary.c_str());
-        throw PlatformError::fromErrno(code, "Couldn't write", path.string());
-    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0)
+        throw PlatformError::fromErrno(errno, "Couldn't write", path.string());
     syncFolder(folder);
 }
 

@@ -49,9 +49,30 @@ void copyPrivately(const std::filesystem::path& source, const std::filesystem::p
 // Sets the POSIX permission bits of `path`, e.g. 0600.
 void setPermissions(const std::filesystem::path& path, unsigned mode);
 
-// Removes the temporary files of atomic writes still under way, for a process that is about to
-// end in the middle of one (on a signal). Errors are dropped.
-void removeUnfinishedWrites();
+// The first `count` bytes of a regular file, or all of it when it is shorter. Throws as `read`.
+std::string readStart(const std::filesystem::path& path, std::size_t count);
+
+// A file or folder that lives only while the process works with it (the temporary file of an
+// atomic write, a private working copy): registered from before it is made, and removed with
+// everything in it when the value goes. `removeTemporaries` takes away all that are registered,
+// for a process about to end in the middle of its work (on a signal). Move-only.
+class TemporaryItem {
+public:
+    explicit TemporaryItem(std::filesystem::path path);
+    ~TemporaryItem();
+    TemporaryItem(TemporaryItem&& other) noexcept;
+    TemporaryItem& operator=(TemporaryItem&&) = delete;
+    TemporaryItem(const TemporaryItem&) = delete;
+    TemporaryItem& operator=(const TemporaryItem&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Removes every registered temporary item; errors are dropped. Safe from any thread.
+void removeTemporaries();
 
 // A fresh random (version 4) UUID in its standard upper-case text form.
 std::string randomUUID();

@@ -74,7 +74,9 @@ TEST(Files, ReadsOnlyRegularFilesAndNoMoreThanTheLimit) {
             EXPECT_EQ(error.description(), "Couldn't read " + path.string() + ": " + reason);
         }
         // A copy that can't be made leaves nothing where it was to go.
-        if (path != large) EXPECT_THROW(files::copyPrivately(path, folder.path() / "copy"), PlatformError) << path;
+        if (path != large) {
+            EXPECT_THROW(files::copyPrivately(path, folder.path() / "copy"), PlatformError) << path;
+        }
         EXPECT_FALSE(fs::exists(folder.path() / "copy")) << path;
     }
     EXPECT_EQ(files::read(large, 2048).size(), 2048u);
