@@ -144,6 +144,9 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     root.write("ics/home/walk.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:walk\r\nDTSTART:20240301T090000Z\r\n"
                                     "SUMMARY:Walk\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
     const auto latin1 = root.write("ics/home/old.ics", "SUMMARY:Caf\xE9\r\n");
+    const auto hourly = root.write("ics/home/hourly.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:pings\r\n"
+                                                          "DTSTART:20240301T090000Z\r\nRRULE:FREQ=HOURLY\r\n"
+                                                          "END:VEVENT\r\nEND:VCALENDAR\r\n");
     const auto archive = runCommandLine({"inspect", (root.path() / "ics").c_str(), "--events", "--json"});
     ASSERT_EQ(archive.status, 0) << archive.err;
     const auto report = nlohmann::json::parse(archive.out);
@@ -153,6 +156,8 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     EXPECT_EQ(report["calendars"][0]["displayName"], "Home (archive)");
     EXPECT_EQ(report["events"][0]["uniqueIdentifier"], "walk");
     EXPECT_EQ(report["unreadableFiles"], nlohmann::json::array({latin1.string()}));
+    EXPECT_EQ(report["skipped"], nlohmann::json::parse(R"([{"file": ")" + hourly.string() + R"(", "uid": "pings",
+        "reason": "it repeats hourly (FREQ=HOURLY), which a calendar event can't"}])"));
     EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 }
 

@@ -27,6 +27,7 @@ void readStoreDetails(BackupStore& store, bool withEvents, BackupReport& report)
     } else if (auto* archive = dynamic_cast<IcsArchive*>(&store)) {
         report.calendars = archive->calendars();
         report.unreadableFiles = archive->unreadableFiles();
+        report.skipped = archive->skipped();
         if (withEvents) report.events = archive->loadEvents();
     }
     if (withEvents && !report.events) report.events.emplace();
@@ -116,7 +117,13 @@ std::string BackupReport::asJSON() const {
          window ? json::Value{{"start", json::isoDate(window->start)}, {"end", json::isoDate(window->end)}}
                 : json::Value(nullptr)},
     };
-    if (unreadableFiles) document["unreadableFiles"] = *unreadableFiles;
+    if (unreadableFiles) {
+        document["unreadableFiles"] = *unreadableFiles;
+        json::Value skippedList = json::Value::array();
+        for (const auto& event : skipped)
+            skippedList.push_back({{"file", event.file}, {"uid", event.uid}, {"reason", event.reason}});
+        document["skipped"] = std::move(skippedList);
+    }
     if (events) {
         json::Value eventList = json::Value::array();
         for (const auto& event : *events)
@@ -145,6 +152,12 @@ std::string BackupReport::asText() const {
         out << "Unreadable files:\n";
         for (const auto& file : *unreadableFiles)
             out << "  " << file << '\n';
+    }
+    if (!skipped.empty()) {
+        out << "Skipped events:\n";
+        for (const auto& event : skipped)
+            out << "  " << event.file << "  " << (event.uid.empty() ? "(no UID)" : event.uid) << ": " << event.reason
+                << '\n';
     }
     if (!events) return out.str();
     out << "Events:\n";

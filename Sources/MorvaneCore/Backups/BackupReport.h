@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MorvaneCore/Database/BackupStore.h"
+#include "MorvaneCore/IcsArchives/IcsArchive.h"
 #include "MorvaneCore/Shared/Date.h"
 
 #include <cstdint>
@@ -30,6 +31,8 @@ struct BackupReport {
     std::map<std::int64_t, std::vector<Date>> exceptions;
     // The files that couldn't be read, for a folder of .ics files only.
     std::optional<std::vector<std::string>> unreadableFiles;
+    // The events left out of a folder of .ics files, with why; empty for other stores.
+    std::vector<SkippedEvent> skipped;
 
     // Opens the backup at `path` (anything BackupCatalog::source names), reads the report from a
     // staged copy and closes it again. Throws what opening or reading throws; either way nothing
