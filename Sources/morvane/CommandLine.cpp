@@ -1,5 +1,6 @@
 #include "morvane/CommandLine.h"
 
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
@@ -47,7 +48,11 @@ std::vector<Command> commands() {
              auto options = std::make_shared<EventsOptions>();
              command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
                  ->required();
-             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command
+                 .add_option("--to", options->to,
+                             "End of the range, in the same forms; at most " + std::to_string(longestSpanYears) +
+                                 " years after --from")
+                 ->required();
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runEvents(*options, out, err); };
          }},

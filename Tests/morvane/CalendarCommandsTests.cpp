@@ -4,6 +4,7 @@
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
+#include "Support/Deadline.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -102,6 +103,26 @@ TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccur
                         "2024-07-04 (all day)  Holiday  [Calendar]\n");
 }
 
+// Events that begin where no date can be told cost no more than others, and show at the nearest
+// date that can.
+TEST_F(CalendarCommandsTest, EventsOfDatesBeyondAnyYearEndQuicklyAndShowClamped) {
+    EKEventStore store;
+    EKRecurrenceRule counted;
+    counted.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(1000000);
+    for (int index = 0; index < 5; ++index)
+        save(store, "Ancient", -1e300, -1e300 + 3600, "UTC", counted);
+    save(store, "Always", -1e300, 1e300, "UTC");
+
+    const testing::Deadline deadline(std::chrono::seconds(60), "listing events that begin before any year");
+    const auto result = runCommandLine({"events", "--from", "2024-01-01", "--to", "2034-01-01", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto list = nlohmann::json::parse(result.out);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["title"], "Always");
+    EXPECT_EQ(list[0]["start"], "0001-01-01T00:00:00Z");
+    EXPECT_EQ(list[0]["end"], "9999-12-31T23:59:59Z");
+}
+
 TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
     const auto bad = runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-02-30"});
     EXPECT_EQ(bad.status, 2);
@@ -109,6 +130,13 @@ TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
                        "2024-03-01T09:00:00+01:00, not '2024-02-30'.\n");
     EXPECT_EQ(runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-03-01"}).status, 2);
     EXPECT_EQ(runCommandLine({"events", "--from", "2024-03-01"}).status, 2);
+    EXPECT_FALSE(std::filesystem::exists(BackupLocator::liveDBPath()));
+
+    // A range that every repeating event would have to be expanded over for ten thousand years.
+    const auto endless = runCommandLine({"events", "--from", "0001-01-01", "--to", "9999-12-31"});
+    EXPECT_EQ(endless.status, 2);
+    EXPECT_EQ(endless.err, "morvane: the range may span at most 100 years: every year of it expands each repeating "
+                           "event again.\n");
     EXPECT_FALSE(std::filesystem::exists(BackupLocator::liveDBPath()));
 
     // A fraction of any length is still a date-time.

@@ -2,7 +2,10 @@
 
 #include "MorvanePlatform/CalendarDates.h"
 
+#include <limits>
+#include <map>
 #include <memory>
+#include <tuple>
 #include <unicode/datefmt.h>
 #include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
@@ -34,6 +37,13 @@ std::unique_ptr<icu::SimpleDateFormat> makeFormatter(std::string_view pattern, s
     auto formatter =
         std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale(std::string(localeID).c_str()), status);
     if (U_FAILURE(status)) return nullptr;
+    // ICU counts days before 15 October 1582 in the Julian calendar; ISO 8601, and the database's
+    // seconds, count them in the Gregorian one.
+    std::unique_ptr<icu::Calendar> calendar(formatter->getCalendar()->clone());
+    if (auto* gregorian = dynamic_cast<icu::GregorianCalendar*>(calendar.get())) {
+        gregorian->setGregorianChange(-std::numeric_limits<double>::max(), status);
+        if (U_SUCCESS(status)) formatter->adoptCalendar(calendar.release());
+    }
     if (!zoneID.empty()) formatter->adoptTimeZone(icu::TimeZone::createTimeZone(unicode(zoneID)));
     return formatter;
 }
@@ -63,11 +73,36 @@ std::unique_ptr<icu::GregorianCalendar> calendarAt(Date date) {
     return calendar;
 }
 
+// Building a formatter costs fifty times what formatting one date does, and a formatter can't be
+// shared between threads: each thread keeps those it has built, by pattern, locale and zone, the
+// current zone by its identifier at the time, so that a change of it is followed.
+icu::SimpleDateFormat* cachedFormatter(std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
+    using Key = std::tuple<std::string, std::string, std::string>;
+    thread_local std::map<Key, std::unique_ptr<icu::SimpleDateFormat>> formatters;
+    std::string zone(zoneID);
+    if (zone.empty()) {
+        const std::unique_ptr<icu::TimeZone> current(icu::TimeZone::createDefault());
+        icu::UnicodeString identifier;
+        current->getID(identifier);
+        zone = "current " + utf8(identifier);
+    }
+    Key key(pattern, localeID, std::move(zone));
+    if (const auto found = formatters.find(key); found != formatters.end()) return found->second.get();
+    auto formatter = makeFormatter(pattern, localeID, zoneID);
+    if (!formatter) return nullptr;
+    // Few patterns and zones are ever used; this only bounds a thread that would use many.
+    if (formatters.size() >= 64) formatters.clear();
+    return formatters.emplace(std::move(key), std::move(formatter)).first->second.get();
+}
+
 } // namespace
 
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
-    auto formatter = makeFormatter(pattern, localeID, zoneID);
+    auto* formatter = cachedFormatter(pattern, localeID, zoneID);
     if (!formatter) return {};
+    // A date without a four-digit year is shown at the nearest one that has one.
+    if (!(date.seconds >= earliestRepresentable)) date.seconds = earliestRepresentable;
+    if (!(date.seconds < latestRepresentable)) date.seconds = latestRepresentable - 1;
     icu::UnicodeString text;
     formatter->format(toUDate(date), text);
     return utf8(text);

@@ -3,6 +3,7 @@
 // The local event store's private header: its rows, its state and the members that its files
 // (LocalStore, EventReading, EventWriting, OccurrenceCache) share. Only the store's own files
 // include it.
+#include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/EventStore/EventStoreImplementation.h"
 #include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
@@ -292,6 +293,9 @@ template <typename Visit>
 void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, const ItemRow& master, Zones& zones,
                                             double spanStart, double spanEnd, Visit&& visit) {
     using localStore::storedDatePadding;
+    // A series that begins where no date can be told has no occurrence that can: expanding it
+    // from there would walk up to the span a step at a time.
+    if (!(master.start >= earliestRepresentable && master.start < latestRepresentable)) return;
     const auto& rule = series.rules.at(master.rowID);
     auto& zone = zones.of(master.zone);
     const double duration = std::max(0.0, master.end - master.start);
