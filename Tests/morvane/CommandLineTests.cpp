@@ -2,6 +2,7 @@
 #include "morvane/CommandLine.h"
 
 #include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Database/SQLiteDB.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
 #include "Support/Deadline.h"
@@ -173,12 +174,22 @@ TEST_F(CommandLineTest, InspectOfHostilePathsFailsAtOnceWithTheReason) {
     ASSERT_EQ(::mkfifo((withPipedLog.string() + "-wal").c_str(), 0600), 0);
     const auto locked = root.makeFolder("locked");
     std::filesystem::permissions(locked, std::filesystem::perms::none);
+    // A page of the events' table overwritten.
     const auto damaged = root.path() / "damaged.sqlitedb";
     testing::generateCalendarFile(damaged, 300, 1);
+    std::int64_t page = 0;
+    std::int64_t pageSize = 0;
+    {
+        SQLiteDB db(damaged.string());
+        db.query("SELECT pageno FROM dbstat WHERE name = 'CalendarItem' AND pagetype = 'leaf' ORDER BY pageno",
+                 [&page](const SQLiteDB::Row& row) { page = *row.integer(0); });
+        db.query("PRAGMA page_size", [&pageSize](const SQLiteDB::Row& row) { pageSize = *row.integer(0); });
+    }
+    ASSERT_GT(page, 1);
     {
         std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(std::filesystem::file_size(damaged) / 2));
-        const std::string garbage(8192, '\x7f');
+        file.seekp(static_cast<std::streamoff>((page - 1) * pageSize));
+        const std::string garbage(static_cast<size_t>(pageSize), '\x7f');
         file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
     }
 

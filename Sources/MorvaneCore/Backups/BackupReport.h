@@ -39,7 +39,8 @@ struct BackupReport {
     // stays staged or mounted.
     static BackupReport of(std::string_view path, bool withEvents);
 
-    // Reads the report from an open store; a calendar database is checked for integrity first.
+    // Reads the report from an open store. Damage in what it reads of a calendar database fails
+    // it with the database's words for damage.
     static BackupReport read(BackupStore& store, bool withEvents);
 
     // The report as text, lines ending in line feeds, and as pretty-printed JSON with keys sorted.

@@ -51,6 +51,10 @@ public:
     // The events of the local, Exchange and CalDAV stores.
     std::vector<BackupEvent> loadEvents() override;
 
+    // How many of the events `loadEvents` gives are not detached occurrences, counted by one
+    // statement without reading them.
+    std::int64_t eventCount();
+
     // The deleted occurrences of the series whose row is `master`, ascending.
     std::vector<Date> exceptionDates(std::int64_t master) override;
 
@@ -59,6 +63,9 @@ public:
     // at its wall-clock reading as UTC). Throws "OccurrenceCache window not recorded in this
     // database." without a usable window.
     OccurrenceSet occurrences() override;
+
+    // The window of `occurrences` alone, read without the cache's rows; throws as it does.
+    DateInterval occurrenceWindow();
 
     // Throws "{shownAs} isn't a calendar database: the file is damaged (failed its integrity
     // check: {what the check said})".
@@ -72,6 +79,7 @@ public:
     std::string contentFingerprint();
 
 private:
+    std::map<std::string, std::string> cacheProperties();
     std::map<std::int64_t, RecurrenceRule> recurrenceRules();
     std::map<std::int64_t, std::vector<AlarmSpec>> alarms();
 

@@ -10,6 +10,7 @@
 #include "Support/Pinned.h"
 #include "Support/TemporaryDirectory.h"
 
+#include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -329,6 +330,11 @@ TEST_F(CalendarDatabaseTest, GeneratedCalendarsAreDeterministicAndReadable) {
         for (const auto& [series, moments] : database.occurrences().dates)
             keys += static_cast<std::int64_t>(moments.size());
         EXPECT_EQ(keys, made.occurrences);
+        // The count by one statement is that of the events read, detached occurrences aside.
+        const auto events = database.loadEvents();
+        EXPECT_EQ(database.eventCount(), std::count_if(events.begin(), events.end(), [](const BackupEvent& event) {
+                      return !event.isDetachedOccurrence();
+                  }));
         return database.contentFingerprint();
     };
     const auto first = fingerprint(7);
