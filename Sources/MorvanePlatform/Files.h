@@ -2,6 +2,7 @@
 
 #include "MorvanePlatform/Replaceable.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -10,13 +11,21 @@
 // here either does all it says or throws; none leaves a half-written file under the final name
 // except `write`, which is the plain, non-atomic write where a caller asks for one.
 //
+// Only regular files are read (a link is followed to what it names): a named pipe, a device or
+// a folder is refused with words saying what it is, without waiting for a writer or reading
+// without end.
+//
 // Threads: any thread, concurrently; nothing here holds state. Writes to one path from two
 // threads race as they would from two processes: with writeAtomically, each of them writes a
 // temporary file of its own, every reader sees one whole version, and the last rename wins.
 namespace morvane::files {
 
-// The whole content of a file.
-std::string read(const std::filesystem::path& path);
+// The most any one read holds in memory unless its caller says less.
+inline constexpr std::uint64_t readLimit = std::uint64_t{4} << 30;
+
+// The whole content of a regular file. Throws "Couldn't read {path}: {reason}", also when the
+// file holds more than `limit` bytes.
+std::string read(const std::filesystem::path& path, std::uint64_t limit = readLimit);
 
 // Creates or truncates `path` and writes `bytes` to it, in place.
 void write(const std::filesystem::path& path, std::string_view bytes);
@@ -27,6 +36,19 @@ void writeAtomically(const std::filesystem::path& path, std::string_view bytes);
 
 // Creates a folder and any missing folders above it; an existing folder is fine.
 void createDirectories(const std::filesystem::path& path);
+
+// Creates the folder `path`, whose parent must exist, open to its owner alone (mode 0700) from
+// the moment it exists, whatever the umask. Fails when anything is there already.
+void createPrivateFolder(const std::filesystem::path& path);
+
+// Creates the file `path` with mode 0600 from its first byte, whatever the umask, and writes
+// `bytes` to it. Fails when anything is there already.
+void writePrivately(const std::filesystem::path& path, std::string_view bytes);
+
+// Copies the regular file `source` to the new file `destination`, created as `writePrivately`
+// creates it, a piece at a time: memory stays flat whatever the size. On failure no
+// `destination` is left.
+void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination);
 
 // Sets the POSIX permission bits of `path`, e.g. 0600.
 void setPermissions(const std::filesystem::path& path, unsigned mode);
@@ -59,6 +81,31 @@ private:
     int fd_ = -1;
 };
 
+// The first `count` bytes of a regular file, or all of it when it is shorter. Throws as `read`.
+std::string readStart(const std::filesystem::path& path, std::size_t count);
+
+// A file or folder that lives only while the process works with it (the temporary file of an
+// atomic write, a private working copy): registered from before it is made, and removed with
+// everything in it when the value goes. `removeTemporaries` takes away all that are registered,
+// for a process about to end in the middle of its work (on a signal). Move-only.
+class TemporaryItem {
+public:
+    explicit TemporaryItem(std::filesystem::path path);
+    ~TemporaryItem();
+    TemporaryItem(TemporaryItem&& other) noexcept;
+    TemporaryItem& operator=(TemporaryItem&&) = delete;
+    TemporaryItem(const TemporaryItem&) = delete;
+    TemporaryItem& operator=(const TemporaryItem&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Removes every registered temporary item; errors are dropped. Safe from any thread.
+void removeTemporaries();
+
 // A fresh random (version 4) UUID in its standard upper-case text form.
 std::string randomUUID();
 
@@ -78,6 +125,9 @@ public:
     virtual void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
     virtual void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
     virtual void removeItem(const std::filesystem::path& path) = 0;
+    virtual void createPrivateFolder(const std::filesystem::path& path) = 0;
+    virtual void writePrivately(const std::filesystem::path& path, std::string_view bytes) = 0;
+    virtual void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) = 0;
 
     // The real implementation: POSIX calls.
     static FileSystem& system();

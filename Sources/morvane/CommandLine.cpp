@@ -1,5 +1,6 @@
 #include "morvane/CommandLine.h"
 
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
@@ -13,8 +14,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <functional>
 #include <new>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -84,7 +87,11 @@ std::vector<Command> commands() {
              auto options = std::make_shared<EventsOptions>();
              command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
                  ->required();
-             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command
+                 .add_option("--to", options->to,
+                             "End of the range, in the same forms; at most " + std::to_string(longestSpanYears) +
+                                 " years after --from")
+                 ->required();
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runEvents(*options, out, err); };
          }},
@@ -95,7 +102,11 @@ std::vector<Command> commands() {
                  .add_option("PATH", options->path,
                              "A Calendar.sqlitedb or a folder holding one, a .calsnap or .calevents restore point, a "
                              "folder of .ics files, a Time Machine backup")
-                 ->required();
+                 ->required()
+                 ->check([](const std::string& path) {
+                     return path.empty() ? std::string("can't be empty: name a backup, a database or a folder")
+                                         : std::string();
+                 });
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream&) { return runInspect(*options, out); };
@@ -154,44 +165,97 @@ size_t editDistance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-// The command closest to a mistyped name, when one is close enough to be what was meant.
-const Command* nearest(const std::vector<Command>& table, const std::string& typed) {
-    const Command* best = nullptr;
+std::string lowercased(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// The name closest to a mistyped one, when one is close enough to be what was meant. Case
+// counts for nothing here: "Inspect" means "inspect".
+std::optional<std::string> nearest(const std::vector<std::string>& names, const std::string& typed) {
+    std::optional<std::string> best;
     size_t bestDistance = std::max<size_t>(2, typed.size() / 3) + 1;
-    for (const auto& command : table) {
-        const auto distance = editDistance(typed, command.name);
+    for (const auto& name : names) {
+        const auto distance = editDistance(lowercased(typed), lowercased(name));
         if (distance < bestDistance) {
-            best = &command;
+            best = name;
             bestDistance = distance;
         }
     }
     return best;
 }
 
+// The first word of the command line that names no command or option where it stands, told as
+// a usage error with the nearest name; nothing when every word is known. Walks down the command
+// tree as the words select it, so a typo in a nested command is caught like one at the top.
+std::optional<std::string> unknownWord(CLI::App& app, int argc, const char* const* argv) {
+    CLI::App* command = &app;
+    std::string path = "morvane";
+    for (int index = 1; index < argc; ++index) {
+        const std::string word = argv[index];
+        if (word == "--") break;
+        if (word.starts_with("--")) {
+            const auto name =
+                word.substr(2, word.find('=') == std::string::npos ? std::string::npos : word.find('=') - 2);
+            std::vector<std::string> names;
+            const CLI::Option* known = nullptr;
+            for (const auto* option : command->get_options()) {
+                for (const auto& longName : option->get_lnames()) {
+                    names.push_back("--" + longName);
+                    if (longName == name) known = option;
+                }
+            }
+            if (known) {
+                // Its value is the next word, not a command.
+                if (known->get_expected_min() > 0 && word.find('=') == std::string::npos) ++index;
+                continue;
+            }
+            std::string complaint = "morvane: unknown option '" + word + "'";
+            if (command != &app) complaint += " for '" + path.substr(8) + "'";
+            complaint += ".";
+            if (const auto guess = nearest(names, "--" + name)) complaint += " Did you mean '" + *guess + "'?";
+            return complaint + "\nRun '" + path + " --help' for the options.\n";
+        }
+        if (word.starts_with('-')) continue;
+        // Option groups are nameless subcommands of CLI11's own.
+        const auto subcommands = command->get_subcommands(
+            std::function<bool(CLI::App*)>([](CLI::App* candidate) { return !candidate->get_name().empty(); }));
+        if (subcommands.empty()) continue; // an argument of the command
+        const auto found = std::find_if(subcommands.begin(), subcommands.end(),
+                                        [&word](const CLI::App* candidate) { return candidate->get_name() == word; });
+        if (found != subcommands.end()) {
+            command = *found;
+            path += " " + word;
+            continue;
+        }
+        std::vector<std::string> names;
+        for (const auto* subcommand : subcommands)
+            names.push_back(subcommand->get_name());
+        const std::string prefix = path == "morvane" ? "" : path.substr(8) + " ";
+        std::string complaint = "morvane: unknown command '" + prefix + word + "'.";
+        if (const auto guess = nearest(names, word)) complaint += " Did you mean '" + prefix + *guess + "'?";
+        return complaint + "\nRun '" + path + " --help' for the list of commands.\n";
+    }
+    return std::nullopt;
+}
+
 // Parses the arguments and runs the command they select.
 int dispatch(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-    const auto table = commands();
-
-    if (argc >= 2) {
-        const std::string first = argv[1];
-        const bool known = std::any_of(table.begin(), table.end(), [&](const Command& c) { return first == c.name; });
-        if (!first.starts_with('-') && !known) {
-            err << "morvane: unknown command '" << first << "'.";
-            if (const auto* guess = nearest(table, first)) err << " Did you mean '" << guess->name << "'?";
-            err << "\nRun 'morvane --help' for the list of commands.\n";
-            return exitUsage;
-        }
-    }
-
     CLI::App app("Morvane brings lost or changed calendar events back.", "morvane");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "morvane " MORVANE_VERSION, "Print the version and exit");
     std::function<int(std::ostream&, std::ostream&)> selected;
-    for (const auto& command : table) {
+    for (const auto& command : commands()) {
         auto* subcommand = app.add_subcommand(command.name, command.summary);
         auto runner = command.attach(*subcommand);
         subcommand->final_callback([&selected, runner] { selected = runner; });
     }
 
+    if (const auto complaint = unknownWord(app, argc, argv)) {
+        err << *complaint;
+        return exitUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

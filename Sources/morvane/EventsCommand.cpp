@@ -18,17 +18,11 @@ struct Occurrence {
     std::int64_t key = 0;
 };
 
-std::vector<Occurrence> occurrencesBetween(EKEventStore& store, Date from, Date to) {
-    std::vector<Occurrence> found;
-    fetchYearByYear(store, {from, to}, [&found](std::shared_ptr<EKEvent> event) {
-        const auto key = liveOccurrenceKey(*event).value_or(0);
-        found.push_back({std::move(event), key});
-    });
-    std::stable_sort(found.begin(), found.end(), [](const Occurrence& a, const Occurrence& b) {
+void sortByStart(std::vector<Occurrence>& occurrences) {
+    std::stable_sort(occurrences.begin(), occurrences.end(), [](const Occurrence& a, const Occurrence& b) {
         if (*a.event->startDate != *b.event->startDate) return *a.event->startDate < *b.event->startDate;
         return a.event->title.value_or("") < b.event->title.value_or("");
     });
-    return found;
 }
 
 json::Value occurrenceJSON(const Occurrence& occurrence) {
@@ -64,25 +58,48 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
         err << "morvane: --to must be later than --from.\n";
         return exitUsage;
     }
+    if (!isFetchable({*from, *to})) {
+        err << "morvane: the range may span at most " << longestSpanYears
+            << " years: every year of it expands each repeating event again.\n";
+        return exitUsage;
+    }
     try {
         auto store = std::make_shared<EKEventStore>();
         EventKitSource(store).requestAccess();
-        const auto occurrences = occurrencesBetween(*store, *from, *to);
-        if (options.json) {
-            json::Value list = json::Value::array();
-            for (const auto& occurrence : occurrences)
-                list.push_back(occurrenceJSON(occurrence));
-            out << json::dump(list, true) << '\n';
-            return exitSuccess;
-        }
-        for (const auto& occurrence : occurrences) {
-            const auto& event = *occurrence.event;
-            out << EventSnapshot::format(Date{*event.startDate}, false, event.isAllDay());
-            if (!event.isAllDay()) out << " \u2013 " << EventSnapshot::format(Date{*event.endDate}, false, false);
-            out << "  " << event.title.value_or("") << "  ["
-                << (event.calendar ? event.calendar->title : std::string("?")) << "]"
-                << (event.isDetached() ? "  (edited occurrence)" : "") << '\n';
-        }
+        // Written a year at a time as the years are read, so memory holds one year, however long
+        // the range; the JSON array is written piece by piece in the form a whole dump has.
+        std::vector<Occurrence> year;
+        bool first = true;
+        if (options.json) out << '[';
+        const auto writeYear = [&] {
+            sortByStart(year);
+            for (const auto& occurrence : year) {
+                if (options.json) {
+                    std::string item = json::dump(occurrenceJSON(occurrence), true);
+                    for (size_t line = item.find('\n'); line != std::string::npos; line = item.find('\n', line + 3))
+                        item.replace(line, 1, "\n  ");
+                    out << (first ? "\n  " : ",\n  ") << item;
+                } else {
+                    const auto& event = *occurrence.event;
+                    out << EventSnapshot::format(Date{*event.startDate}, false, event.isAllDay());
+                    if (!event.isAllDay())
+                        out << " \u2013 " << EventSnapshot::format(Date{*event.endDate}, false, false);
+                    out << "  " << event.title.value_or("") << "  ["
+                        << (event.calendar ? event.calendar->title : std::string("?")) << "]"
+                        << (event.isDetached() ? "  (edited occurrence)" : "") << '\n';
+                }
+                first = false;
+            }
+            year.clear();
+        };
+        fetchYearByYear(
+            *store, {*from, *to},
+            [&year](std::shared_ptr<EKEvent> event) {
+                const auto key = liveOccurrenceKey(*event).value_or(0);
+                year.push_back({std::move(event), key});
+            },
+            writeYear);
+        if (options.json) out << (first ? "]\n" : "\n]\n");
         return exitSuccess;
     } catch (const Error& error) {
         err << "morvane: " << error.description() << '\n';

@@ -362,6 +362,16 @@ TEST_F(EventStoreTest, UncommittedChangesAreSeenHereOnlyUntilResetOrCommit) {
     EXPECT_EQ(fetch(utc(2024, 6, 1), utc(2024, 6, 10), &other).size(), 2u);
 }
 
+// Readers hold no connection between reads: one still open read-only would make SQLite share its
+// read-only view of the log's index with a writer of the same process, which then can't write.
+TEST_F(EventStoreTest, AStoreThatHasReadDoesNotStandInTheWayOfAWriter) {
+    EKEventStore reader;
+    EXPECT_TRUE(fetch(utc(2024, 6, 1), utc(2024, 6, 10), &reader).empty());
+    store.saveEvent(*newEvent("Later", utc(2024, 6, 5, 16), utc(2024, 6, 5, 17)), EKSpan::thisEvent, true);
+    reader.refreshSourcesIfNecessary();
+    EXPECT_EQ(fetch(utc(2024, 6, 1), utc(2024, 6, 10), &reader).size(), 1u);
+}
+
 TEST_F(EventStoreTest, RefusedSavesWriteNothing) {
     auto event = newEvent("Backwards", utc(2024, 6, 3, 17), utc(2024, 6, 3, 16));
     EXPECT_EQ(testing::errorText<EventStoreError>([&] { store.saveEvent(*event, EKSpan::thisEvent, true); }),

@@ -1,12 +1,14 @@
 #include "MorvanePlatform/Files.h"
 
 #include "MorvanePlatform/Error.h"
+#include "Support/Deadline.h"
 #include "Support/ErrorText.h"
 #include "Support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 #include <regex>
 #include <set>
+#include <sys/stat.h>
 
 namespace morvane {
 namespace {
@@ -39,6 +41,39 @@ TEST(Files, FailuresNameTheOperationThePathAndTheReason) {
     const auto file = folder.write("file", "x");
     EXPECT_EQ(testing::errorText<PlatformError>([&] { files::createDirectories(file / "sub"); }),
               "Couldn't create folder " + (file / "sub").string() + ": Not a directory");
+}
+
+// Nothing but a regular file is read, and no more of it than the caller allows: a named pipe
+// would wait for a writer for ever, a device or a growing file would fill the memory.
+TEST(Files, ReadsOnlyRegularFilesAndNoMoreThanTheLimit) {
+    TemporaryDirectory folder;
+    const auto pipe = folder.path() / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const auto zero = folder.path() / "zero";
+    fs::create_symlink("/dev/zero", zero);
+    const auto large = folder.write("large", std::string(2048, 'x'));
+    const std::vector<std::pair<fs::path, std::string>> refused = {
+        {pipe, "it is a named pipe, not a file"},
+        {zero, "it is a device, not a file"},
+        {folder.path(), "it is a folder, not a file"},
+        {large, "the file is larger than 1 KiB"},
+    };
+    testing::Deadline deadline(std::chrono::seconds(30), "reading hostile files");
+    for (const auto& [path, reason] : refused) {
+        try {
+            files::read(path, 1024);
+            ADD_FAILURE() << path << " was read";
+        } catch (const PlatformError& error) {
+            EXPECT_EQ(error.description(), "Couldn't read " + path.string() + ": " + reason);
+        }
+        // A copy that can't be made leaves nothing where it was to go.
+        if (path != large) {
+            EXPECT_THROW(files::copyPrivately(path, folder.path() / "copy"), PlatformError) << path;
+            EXPECT_THROW(files::copyFile(path, folder.path() / "copy"), PlatformError) << path;
+        }
+        EXPECT_FALSE(fs::exists(folder.path() / "copy")) << path;
+    }
+    EXPECT_EQ(files::read(large, 2048).size(), 2048u);
 }
 
 TEST(Files, RandomUUIDsAreVersionFourInUpperCase) {

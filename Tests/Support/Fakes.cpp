@@ -104,6 +104,21 @@ void FailingFileSystem::removeItem(const std::filesystem::path& path) {
     FileSystem::system().removeItem(path);
 }
 
+void FailingFileSystem::createPrivateFolder(const std::filesystem::path& path) {
+    count(path);
+    FileSystem::system().createPrivateFolder(path);
+}
+
+void FailingFileSystem::writePrivately(const std::filesystem::path& path, std::string_view bytes) {
+    count(path);
+    FileSystem::system().writePrivately(path, bytes);
+}
+
+void FailingFileSystem::copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) {
+    count(destination);
+    FileSystem::system().copyPrivately(source, destination);
+}
+
 void RecordingSystemLog::write(const std::string& line) {
     std::lock_guard guard(lock_);
     lines_.push_back(line);

@@ -98,6 +98,9 @@ public:
     void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) override;
     void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) override;
     void removeItem(const std::filesystem::path& path) override;
+    void createPrivateFolder(const std::filesystem::path& path) override;
+    void writePrivately(const std::filesystem::path& path, std::string_view bytes) override;
+    void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) override;
 
     // Whether the failing call was reached.
     bool failed() const { return calls_ >= failingCall_; }

@@ -3,6 +3,9 @@
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/SHA256.h"
+#include "Support/Deadline.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -11,6 +14,7 @@
 #include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 
 namespace morvane {
@@ -81,6 +85,26 @@ TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccur
                         "2024-07-04 (all day)  Holiday  [Calendar]\n");
 }
 
+// Events that begin where no date can be told cost no more than others, and show at the nearest
+// date that can.
+TEST_F(CalendarCommandsTest, EventsOfDatesBeyondAnyYearEndQuicklyAndShowClamped) {
+    EKEventStore store;
+    EKRecurrenceRule counted;
+    counted.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(1000000);
+    for (int index = 0; index < 5; ++index)
+        saveEvent(store, "Ancient", -1e300, -1e300 + 3600, "UTC", counted);
+    saveEvent(store, "Always", -1e300, 1e300, "UTC");
+
+    const testing::Deadline deadline(std::chrono::seconds(60), "listing events that begin before any year");
+    const auto result = runCommandLine({"events", "--from", "2024-01-01", "--to", "2034-01-01", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const auto list = nlohmann::json::parse(result.out);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["title"], "Always");
+    EXPECT_EQ(list[0]["start"], "0001-01-01T00:00:00Z");
+    EXPECT_EQ(list[0]["end"], "9999-12-31T23:59:59Z");
+}
+
 TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
     const auto bad = runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-02-30"});
     EXPECT_EQ(bad.status, 2);
@@ -90,11 +114,81 @@ TEST_F(CalendarCommandsTest, EventsRefusesDatesItCannotRead) {
     EXPECT_EQ(runCommandLine({"events", "--from", "2024-03-01"}).status, 2);
     EXPECT_FALSE(std::filesystem::exists(BackupLocator::liveDBPath()));
 
+    // A range that every repeating event would have to be expanded over for ten thousand years.
+    const auto endless = runCommandLine({"events", "--from", "0001-01-01", "--to", "9999-12-31"});
+    EXPECT_EQ(endless.status, 2);
+    EXPECT_EQ(endless.err, "morvane: the range may span at most 100 years: every year of it expands each repeating "
+                           "event again.\n");
+    EXPECT_FALSE(std::filesystem::exists(BackupLocator::liveDBPath()));
+
     // A fraction of any length is still a date-time.
     const auto longFraction = "2024-03-01T09:00:00." + std::string(400, '0') + "1Z";
     const auto read = runCommandLine({"events", "--from", longFraction.c_str(), "--to", "2024-03-02", "--json"});
     EXPECT_EQ(read.status, 0) << read.err;
     EXPECT_EQ(read.out, "[]\n");
+}
+
+// However another program left the live files, a command that only reads changes none of them:
+// it doesn't fold the log into the database, delete the log or its index, or roll back a journal.
+TEST_F(CalendarCommandsTest, ReadingLeavesTheLiveFilesByteForByte) {
+    namespace fs = std::filesystem;
+    const fs::path live = BackupLocator::liveDBPath();
+    const auto with = [&live](const char* suffix) { return fs::path(live.string() + suffix); };
+    const auto pending = user.root().makeFolder("pending");
+    const auto settled = user.root().makeFolder("settled");
+    {
+        EKEventStore writer;
+        saveEvent(writer, "Walk", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17), "America/Los_Angeles");
+        // Taken while the writer is open: the event is in the log only.
+        for (const char* suffix : {"", "-wal", "-shm"})
+            fs::copy_file(with(suffix), pending / with(suffix).filename());
+    }
+    fs::copy_file(live, settled / live.filename());
+
+    struct Layout {
+        const char* name;
+        fs::path from;
+        std::vector<const char*> companions;
+        std::optional<std::string> journal;
+    };
+    const std::vector<Layout> layouts = {
+        {"a log with its index", pending, {"-wal", "-shm"}, std::nullopt},
+        {"a log without its index", pending, {"-wal"}, std::nullopt},
+        {"the database alone", settled, {}, std::nullopt},
+        {"a leftover journal", settled, {}, std::string(512, '\x5a')},
+    };
+    const std::vector<std::vector<const char*>> commands = {
+        {"calendars"},
+        {"calendars", "--json"},
+        {"events", "--from", "2024-06-01", "--to", "2024-07-01"},
+        {"events", "--from", "2024-06-01", "--to", "2024-07-01", "--json"},
+    };
+    const auto files = [&] {
+        std::map<std::string, std::string> found;
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+            if (fs::exists(with(suffix))) found[suffix] = SHA256::hex(SHA256::of(files::read(with(suffix))));
+        }
+        return found;
+    };
+    for (const auto& layout : layouts) {
+        for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+            fs::remove(with(suffix));
+        fs::copy_file(layout.from / live.filename(), live);
+        for (const char* suffix : layout.companions)
+            fs::copy_file(layout.from / with(suffix).filename(), with(suffix));
+        if (layout.journal) files::write(with("-journal"), *layout.journal);
+
+        const auto before = files();
+        for (const auto& command : commands) {
+            const auto result = runCommandLine(command);
+            EXPECT_EQ(result.status, 0) << layout.name << ": " << result.err;
+            if (command.front() == std::string("events")) {
+                EXPECT_NE(result.out.find("Walk"), std::string::npos) << layout.name << ": " << result.out;
+            }
+            EXPECT_EQ(files(), before) << layout.name << ", " << command.front();
+        }
+        EXPECT_TRUE(fs::is_empty(user.temporary())) << layout.name;
+    }
 }
 
 } // namespace

@@ -2,14 +2,20 @@
 #include "morvane/CommandLine.h"
 
 #include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Database/SQLiteDB.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/CalendarGenerator.h"
+#include "Support/Deadline.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace morvane {
 namespace {
@@ -129,6 +135,9 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     root.write("ics/home/walk.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:walk\r\nDTSTART:20240301T090000Z\r\n"
                                     "SUMMARY:Walk\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n");
     const auto latin1 = root.write("ics/home/old.ics", "SUMMARY:Caf\xE9\r\n");
+    const auto hourly = root.write("ics/home/hourly.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:pings\r\n"
+                                                          "DTSTART:20240301T090000Z\r\nRRULE:FREQ=HOURLY\r\n"
+                                                          "END:VEVENT\r\nEND:VCALENDAR\r\n");
     const auto archive = runCommandLine({"inspect", (root.path() / "ics").c_str(), "--events", "--json"});
     ASSERT_EQ(archive.status, 0) << archive.err;
     const auto report = nlohmann::json::parse(archive.out);
@@ -138,22 +147,71 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     EXPECT_EQ(report["calendars"][0]["displayName"], "Home (archive)");
     EXPECT_EQ(report["events"][0]["uniqueIdentifier"], "walk");
     EXPECT_EQ(report["unreadableFiles"], nlohmann::json::array({latin1.string()}));
+    EXPECT_EQ(report["skipped"], nlohmann::json::parse(R"([{"file": ")" + hourly.string() + R"(", "uid": "pings",
+        "reason": "it repeats hourly (FREQ=HOURLY), which a calendar event can't"}])"));
     EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 }
 
-TEST_F(CommandLineTest, InspectOfSomethingUnreadableFailsWithTheReason) {
-    const auto missing = runCommandLine({"inspect", (user.root().path() / "nothing").c_str()});
-    EXPECT_EQ(missing.status, cli::exitFailure);
-    EXPECT_EQ(missing.err,
-              "morvane: No Calendar.sqlitedb found under " + (user.root().path() / "nothing").string() + "\n");
+// What a careless user or an attacker may hand `inspect`: each gets its reason in words at once,
+// nothing is read without end or waited for, and nothing stays staged.
+TEST_F(CommandLineTest, InspectOfHostilePathsFailsAtOnceWithTheReason) {
+    const auto& root = user.root();
+    const auto pipe = root.path() / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const auto zero = root.path() / "zero";
+    std::filesystem::create_symlink("/dev/zero", zero);
+    const auto withPipedLog = root.write("piped/Calendar.sqlitedb", "main");
+    ASSERT_EQ(::mkfifo((withPipedLog.string() + "-wal").c_str(), 0600), 0);
+    const auto locked = root.makeFolder("locked");
+    std::filesystem::permissions(locked, std::filesystem::perms::none);
+    // A page of the events' table overwritten.
+    const auto damaged = root.path() / "damaged.sqlitedb";
+    testing::generateCalendarFile(damaged, 300, 1);
+    std::int64_t page = 0;
+    std::int64_t pageSize = 0;
+    {
+        SQLiteDB db(damaged.string());
+        db.query("SELECT pageno FROM dbstat WHERE name = 'CalendarItem' AND pagetype = 'leaf' ORDER BY pageno",
+                 [&page](const SQLiteDB::Row& row) { page = *row.integer(0); });
+        db.query("PRAGMA page_size", [&pageSize](const SQLiteDB::Row& row) { pageSize = *row.integer(0); });
+    }
+    ASSERT_GT(page, 1);
+    {
+        std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>((page - 1) * pageSize));
+        const std::string garbage(static_cast<size_t>(pageSize), '\x7f');
+        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
+    }
 
-    const auto notes = user.root().write("notes.txt", std::string(4096, 'x'));
-    const auto garbage = runCommandLine({"inspect", notes.c_str()});
-    EXPECT_EQ(garbage.status, cli::exitFailure);
-    EXPECT_TRUE(garbage.err.starts_with("morvane: Unsupported Calendar.sqlitedb schema: ") ||
-                garbage.err.starts_with("morvane: Prepare failed: file is not a database"))
-        << garbage.err;
-    EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
+    const auto notCalendar = " isn't a calendar database: ";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {pipe, "Copy failed: Couldn't read " + pipe.string() + ": it is a named pipe, not a file"},
+        {zero, "Copy failed: Couldn't read " + zero.string() + ": it is a device, not a file"},
+        {"/dev/zero", "Copy failed: Couldn't read /dev/zero: it is a device, not a file"},
+        {withPipedLog, "Copy failed: Couldn't read " + withPipedLog.string() + "-wal: it is a named pipe, not a file"},
+        {root.makeFolder("folder"), "No Calendar.sqlitedb found under " + (root.path() / "folder").string()},
+        {root.path() / "missing",
+         "No Calendar.sqlitedb found under " + (root.path() / "missing").string() + ": No such file or directory"},
+        {root.write("empty.sqlitedb"), (root.path() / "empty.sqlitedb").string() + notCalendar + "the file is empty"},
+        {root.write("notes.txt", std::string(4096, 'x')),
+         (root.path() / "notes.txt").string() + notCalendar + "the file holds something else (file is not a database)"},
+        {damaged, damaged.string() + notCalendar + "the file is damaged (database disk image is malformed)"},
+    };
+    testing::Deadline deadline(std::chrono::seconds(60), "inspect of hostile paths");
+    for (const auto& [path, reason] : cases) {
+        const auto result = runCommandLine({"inspect", path.c_str()});
+        EXPECT_EQ(result.status, cli::exitFailure) << path;
+        EXPECT_EQ(result.err, "morvane: " + reason + "\n") << path;
+        EXPECT_TRUE(std::filesystem::is_empty(user.temporary())) << path;
+    }
+    // Permissions don't hold root back.
+    if (::geteuid() != 0) {
+        EXPECT_EQ(runCommandLine({"inspect", locked.c_str()}).err,
+                  "morvane: No Calendar.sqlitedb found under " + locked.string() + ": Permission denied\n");
+    }
+    const auto empty = runCommandLine({"inspect", ""});
+    EXPECT_EQ(empty.status, cli::exitUsage);
+    EXPECT_NE(empty.err.find("can't be empty"), std::string::npos) << empty.err;
 }
 
 TEST_F(CommandLineTest, AnythingThrownOutOfACommandEndsItWithOneLineAndStatusOne) {
@@ -173,10 +231,21 @@ TEST_F(CommandLineTest, AnythingThrownOutOfACommandEndsItWithOneLineAndStatusOne
     }
 }
 
-TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {
-    const auto typo = runCommandLine({"bakups"});
-    EXPECT_EQ(typo.status, cli::exitUsage);
-    EXPECT_NE(typo.err.find("unknown command 'bakups'. Did you mean 'backups'?"), std::string::npos) << typo.err;
+TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestName) {
+    // At any depth, options too, whatever the case of what was typed.
+    const std::vector<std::pair<std::vector<const char*>, std::string>> typos = {
+        {{"bakups"}, "unknown command 'bakups'. Did you mean 'backups'?"},
+        {{"INSPECT", "x"}, "unknown command 'INSPECT'. Did you mean 'inspect'?"},
+        {{"timemachine", "pendng"}, "unknown command 'timemachine pendng'. Did you mean 'timemachine pending'?"},
+        {{"backups", "--JSON"}, "unknown option '--JSON' for 'backups'. Did you mean '--json'?"},
+        {{"timemachine", "pending", "--jsn"},
+         "unknown option '--jsn' for 'timemachine pending'. Did you mean '--json'?"},
+    };
+    for (const auto& [arguments, complaint] : typos) {
+        const auto result = runCommandLine(arguments);
+        EXPECT_EQ(result.status, cli::exitUsage) << complaint;
+        EXPECT_TRUE(result.err.starts_with("morvane: " + complaint + "\n")) << result.err;
+    }
 
     const auto unrelated = runCommandLine({"frobnicate"});
     EXPECT_EQ(unrelated.status, cli::exitUsage);
@@ -184,7 +253,13 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestCommand) {
 
     EXPECT_EQ(runCommandLine({}).status, cli::exitUsage);
     EXPECT_EQ(runCommandLine({"backups", "--jsn"}).status, cli::exitUsage);
+    // A value that happens to look like a command is the option's.
+    EXPECT_EQ(runCommandLine({"events", "--from", "backups", "--to", "2024-01-01"}).status, cli::exitUsage);
     EXPECT_TRUE(tools->commandLines().empty());
+
+    const auto version = runCommandLine({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(version.out.starts_with("morvane ")) << version.out;
 
     const auto help = runCommandLine({"--help"});
     EXPECT_EQ(help.status, 0);

@@ -263,7 +263,7 @@ namespace {
 
 // A calendar database on its staged copy; the copy goes if it doesn't open.
 OpenedBackup openDatabase(StagedCopy staged, std::string location) {
-    auto database = std::make_shared<CalendarDatabase>(staged.file());
+    auto database = std::make_shared<CalendarDatabase>(staged.file(), location);
     return {std::move(database), std::move(location), std::move(staged)};
 }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -45,13 +46,15 @@ void remember(const fs::path& folder) {
     shared.staged.insert(folder);
 }
 
-// A fresh registered folder, owned from the start by the copy of `name` that it is to hold, so
-// that a failure while filling it takes it away again.
+// A fresh private folder, owned from the start by the copy of `name` that it is to hold, so that
+// a failure while filling it takes it away again. It is registered before it exists: a process
+// ending on a signal meanwhile still finds it.
 StagedCopy newStagedCopy(const fs::path& name) {
     const auto folder = UserFolders::current().temporary() / (std::string(stagedFolderPrefix) + files::randomUUID());
-    files::createDirectories(folder);
     remember(folder);
-    return StagedCopy(folder / name);
+    StagedCopy staged(folder / name);
+    files::createPrivateFolder(folder);
+    return staged;
 }
 
 // The sub-folders of `folder` that the search enters, in name order. Links are not followed,
@@ -85,8 +88,10 @@ bool canReadLiveDatabase() {
 fs::path findDatabase(std::string_view root, std::string_view user) {
     const fs::path expanded(paths::expandingTilde(root));
     std::error_code error;
-    if (!fs::exists(expanded, error)) throw BackupLocatorError::notFound(expanded.string());
-    if (!fs::is_directory(expanded, error)) return expanded;
+    const auto status = fs::status(expanded, error);
+    if (!fs::exists(status))
+        throw BackupLocatorError::notFound(expanded.string(), errnoText(error ? error.value() : ENOENT));
+    if (!fs::is_directory(status)) return expanded;
 
     // A whole volume has the home folder under Users; a home folder has the database directly.
     const std::array<fs::path, 2> candidates = {fs::path("Users") / user / relativeDBPath, fs::path(relativeDBPath)};
@@ -98,6 +103,13 @@ fs::path findDatabase(std::string_view root, std::string_view user) {
             for (const auto& candidate : candidates) {
                 auto found = folder / candidate;
                 if (fs::exists(found, error)) return found;
+            }
+            // Below the root a folder that can't be listed counts as empty; the root itself
+            // unlisted would make a missing permission pass for a backup without a database.
+            if (depth == 0) {
+                std::error_code listing;
+                fs::directory_iterator probe(folder, listing);
+                if (listing) throw BackupLocatorError::notFound(expanded.string(), errnoText(listing.value()));
             }
             auto children = searchableChildren(folder);
             next.insert(next.end(), std::make_move_iterator(children.begin()), std::make_move_iterator(children.end()));
@@ -115,10 +127,9 @@ StagedCopy stageCopy(const fs::path& database) {
             source += suffix;
             std::error_code error;
             if (!fs::exists(source, error)) continue;
-            // By content, not as a file-system copy, so the copy is ours whatever the source is.
-            const auto copy = staged.file().parent_path() / source.filename();
-            files::write(copy, files::read(source));
-            files::setPermissions(copy, 0600);
+            // By content, not as a file-system copy, so the copy is ours, and private from its
+            // first byte, whatever the source is.
+            files::copyPrivately(source, staged.file().parent_path() / source.filename());
         }
         return staged;
     } catch (const Error& failure) {
@@ -129,7 +140,7 @@ StagedCopy stageCopy(const fs::path& database) {
 
 StagedCopy stageData(std::string_view data, const std::string& name) {
     auto staged = newStagedCopy(name);
-    files::write(staged.file(), data);
+    files::writePrivately(staged.file(), data);
     return staged;
 }
 

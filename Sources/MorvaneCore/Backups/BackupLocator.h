@@ -35,13 +35,17 @@ bool canReadLiveDatabase();
 // it is. Throws BackupLocatorError::notFound with the expanded root.
 std::filesystem::path findDatabase(std::string_view root, std::string_view user);
 
-// Copies the database and its "-wal" and "-shm" files, where they exist, into a fresh private
-// "morvane-{UUID}" folder in the temporary folder, with mode 600. The caller owns the copy of
-// the database that comes back. Throws BackupLocatorError::copyFailed, leaving no folder behind.
+// Copies the database and its "-wal" and "-shm" files, where they exist, into a fresh
+// "morvane-{UUID}" folder in the temporary folder. The folder is 0700 and each file 0600 from the
+// moment it exists, whatever the umask, and files are copied a piece at a time. Only regular
+// files are copied (a link is followed): a named pipe or a device where a file is expected fails
+// the copy. The caller owns the copy of the database that comes back. Throws
+// BackupLocatorError::copyFailed, leaving no folder behind.
 StagedCopy stageCopy(const std::filesystem::path& database);
 
-// Writes `data` as the file `name` (a plain file name) in a fresh staged folder; the caller owns
-// the file that comes back. Throws the platform's error, leaving no folder behind.
+// Writes `data` as the file `name` (a plain file name) in a fresh staged folder, as private as
+// `stageCopy` makes them; the caller owns the file that comes back. Throws the platform's error,
+// leaving no folder behind.
 StagedCopy stageData(std::string_view data, const std::string& name);
 
 // Removes the staged folder holding `file` with everything in it, and forgets it. Errors are

@@ -13,23 +13,38 @@ namespace morvane {
 namespace {
 
 // What only the kind of store behind a backup can tell: its fingerprint, calendars and every
-// event, those of subscribed and birthday calendars included.
-void readStoreDetails(BackupStore& store, bool withEvents, BackupReport& report) {
+// event, those of subscribed and birthday calendars included. A calendar database also gives
+// its count and window here, without reading its events or its occurrence cache; true then.
+//
+// A database isn't put through an integrity check first: the fingerprint reads every page of
+// every table the report shows, so SQLite finds damage there as the check would, while the
+// check would go through the occurrence cache and the indexes too, most of a large file, and
+// take longer than the whole report.
+bool readStoreDetails(BackupStore& store, bool withEvents, BackupReport& report) {
     if (auto* database = dynamic_cast<CalendarDatabase*>(&store)) {
-        database->verifyIntegrity();
         report.fingerprint = database->contentFingerprint();
         report.calendars = database->calendars();
         if (withEvents) report.events = database->events(std::nullopt);
-    } else if (auto* document = dynamic_cast<EventKitStore*>(&store)) {
+        report.eventCount = database->eventCount();
+        try {
+            report.window = database->occurrenceWindow();
+        } catch (const Error&) {
+            // A database without a recorded occurrence cache is still worth showing.
+        }
+        return true;
+    }
+    if (auto* document = dynamic_cast<EventKitStore*>(&store)) {
         report.fingerprint = "ek:" + document->snapshot().fingerprint();
         report.calendars = document->snapshot().calendars;
         if (withEvents) report.events = document->allEvents();
     } else if (auto* archive = dynamic_cast<IcsArchive*>(&store)) {
         report.calendars = archive->calendars();
         report.unreadableFiles = archive->unreadableFiles();
+        report.skipped = archive->skipped();
         if (withEvents) report.events = archive->loadEvents();
     }
     if (withEvents && !report.events) report.events.emplace();
+    return false;
 }
 
 template <typename T> json::Value orNull(const std::optional<T>& value) {
@@ -81,13 +96,14 @@ BackupReport BackupReport::of(std::string_view path, bool withEvents) {
 BackupReport BackupReport::read(BackupStore& store, bool withEvents) {
     static const std::vector<BackupEvent> none;
     BackupReport report;
-    readStoreDetails(store, withEvents, report);
+    const bool counted = readStoreDetails(store, withEvents, report);
     for (const auto& event : report.events ? *report.events : none) {
         const bool repeats = event.hasRecurrences || event.snapshot.recurrence;
         if (!repeats || event.isDetachedOccurrence()) continue;
         if (auto dates = store.exceptionDates(event.rowID); !dates.empty())
             report.exceptions.emplace(event.rowID, std::move(dates));
     }
+    if (counted) return report;
     for (const auto& event : store.loadEvents())
         report.eventCount += event.isDetachedOccurrence() ? 0 : 1;
     try {
@@ -116,7 +132,13 @@ std::string BackupReport::asJSON() const {
          window ? json::Value{{"start", json::isoDate(window->start)}, {"end", json::isoDate(window->end)}}
                 : json::Value(nullptr)},
     };
-    if (unreadableFiles) document["unreadableFiles"] = *unreadableFiles;
+    if (unreadableFiles) {
+        document["unreadableFiles"] = *unreadableFiles;
+        json::Value skippedList = json::Value::array();
+        for (const auto& event : skipped)
+            skippedList.push_back({{"file", event.file}, {"uid", event.uid}, {"reason", event.reason}});
+        document["skipped"] = std::move(skippedList);
+    }
     if (events) {
         json::Value eventList = json::Value::array();
         for (const auto& event : *events)
@@ -145,6 +167,12 @@ std::string BackupReport::asText() const {
         out << "Unreadable files:\n";
         for (const auto& file : *unreadableFiles)
             out << "  " << file << '\n';
+    }
+    if (!skipped.empty()) {
+        out << "Skipped events:\n";
+        for (const auto& event : skipped)
+            out << "  " << event.file << "  " << (event.uid.empty() ? "(no UID)" : event.uid) << ": " << event.reason
+                << '\n';
     }
     if (!events) return out.str();
     out << "Events:\n";

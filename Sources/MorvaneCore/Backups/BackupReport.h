@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MorvaneCore/Database/BackupStore.h"
+#include "MorvaneCore/IcsArchives/IcsArchive.h"
 #include "MorvaneCore/Shared/Date.h"
 
 #include <cstdint>
@@ -30,13 +31,16 @@ struct BackupReport {
     std::map<std::int64_t, std::vector<Date>> exceptions;
     // The files that couldn't be read, for a folder of .ics files only.
     std::optional<std::vector<std::string>> unreadableFiles;
+    // The events left out of a folder of .ics files, with why; empty for other stores.
+    std::vector<SkippedEvent> skipped;
 
     // Opens the backup at `path` (anything BackupCatalog::source names), reads the report from a
     // staged copy and closes it again. Throws what opening or reading throws; either way nothing
     // stays staged or mounted.
     static BackupReport of(std::string_view path, bool withEvents);
 
-    // Reads the report from an open store; a calendar database is checked for integrity first.
+    // Reads the report from an open store. Damage in what it reads of a calendar database fails
+    // it with the database's words for damage.
     static BackupReport read(BackupStore& store, bool withEvents);
 
     // The report as text, lines ending in line feeds, and as pretty-printed JSON with keys sorted.

@@ -79,16 +79,25 @@ constexpr std::string_view occurrenceStatement =
 
 } // namespace
 
-CalendarDatabase::CalendarDatabase(const std::filesystem::path& path) : db_(path.string()) {
+CalendarDatabase::CalendarDatabase(const std::filesystem::path& path, std::string shownAs)
+    : db_(path.string(), std::move(shownAs)) {
+    std::int64_t pages = 0;
+    db_.query("PRAGMA page_count", [&pages](const SQLiteDB::Row& row) { pages = row.integer(0).value_or(0); });
+    if (pages == 0) throw SQLiteError(db_.shownAs() + " isn't a calendar database: the file is empty");
+
     std::string gaps;
+    size_t absentTables = 0;
     for (const auto& [table, required] : requiredColumns()) {
         const auto present = db_.columns(table);
+        absentTables += present.empty() ? 1 : 0;
         std::string missing;
         for (const auto column : required) {
             if (present.count(std::string(column)) == 0) missing += (missing.empty() ? "" : ", ") + std::string(column);
         }
         if (!missing.empty()) gaps += (gaps.empty() ? "" : "; ") + std::string(table) + " lacks " + missing;
     }
+    if (absentTables == requiredColumns().size())
+        throw SQLiteError(db_.shownAs() + " isn't a calendar database: it has none of the calendar tables");
     if (!gaps.empty()) throw SQLiteError("Unsupported Calendar.sqlitedb schema: " + gaps);
 
     hasAttachmentSQL_ = db_.columns("CalendarItem").count("has_attachment") > 0 ? "ci.has_attachment" : "0";
@@ -264,6 +273,25 @@ std::vector<BackupEvent> CalendarDatabase::loadEvents() {
     return events(std::vector<StoreType>(restorableStoreTypes.begin(), restorableStoreTypes.end()));
 }
 
+std::int64_t CalendarDatabase::eventCount() {
+    // The rows of `loadEvents`, detached occurrences aside; the join with Location can't change
+    // how many there are.
+    std::string sql = "SELECT COUNT(*)\n"
+                      "FROM CalendarItem ci\n"
+                      "JOIN Calendar c ON c.ROWID = ci.calendar_id\n"
+                      "JOIN Store s ON s.ROWID = c.store_id\n"
+                      "WHERE ci.entity_type = 2\n"
+                      "  AND COALESCE(ci.hidden, 0) = 0\n"
+                      "  AND ci.unique_identifier IS NOT NULL";
+    std::string types;
+    for (const auto type : restorableStoreTypes)
+        types += (types.empty() ? "" : ",") + std::to_string(static_cast<std::int64_t>(type));
+    sql += " AND s.type IN (" + types + ") AND COALESCE(ci.orig_item_id, 0) <= 0";
+    std::int64_t count = 0;
+    db_.query(sql, [&count](const SQLiteDB::Row& row) { count = row.integer(0).value_or(0); });
+    return count;
+}
+
 std::vector<Date> CalendarDatabase::exceptionDates(std::int64_t master) {
     std::vector<Date> dates;
     db_.query("SELECT date FROM ExceptionDate WHERE owner_id = " + std::to_string(master) +
@@ -272,7 +300,7 @@ std::vector<Date> CalendarDatabase::exceptionDates(std::int64_t master) {
     return dates;
 }
 
-OccurrenceSet CalendarDatabase::occurrences() {
+std::map<std::string, std::string> CalendarDatabase::cacheProperties() {
     std::map<std::string, std::string> properties;
     db_.query(windowStatement, [&properties](const SQLiteDB::Row& row) {
         const auto key = row.text(0);
@@ -283,12 +311,30 @@ OccurrenceSet CalendarDatabase::occurrences() {
             properties.erase(*key);
         }
     });
+    return properties;
+}
 
+namespace {
+
+DateInterval windowOf(std::map<std::string, std::string>& properties) {
     const auto start =
         properties.count("OccurrenceCacheStart") ? text::realNumber(properties["OccurrenceCacheStart"]) : std::nullopt;
     const auto end =
         properties.count("OccurrenceCacheEnd") ? text::realNumber(properties["OccurrenceCacheEnd"]) : std::nullopt;
     if (!start || !end || !(*start < *end)) throw SQLiteError("OccurrenceCache window not recorded in this database.");
+    return {{*start}, {*end}};
+}
+
+} // namespace
+
+DateInterval CalendarDatabase::occurrenceWindow() {
+    auto properties = cacheProperties();
+    return windowOf(properties);
+}
+
+OccurrenceSet CalendarDatabase::occurrences() {
+    auto properties = cacheProperties();
+    const auto window = windowOf(properties);
 
     // The zone in which the system expanded floating events; the machine's when unrecorded.
     std::optional<zones::Zone> recorded;
@@ -296,7 +342,7 @@ OccurrenceSet CalendarDatabase::occurrences() {
         recorded = zones::Zone::named(found->second);
     const auto zone = recorded ? std::move(*recorded) : zones::Zone::current();
 
-    OccurrenceSet result{{{*start}, {*end}}, {}};
+    OccurrenceSet result{window, {}};
     db_.query(occurrenceStatement, [&](const SQLiteDB::Row& row) {
         const auto identifier = row.text(0);
         const auto cached = row.real(3);

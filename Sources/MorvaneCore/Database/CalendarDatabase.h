@@ -22,9 +22,12 @@ namespace morvane {
 // One thread at a time; failures throw SQLiteError.
 class CalendarDatabase final : public BackupStore {
 public:
-    // Throws "Unsupported Calendar.sqlitedb schema: {table} lacks {column}, ...; ..." besides
-    // the errors of opening.
-    explicit CalendarDatabase(const std::filesystem::path& path);
+    // Opens the staged copy at `path`; messages name it `shownAs`, the file as the user knows it
+    // (the copy's own path when empty). Throws, besides the errors of opening, "{shownAs} isn't a
+    // calendar database: the file is empty" for a file of no bytes, "... it has none of the
+    // calendar tables" for another program's database, and "Unsupported Calendar.sqlitedb
+    // schema: {table} lacks {column}, ...; ..." for one that lacks some.
+    explicit CalendarDatabase(const std::filesystem::path& path, std::string shownAs = {});
 
     // The events and detached occurrences of the stores of the given types (all stores when
     // absent), in the order the database gives them. Three statements, whatever the number of
@@ -48,6 +51,10 @@ public:
     // The events of the local, Exchange and CalDAV stores.
     std::vector<BackupEvent> loadEvents() override;
 
+    // How many of the events `loadEvents` gives are not detached occurrences, counted by one
+    // statement without reading them.
+    std::int64_t eventCount();
+
     // The deleted occurrences of the series whose row is `master`, ascending.
     std::vector<Date> exceptionDates(std::int64_t master) override;
 
@@ -57,7 +64,11 @@ public:
     // database." without a usable window.
     OccurrenceSet occurrences() override;
 
-    // Throws "Database copy failed its integrity check: {what the check said}".
+    // The window of `occurrences` alone, read without the cache's rows; throws as it does.
+    DateInterval occurrenceWindow();
+
+    // Throws "Database copy failed its integrity check: {what the check said}", its rows run
+    // together: it checks the staged copy that a restore point is made from..
     void verifyIntegrity();
 
     // Folds the write-ahead log into the main file, so the file alone holds the database.
@@ -68,6 +79,7 @@ public:
     std::string contentFingerprint();
 
 private:
+    std::map<std::string, std::string> cacheProperties();
     std::map<std::int64_t, RecurrenceRule> recurrenceRules();
     std::map<std::int64_t, std::vector<AlarmSpec>> alarms();
 

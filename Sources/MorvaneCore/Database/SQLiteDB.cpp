@@ -18,7 +18,8 @@ using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
 void SQLiteDB::Close::operator()(sqlite3* handle) const { sqlite3_close(handle); }
 
-SQLiteDB::SQLiteDB(const std::string& stagedCopyPath) {
+SQLiteDB::SQLiteDB(const std::string& stagedCopyPath, std::string shownAs)
+    : shownAs_(shownAs.empty() ? stagedCopyPath : std::move(shownAs)) {
     sqlite3* opened = nullptr;
     // Read-write on purpose and never create: see the class comment.
     const int result =
@@ -26,9 +27,27 @@ SQLiteDB::SQLiteDB(const std::string& stagedCopyPath) {
     std::unique_ptr<sqlite3, Close> connection(opened);
     if (result != SQLITE_OK) {
         const std::string message = connection ? sqlite3_errmsg(connection.get()) : "code " + std::to_string(result);
-        throw SQLiteError("Cannot open " + stagedCopyPath + ": " + message);
+        throw SQLiteError("Cannot open " + shownAs_ + ": " + message);
     }
     handle_ = std::move(connection);
+}
+
+SQLiteError SQLiteDB::failure(std::string_view stage, std::string_view sql) const {
+    const std::string message = sqlite3_errmsg(handle_.get());
+    switch (sqlite3_errcode(handle_.get())) {
+    case SQLITE_CORRUPT:
+        return SQLiteError(shownAs_ + " isn't a calendar database: the file is damaged (" + message + ")");
+    case SQLITE_NOTADB:
+        return SQLiteError(shownAs_ + " isn't a calendar database: the file holds something else (" + message + ")");
+    case SQLITE_ERROR:
+    case SQLITE_RANGE:
+    case SQLITE_MISUSE:
+    case SQLITE_CONSTRAINT:
+    case SQLITE_MISMATCH:
+        // The statement itself is wrong: the developer needs to see which one.
+        return SQLiteError(std::string(stage) + " failed: " + message + (sql.empty() ? "" : "\n" + std::string(sql)));
+    default: return SQLiteError("Couldn't read " + shownAs_ + ": " + message);
+    }
 }
 
 SQLiteDB::~SQLiteDB() = default;
@@ -37,7 +56,7 @@ void SQLiteDB::query(std::string_view sql, const std::function<void(const Row&)>
     sqlite3_stmt* prepared = nullptr;
     if (sqlite3_prepare_v2(handle_.get(), sql.data(), static_cast<int>(sql.size()), &prepared, nullptr) != SQLITE_OK) {
         sqlite3_finalize(prepared);
-        throw SQLiteError("Prepare failed: " + std::string(sqlite3_errmsg(handle_.get())) + "\n" + std::string(sql));
+        throw failure("Prepare", sql);
     }
     const Statement statement(prepared);
     const Row row(prepared);
@@ -49,7 +68,7 @@ void SQLiteDB::query(std::string_view sql, const std::function<void(const Row&)>
             return;
         } else {
             // The message is taken before the statement is finalised, which may reset it.
-            throw SQLiteError("Step failed: " + std::string(sqlite3_errmsg(handle_.get())));
+            throw failure("Step", {});
         }
     }
 }

@@ -13,11 +13,15 @@ struct sqlite3_stmt;
 
 namespace morvane {
 
+class SQLiteError;
+
 // The one thin wrapper through which the system reads SQLite: one connection to one private,
 // staged copy of a database, running one statement at a time and handing each row to a
 // callback as it is stepped. Nothing is buffered, pooled or prepared ahead.
 //
-// Failures throw SQLiteError with the user's text. The connection is opened read-write without
+// Failures throw SQLiteError with the user's text, SQLite's codes put into words here, once: a
+// damaged file or one that holds no database says so and names the file as the user knows it
+// (`shownAs`), never the staged copy or a statement. The connection is opened read-write without
 // create, so a staged copy's "-wal" may be replayed and checkpointed, and a missing file fails
 // instead of appearing empty. One thread at a time; the object may change threads.
 class SQLiteDB {
@@ -42,26 +46,39 @@ public:
         sqlite3_stmt* statement_;
     };
 
-    // Throws "Cannot open {path}: {message}".
-    explicit SQLiteDB(const std::string& stagedCopyPath);
+    // Throws "Cannot open {shownAs}: {message}". `shownAs` is the file the user knows the copy
+    // by; the copy's own path when empty.
+    explicit SQLiteDB(const std::string& stagedCopyPath, std::string shownAs = {});
     ~SQLiteDB();
     SQLiteDB(const SQLiteDB&) = delete;
     SQLiteDB& operator=(const SQLiteDB&) = delete;
 
-    // Runs one statement to its end, calling `onRow` for each row. Throws "Prepare failed:
-    // {message}\n{sql}" or "Step failed: {message}", or what `onRow` throws; the statement is
-    // finalised on every path and the connection stays usable.
+    // Runs one statement to its end, calling `onRow` for each row; the statement is finalised on
+    // every path and the connection stays usable. Throws what `onRow` throws, or by SQLite's code:
+    //   damage: "{shownAs} isn't a calendar database: the file is damaged ({message})";
+    //   no database: "{shownAs} isn't a calendar database: the file holds something else ({message})";
+    //   the disk, memory or a lock: "Couldn't read {shownAs}: {message}";
+    //   a statement that is wrong (the program's fault): "Prepare failed: {message}\n{sql}" or
+    //   "Step failed: {message}".
     void query(std::string_view sql, const std::function<void(const Row&)>& onRow);
+
+    // The file as the user knows it, for messages.
+    const std::string& shownAs() const { return shownAs_; }
 
     // The column names of a table; empty for a table that doesn't exist. `table` is put into
     // the SQL unescaped: pass only constants.
     std::set<std::string> columns(std::string_view table);
 
 private:
+    // The error for the connection's last failure, worded by its code; `sql` is shown only for
+    // a statement that is wrong.
+    SQLiteError failure(std::string_view stage, std::string_view sql) const;
+
     struct Close {
         void operator()(sqlite3* handle) const;
     };
     std::unique_ptr<sqlite3, Close> handle_;
+    const std::string shownAs_;
 };
 
 } // namespace morvane

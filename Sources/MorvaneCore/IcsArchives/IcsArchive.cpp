@@ -22,6 +22,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t probedEntries = 50;
+// A calendar's name is a line; an .ics file of a whole calendar over decades is a few megabytes.
+constexpr std::uint64_t displayNameLimit = 64 << 10;
+constexpr std::uint64_t icsFileLimit = 64 << 20;
 
 struct Entry {
     std::string name;
@@ -52,14 +55,16 @@ bool endsWithICS(std::string_view name) {
 
 // The whole file as text when it is well-formed UTF-8. No encoding is guessed, and a byte-order
 // mark counts as the sign of another one.
-std::optional<std::string> readUTF8(const fs::path& file) {
+std::optional<std::string> readUTF8(const fs::path& file, std::uint64_t limit) {
     std::string content;
     try {
-        content = files::read(file);
+        content = files::read(file, limit);
     } catch (const Error&) {
         return std::nullopt;
     }
     if (content.starts_with("\xEF\xBB\xBF") || !text::isWellFormedUTF8(content)) return std::nullopt;
+    // Well-formed UTF-8 may hold NULs; text doesn't.
+    if (content.find('\0') != std::string::npos) return std::nullopt;
     return content;
 }
 
@@ -127,22 +132,58 @@ std::vector<AlarmSpec> alarmsOf(const ICalComponent& component, bool isAllDay,
     return alarms;
 }
 
-// One VEVENT as a row; nothing without a UID or a readable start. `master` is the row of the
+// Why a rule that doesn't read is left out: the frequencies finer than a day are real RRULE, but
+// no calendar event of the system repeats by them.
+std::string unreadableRule(std::string_view rrule) {
+    for (const auto piece : text::nonEmptyPieces(rrule, ';')) {
+        const auto sides = text::splittingOnce(piece, '=');
+        if (sides.size() != 2 || text::uppercased(sides[0]) != "FREQ") continue;
+        const auto frequency = text::uppercased(sides[1]);
+        for (const auto& [name, words] : {std::pair{"HOURLY", "hourly"}, std::pair{"MINUTELY", "every minute"},
+                                          std::pair{"SECONDLY", "every second"}}) {
+            if (frequency == name)
+                return "it repeats " + std::string(words) + " (FREQ=" + frequency + "), which a calendar event can't";
+        }
+    }
+    return "its repeat rule (RRULE) can't be read";
+}
+
+// One VEVENT as a row. Nothing, and the reason in `skipped`, without a UID, with a start or an
+// end that can't be read, or with a repeat rule that can't be read or held: a series read as a
+// single event would put one occurrence back where there were many. `master` is the row of the
 // series in the same VCALENDAR that a detached occurrence belongs to.
 std::optional<BackupEvent> eventOf(const ICalComponent& component, std::int64_t id, const BackupCalendar& calendar,
-                                   const std::optional<ArchiveCalendarInfo>& info, std::optional<std::int64_t> master) {
+                                   const std::optional<ArchiveCalendarInfo>& info, std::optional<std::int64_t> master,
+                                   std::string& skipped) {
     const auto* uid = component.first("UID");
-    if (uid == nullptr || uid->value.empty()) return std::nullopt;
-    const auto start = dateOf(component.first("DTSTART"));
-    if (!start) return std::nullopt;
+    if (uid == nullptr || uid->value.empty()) {
+        skipped = "it has no UID";
+        return std::nullopt;
+    }
+    const auto* startProperty = component.first("DTSTART");
+    const auto start = dateOf(startProperty);
+    if (!start) {
+        skipped = startProperty ? "its start (DTSTART) can't be read" : "it has no start (DTSTART)";
+        return std::nullopt;
+    }
     const bool isAllDay = start->isDateOnly;
 
     // All-day events end on the last second of their last day, as the database stores them.
     const double allDayTrim = isAllDay ? 1 : 0;
+    const auto* endProperty = component.first("DTEND");
     const auto* durationProperty = component.first("DURATION");
+    const auto until = dateOf(endProperty);
     const auto duration = durationProperty ? iCalDuration(durationProperty->value) : std::nullopt;
+    if (endProperty && !until) {
+        skipped = "its end (DTEND) can't be read";
+        return std::nullopt;
+    }
+    if (!endProperty && durationProperty && !duration) {
+        skipped = "its length (DURATION) can't be read";
+        return std::nullopt;
+    }
     Date end = start->date;
-    if (const auto until = dateOf(component.first("DTEND"))) {
+    if (until) {
         end.seconds = until->date.seconds - allDayTrim;
     } else if (duration) {
         end.seconds = start->date.seconds + static_cast<double>(*duration) - allDayTrim;
@@ -163,7 +204,11 @@ std::optional<BackupEvent> eventOf(const ICalComponent& component, std::int64_t 
 
     std::optional<RecurrenceRule> rule;
     if (const auto* rrule = component.first("RRULE"); rrule && !master) {
-        rule = RecurrenceRule::fromRRule(rrule->value, view(component.first("DTSTART")->param("TZID")));
+        rule = RecurrenceRule::fromRRule(rrule->value, view(startProperty->param("TZID")));
+        if (!rule) {
+            skipped = unreadableRule(rrule->value);
+            return std::nullopt;
+        }
     }
     event.hasRecurrences = rule.has_value();
     if (const auto* modified = component.first("LAST-MODIFIED")) {
@@ -224,7 +269,7 @@ IcsArchive::IcsArchive(fs::path root, const CalendarResolver& resolver) : root_(
     for (const auto& folder : folders) {
         ++row;
         std::optional<std::string> displayName;
-        if (const auto content = readUTF8(folder.path / "displayname"))
+        if (const auto content = readUTF8(folder.path / "displayname", displayNameLimit))
             displayName = std::string(text::trimmingWhitespaceAndNewlines(*content));
 
         std::optional<ArchiveCalendarInfo> info;
@@ -254,8 +299,8 @@ IcsArchive::IcsArchive(fs::path root, const CalendarResolver& resolver) : root_(
         }
         sortByName(files);
         for (const auto& file : files) {
-            if (const auto content = readUTF8(file.path)) {
-                read(*content, calendar, nextID);
+            if (const auto content = readUTF8(file.path, icsFileLimit)) {
+                read(*content, file.path.string(), calendar, nextID);
             } else {
                 unreadableFiles_.push_back(file.path.string());
             }
@@ -263,7 +308,8 @@ IcsArchive::IcsArchive(fs::path root, const CalendarResolver& resolver) : root_(
     }
 }
 
-void IcsArchive::read(std::string_view text, const BackupCalendar& calendar, std::int64_t& nextID) {
+void IcsArchive::read(std::string_view text, const std::string& file, const BackupCalendar& calendar,
+                      std::int64_t& nextID) {
     std::optional<ArchiveCalendarInfo> info;
     if (const auto found = defaults_.find(calendar.rowID); found != defaults_.end()) info = found->second;
 
@@ -276,9 +322,17 @@ void IcsArchive::read(std::string_view text, const BackupCalendar& calendar, std
 
         // Per block: a detached occurrence in another block or file doesn't find its series.
         std::map<std::string, std::int64_t, std::less<>> rowsByUID;
+        std::string reason;
+        const auto skip = [&](const ICalComponent& component) {
+            const auto* uid = component.first("UID");
+            skipped_.push_back({file, uid ? uid->value : std::string(), std::move(reason)});
+        };
         for (const auto* component : masters) {
-            auto event = eventOf(*component, nextID, calendar, info, std::nullopt);
-            if (!event) continue;
+            auto event = eventOf(*component, nextID, calendar, info, std::nullopt, reason);
+            if (!event) {
+                skip(*component);
+                continue;
+            }
             rowsByUID[event->uniqueIdentifier] = nextID;
             exceptions_[nextID] = exceptionDatesOf(*component);
             events_.push_back(std::move(*event));
@@ -288,8 +342,11 @@ void IcsArchive::read(std::string_view text, const BackupCalendar& calendar, std
             const auto* uid = component->first("UID");
             const auto found = rowsByUID.find(uid ? std::string_view(uid->value) : std::string_view());
             const auto master = found != rowsByUID.end() ? std::optional(found->second) : std::nullopt;
-            auto event = eventOf(*component, nextID, calendar, info, master);
-            if (!event) continue;
+            auto event = eventOf(*component, nextID, calendar, info, master, reason);
+            if (!event) {
+                skip(*component);
+                continue;
+            }
             events_.push_back(std::move(*event));
             ++nextID;
         }

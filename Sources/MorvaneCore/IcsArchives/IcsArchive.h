@@ -27,6 +27,19 @@ struct ArchiveCalendarInfo {
     friend bool operator==(const ArchiveCalendarInfo&, const ArchiveCalendarInfo&) = default;
 };
 
+// An event of an archive that is left out, and why: nothing in an archive goes without a word.
+struct SkippedEvent {
+    // The path of its file.
+    std::string file;
+    // Its UID; empty when it has none.
+    std::string uid;
+    // Why, in words: "its start (DTSTART) can't be read", "it repeats hourly (FREQ=HOURLY),
+    // which a calendar event can't", ...
+    std::string reason;
+
+    friend bool operator==(const SkippedEvent&, const SkippedEvent&) = default;
+};
+
 // Finds what is known of a calendar from its folder's name and its display name (absent when the
 // folder has no readable `displayname` file). Nothing when the calendar is unknown. Resolvers
 // hold what they need in memory and don't throw.
@@ -46,8 +59,10 @@ public:
 
     // Reads every calendar folder of `root` (hidden ones aside) and every .ics file in them.
     // Throws PlatformError "Couldn't list folder {path}: {reason}" when the root or a calendar
-    // folder can't be listed. A file that can't be read as UTF-8 doesn't stop the reading: its
-    // path goes to `unreadableFiles`. An empty `resolver` knows no calendar.
+    // folder can't be listed. A file that can't be read as text (not a regular file, larger than
+    // 64 MiB, not UTF-8, holding NUL bytes) doesn't stop the reading: its path goes to
+    // `unreadableFiles`; an event that can't be read whole goes to `skipped`. An empty
+    // `resolver` knows no calendar.
     IcsArchive(std::filesystem::path root, const CalendarResolver& resolver);
 
     const std::filesystem::path& root() const { return root_; }
@@ -60,8 +75,11 @@ public:
     const std::map<std::int64_t, ArchiveCalendarInfo>& defaults() const { return defaults_; }
     // By event row of a series or single event: its EXDATE values, ascending.
     const std::map<std::int64_t, std::vector<Date>>& exceptions() const { return exceptions_; }
-    // Paths of .ics files that couldn't be read or weren't UTF-8, in reading order.
+    // Paths of .ics files that couldn't be read or weren't text, in reading order.
     const std::vector<std::string>& unreadableFiles() const { return unreadableFiles_; }
+    // Events left out, in reading order: without a UID, with a start or end that can't be read,
+    // or repeating by a rule that can't be read or held (hourly and more often).
+    const std::vector<SkippedEvent>& skipped() const { return skipped_; }
 
     std::vector<BackupEvent> loadEvents() override { return events_; }
     std::vector<Date> exceptionDates(std::int64_t master) override;
@@ -69,7 +87,7 @@ public:
     OccurrenceSet occurrences() override;
 
 private:
-    void read(std::string_view text, const BackupCalendar& calendar, std::int64_t& nextID);
+    void read(std::string_view text, const std::string& file, const BackupCalendar& calendar, std::int64_t& nextID);
 
     std::filesystem::path root_;
     std::vector<BackupEvent> events_;
@@ -77,6 +95,7 @@ private:
     std::map<std::int64_t, ArchiveCalendarInfo> defaults_;
     std::map<std::int64_t, std::vector<Date>> exceptions_;
     std::vector<std::string> unreadableFiles_;
+    std::vector<SkippedEvent> skipped_;
 };
 
 } // namespace morvane

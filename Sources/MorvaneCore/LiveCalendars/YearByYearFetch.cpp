@@ -2,6 +2,8 @@
 
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Errors.h"
+#include "MorvanePlatform/CalendarDates.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -18,10 +20,32 @@ namespace {
 // come back, and a whole capture's occurrences would cost far more.
 using Seam = std::map<std::string, std::set<std::optional<std::int64_t>>, std::less<>>;
 
+constexpr Date earliest{earliestRepresentable};
+constexpr Date latest{latestRepresentable};
+
+// The span cut to the dates that can be represented; NaN counts as out of range.
+DateInterval representable(DateInterval span) {
+    if (!(span.start >= earliest)) span.start = earliest;
+    if (!(span.end <= latest)) span.end = latest;
+    return span;
+}
+
 } // namespace
 
-void fetchYearByYear(EKEventStore& store, DateInterval span,
-                     const std::function<void(std::shared_ptr<EKEvent>)>& visit) {
+bool isFetchable(DateInterval span) {
+    span = representable(span);
+    return !(span.start < span.end) || !(dates::addingYears(span.start, longestSpanYears) < span.end);
+}
+
+void fetchYearByYear(EKEventStore& store, DateInterval wanted,
+                     const std::function<void(std::shared_ptr<EKEvent>)>& visit,
+                     const std::function<void()>& yearDone) {
+    const auto span = representable(wanted);
+    if (!isFetchable(span)) {
+        throw RestoreError("Can't read the calendars from " + dates::iso8601(span.start) + " to " +
+                           dates::iso8601(span.end) + ": a span of more than " + std::to_string(longestSpanYears) +
+                           " years is refused, since every year of it expands each repeating event again.");
+    }
     Seam seen;
     for (Date cursor = span.start; cursor < span.end;) {
         const Date yearEnd = std::min(dates::addingYears(cursor, 1), span.end);
@@ -52,6 +76,7 @@ void fetchYearByYear(EKEventStore& store, DateInterval span,
         }
         seen = std::move(crossing);
         cursor = next;
+        if (yearDone) yearDone();
     }
 }
 

@@ -16,9 +16,20 @@ namespace morvane {
 // once, in the first; two occurrences are the same when they have the same item identifier and
 // occurrence key (`liveOccurrenceKey`). Within a year the order is the store's.
 //
-// Throws what the store throws, after `visit` has seen the years before. Blocks while the store
-// answers, on the calling thread.
-void fetchYearByYear(EKEventStore& store, DateInterval span,
-                     const std::function<void(std::shared_ptr<EKEvent>)>& visit);
+// `yearDone`, when given, is called after the last event of each fetched year: an occurrence of a
+// later year starts at or after every one of an earlier year, so a caller that sorts each year
+// by start and writes it out has the whole span in order, holding one year at a time.
+//
+// The span is first cut to the dates that can be represented (years 1 to 9999). A span longer
+// than `longestSpanYears` is refused with RestoreError before anything is fetched: every year of
+// it expands each repeating event again, so the work grows with the span's length, and a
+// century is more than any calendar is looked at over. Otherwise throws what the store throws,
+// after `visit` has seen the years before. Blocks while the store answers, on the calling thread.
+inline constexpr int longestSpanYears = 100;
+void fetchYearByYear(EKEventStore& store, DateInterval span, const std::function<void(std::shared_ptr<EKEvent>)>& visit,
+                     const std::function<void()>& yearDone = {});
+
+// Whether `span`, cut to the dates that can be represented, is no longer than `longestSpanYears`.
+bool isFetchable(DateInterval span);
 
 } // namespace morvane

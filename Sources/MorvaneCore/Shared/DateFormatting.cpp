@@ -2,7 +2,10 @@
 
 #include "MorvanePlatform/CalendarDates.h"
 
+#include <limits>
+#include <map>
 #include <memory>
+#include <tuple>
 #include <unicode/datefmt.h>
 #include <unicode/gregocal.h>
 #include <unicode/smpdtfmt.h>
@@ -34,6 +37,13 @@ std::unique_ptr<icu::SimpleDateFormat> makeFormatter(std::string_view pattern, s
     auto formatter =
         std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale(std::string(localeID).c_str()), status);
     if (U_FAILURE(status)) return nullptr;
+    // ICU counts days before 15 October 1582 in the Julian calendar; ISO 8601, and the database's
+    // seconds, count them in the Gregorian one.
+    std::unique_ptr<icu::Calendar> calendar(formatter->getCalendar()->clone());
+    if (auto* gregorian = dynamic_cast<icu::GregorianCalendar*>(calendar.get())) {
+        gregorian->setGregorianChange(-std::numeric_limits<double>::max(), status);
+        if (U_SUCCESS(status)) formatter->adoptCalendar(calendar.release());
+    }
     if (!zoneID.empty()) formatter->adoptTimeZone(icu::TimeZone::createTimeZone(unicode(zoneID)));
     return formatter;
 }
@@ -63,11 +73,36 @@ std::unique_ptr<icu::GregorianCalendar> calendarAt(Date date) {
     return calendar;
 }
 
+// Building a formatter costs fifty times what formatting one date does, and a formatter can't be
+// shared between threads: each thread keeps those it has built, by pattern, locale and zone, the
+// current zone by its identifier at the time, so that a change of it is followed.
+icu::SimpleDateFormat* cachedFormatter(std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
+    using Key = std::tuple<std::string, std::string, std::string>;
+    thread_local std::map<Key, std::unique_ptr<icu::SimpleDateFormat>> formatters;
+    std::string zone(zoneID);
+    if (zone.empty()) {
+        const std::unique_ptr<icu::TimeZone> current(icu::TimeZone::createDefault());
+        icu::UnicodeString identifier;
+        current->getID(identifier);
+        zone = "current " + utf8(identifier);
+    }
+    Key key(pattern, localeID, std::move(zone));
+    if (const auto found = formatters.find(key); found != formatters.end()) return found->second.get();
+    auto formatter = makeFormatter(pattern, localeID, zoneID);
+    if (!formatter) return nullptr;
+    // Few patterns and zones are ever used; this only bounds a thread that would use many.
+    if (formatters.size() >= 64) formatters.clear();
+    return formatters.emplace(std::move(key), std::move(formatter)).first->second.get();
+}
+
 } // namespace
 
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID) {
-    auto formatter = makeFormatter(pattern, localeID, zoneID);
+    auto* formatter = cachedFormatter(pattern, localeID, zoneID);
     if (!formatter) return {};
+    // A date without a four-digit year is shown at the nearest one that has one.
+    if (!(date.seconds >= earliestRepresentable)) date.seconds = earliestRepresentable;
+    if (!(date.seconds < latestRepresentable)) date.seconds = latestRepresentable - 1;
     icu::UnicodeString text;
     formatter->format(toUDate(date), text);
     return utf8(text);
@@ -82,8 +117,8 @@ std::string iso8601(Date date) { return format(date, isoPattern, posixLocale, "U
 std::optional<Date> parseISO8601(std::string_view text) {
     // Every index entry holds such a date, and ICU builds a formatter per call: indexes of a few
     // hundred entries took tens of milliseconds to read. The one fixed shape in UTC reads by
-    // hand, with the same strictness; before the Gregorian reform ICU's calendar is the Julian,
-    // so those years still go to ICU.
+    // hand, with the same strictness, in the proleptic Gregorian calendar that the formatters
+    // count in too.
     const auto digits = [&text](size_t at, size_t count) -> std::optional<int> {
         int value = 0;
         for (size_t i = at; i < at + count; ++i) {
@@ -98,7 +133,7 @@ std::optional<Date> parseISO8601(std::string_view text) {
     const auto year = digits(0, 4), month = digits(5, 2), day = digits(8, 2);
     const auto hour = digits(11, 2), minute = digits(14, 2), second = digits(17, 2);
     if (!year || !month || !day || !hour || !minute || !second) return std::nullopt;
-    if (*year < 1583) return parseStrictly(text, isoPattern, "UTC");
+    if (*year < 1) return std::nullopt;
     const bool leap = (*year % 4 == 0 && *year % 100 != 0) || *year % 400 == 0;
     static constexpr int monthDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     if (*month < 1 || *month > 12 || *day < 1 || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;

@@ -8,7 +8,8 @@
 
 // Date texts, all through ICU. "Current zone" is ICU's default zone, which follows TZ and the
 // machine's settings; "user's locale" is ICU's default locale, which follows the environment.
-// Every function builds its own formatter, so all of them may run on any thread.
+// Formatters are built per thread (and `format` keeps those it built), so every function may run
+// on any thread.
 namespace morvane::dates {
 
 // A stamp: pattern yyyy-MM-dd-HHmmss, locale en_US_POSIX, the current zone. Whole seconds, so
@@ -32,7 +33,8 @@ std::string abbreviatedDateTime(Date date);
 std::string longDate(Date date);
 
 // Formats with an explicit pattern and locale; `zoneID` names an ICU zone, or is empty for the
-// current zone.
+// current zone. A date before year 1 or after year 9999 is formatted as the first or last second
+// of that range, as are the texts built on this one.
 std::string format(Date date, std::string_view pattern, std::string_view localeID, std::string_view zoneID = {});
 
 // Calendar arithmetic in the Gregorian calendar of the current zone, as the platform's calendar

@@ -2,8 +2,8 @@
 
 namespace morvane {
 
-BackupLocatorError BackupLocatorError::notFound(const std::string& path) {
-    return {Case::notFound, path, "No Calendar.sqlitedb found under " + path};
+BackupLocatorError BackupLocatorError::notFound(const std::string& path, const std::string& reason) {
+    return {Case::notFound, path, "No Calendar.sqlitedb found under " + path + (reason.empty() ? "" : ": " + reason)};
 }
 
 BackupLocatorError BackupLocatorError::copyFailed(const std::string& cause) {

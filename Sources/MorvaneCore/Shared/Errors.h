@@ -23,8 +23,9 @@ class BackupLocatorError : public Error {
 public:
     enum class Case { notFound, copyFailed };
 
-    // "No Calendar.sqlitedb found under {path}"
-    static BackupLocatorError notFound(const std::string& path);
+    // "No Calendar.sqlitedb found under {path}", then ": {reason}" when the search couldn't even
+    // begin (a path that doesn't exist, a folder that can't be read).
+    static BackupLocatorError notFound(const std::string& path, const std::string& reason = {});
     // "Copy failed: {cause}"
     static BackupLocatorError copyFailed(const std::string& cause);
 

@@ -207,6 +207,7 @@ const std::vector<AlarmRow>& EKEventStore::LocalStore::storedAlarms(const Series
 
 std::vector<std::shared_ptr<EKEvent>>
 EKEventStore::LocalStore::eventsMatchingPredicate(const EKEventPredicate& predicate) {
+    const Reading reading(*this);
     auto& series = seriesIndex();
     Zones zones;
     std::set<std::int64_t> wanted;
@@ -321,6 +322,7 @@ std::optional<ItemRow> EKEventStore::LocalStore::itemAt(std::int64_t row) {
     return std::move(items.front());
 }
 std::shared_ptr<EKCalendarItem> EKEventStore::LocalStore::calendarItemWithIdentifier(const std::string& identifier) {
+    const Reading reading(*this);
     // A series' occurrences all carry its master's identifier, so the master comes first.
     auto items = itemsWhere("ci.UUID = ?", {identifier});
     std::stable_sort(items.begin(), items.end(),
@@ -333,6 +335,7 @@ std::shared_ptr<EKCalendarItem> EKEventStore::LocalStore::calendarItemWithIdenti
 
 std::vector<std::shared_ptr<EKCalendarItem>>
 EKEventStore::LocalStore::calendarItemsWithExternalIdentifier(const std::string& identifier) {
+    const Reading reading(*this);
     // "{UID}/RID=" up to "{UID}/RID>": the detached occurrences, by the index on the column.
     const auto rows = itemsWhere("(ci.unique_identifier = ?1 OR (ci.unique_identifier >= ?2 AND "
                                  "ci.unique_identifier < ?3))",

@@ -44,6 +44,7 @@ Saved savedWhole(std::int64_t row, std::string uid, const EKEvent& event) {
 template <typename Body> void EKEventStore::LocalStore::write(bool commitNow, Body&& body) {
     const bool began = !inTransaction;
     if (began) {
+        openForWriting();
         sqlite::execute(db.get(), "BEGIN IMMEDIATE");
         inTransaction = true;
     }

@@ -6,7 +6,9 @@
 #include "MorvanePlatform/CalendarColumns.h"
 #include "MorvanePlatform/EventStore/CalendarSchema.h"
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/UserFolders.h"
 
+#include <cctype>
 #include <cerrno>
 #include <set>
 #include <unistd.h>
@@ -55,16 +57,116 @@ EKCalendarType calendarType(std::int64_t storeType) {
 EKEventStore::LocalStore::LocalStore(fs::path databasePath) : path(std::move(databasePath)) {
     std::error_code missing;
     if (!fs::exists(path, missing)) create();
-    sqlite3* opened = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
-    db.reset(opened);
-    if (result != SQLITE_OK) sqlite::fail(opened, "Couldn't open the event store " + path.string());
-    sqlite3_busy_timeout(db.get(), 5000);
+    const Reading reading(*this);
     validate();
 }
 
 EKEventStore::LocalStore::~LocalStore() {
-    if (inTransaction) sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    if (inTransaction && db) sqlite3_exec(db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+EKEventStore::LocalStore::Reading::Reading(LocalStore& store) : store_(store) {
+    if (store_.db) return;
+    store_.openForReading();
+    opened_ = true;
+}
+
+EKEventStore::LocalStore::Reading::~Reading() {
+    if (opened_ && store_.access == Access::reading) store_.db.reset();
+}
+
+namespace {
+
+fs::path withSuffix(const fs::path& path, std::string_view suffix) {
+    auto file = path;
+    file += suffix;
+    return file;
+}
+
+// Whether a companion file is there; one that is there but is no regular file is refused, since
+// SQLite would wait on a named pipe for ever.
+bool present(const fs::path& file) {
+    std::error_code error;
+    if (!fs::exists(fs::symlink_status(file, error))) return false;
+    files::readStart(file, 0);
+    return true;
+}
+
+// Whether SQLite can read the live files through a read-only connection that changes none of
+// them: a write-ahead log with its index, or a database in rollback mode without either, and in
+// both cases no journal of an unfinished write, which a reader would have to roll back.
+bool readableAsItStands(const fs::path& path) {
+    const auto header = files::readStart(path, 20);
+    if (present(withSuffix(path, "-journal"))) return false;
+    const bool log = present(withSuffix(path, "-wal"));
+    const bool index = present(withSuffix(path, "-shm"));
+    if (log && index) return true;
+    // Bytes 18 and 19 of the header are 2 in write-ahead log mode, which SQLite would have to
+    // begin by creating the log.
+    const bool walMode = header.size() == 20 && (header[18] == 2 || header[19] == 2);
+    return !log && !index && !walMode;
+}
+
+// A file name as an SQLite URI path: everything but the plainest characters escaped.
+std::string uriPath(const fs::path& path) {
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string uri;
+    for (const unsigned char c : path.string()) {
+        if (std::isalnum(c) || c == '/' || c == '.' || c == '-' || c == '_' || c == '~') {
+            uri.push_back(static_cast<char>(c));
+        } else {
+            uri += {'%', digits[c >> 4], digits[c & 0x0F]};
+        }
+    }
+    return uri;
+}
+
+sqlite::Connection openConnection(const std::string& name, int flags, const fs::path& shown) {
+    sqlite3* opened = nullptr;
+    const int result = sqlite3_open_v2(name.c_str(), &opened, flags, nullptr);
+    sqlite::Connection connection(opened);
+    if (result != SQLITE_OK) sqlite::fail(opened, result, "Couldn't open the event store " + shown.string());
+    sqlite3_busy_timeout(connection.get(), 5000);
+    return connection;
+}
+
+} // namespace
+
+void EKEventStore::LocalStore::openForReading() {
+    if (readableAsItStands(path)) {
+        db = openConnection("file:" + uriPath(path) + "?mode=ro&readonly_shm=1", SQLITE_OPEN_READONLY | SQLITE_OPEN_URI,
+                            path);
+        access = Access::reading;
+        return;
+    }
+    openPrivateCopy();
+}
+
+void EKEventStore::LocalStore::openPrivateCopy() {
+    const auto folder = UserFolders::current().temporary() / ("morvane-store-" + files::randomUUID());
+    privateCopy.emplace(folder);
+    files::createPrivateFolder(folder);
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        const auto source = withSuffix(path, suffix);
+        if (present(source)) files::copyPrivately(source, folder / source.filename());
+    }
+    // SQLite finishes the log or rolls back the journal here, in the copy.
+    db = openConnection((folder / path.filename()).string(), SQLITE_OPEN_READWRITE, path);
+    access = Access::copied;
+}
+
+void EKEventStore::LocalStore::openForWriting() {
+    if (access == Access::writing) return;
+    db.reset();
+    privateCopy.reset();
+    db = openConnection(path.string(), SQLITE_OPEN_READWRITE, path);
+    int persist = 1;
+    sqlite3_file_control(db.get(), "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+    // The log kept on close is cut back to nothing once it has been folded in.
+    sqlite::execute(db.get(), "PRAGMA journal_size_limit = 0");
+    access = Access::writing;
+    // What another connection committed meanwhile is found by the first write.
+    dataVersion = -1;
 }
 
 // Builds the database under a temporary name beside its place and links it into place, so
@@ -109,9 +211,28 @@ void EKEventStore::LocalStore::create() {
             PlatformError::fromErrno(code, "Couldn't create the event store", path.string()).description());
     }
     fs::remove(building, ignored);
+    // The log and its index are made now, and kept, so that reading finds them.
+    openForWriting();
+    sqlite::execute(db.get(), "PRAGMA schema_version");
+    db.reset();
+    access = Access::reading;
 }
 
 void EKEventStore::LocalStore::validate() {
+    // The first statement on a file tells damage and foreign files apart from a missing table.
+    sqlite3_stmt* probe = nullptr;
+    int result = sqlite3_prepare_v2(db.get(), "PRAGMA page_count", -1, &probe, nullptr);
+    std::int64_t pages = 0;
+    if (result == SQLITE_OK && (result = sqlite::Steps::current().step(probe)) == SQLITE_ROW) {
+        pages = sqlite3_column_int64(probe, 0);
+        result = SQLITE_OK;
+    }
+    const std::string reason = result == SQLITE_OK ? std::string() : sqlite::damage(db.get(), result);
+    sqlite3_finalize(probe);
+    if (!reason.empty()) throw EventStoreError(path.string() + " isn't a calendar database: " + reason);
+    if (result != SQLITE_OK) sqlite::fail(db.get(), result, "Couldn't open the event store " + path.string());
+    if (pages == 0) throw EventStoreError(path.string() + " isn't a calendar database: the file is empty");
+
     std::string gaps;
     for (const auto& [table, required] : requiredColumns()) {
         std::set<std::string> present;
@@ -200,6 +321,7 @@ std::shared_ptr<const EKCalendar> EKEventStore::LocalStore::calendarNamed(const 
     return nullptr;
 }
 std::vector<std::shared_ptr<const EKCalendar>> EKEventStore::LocalStore::calendarsForEntityType(EKEntityType type) {
+    const Reading reading(*this);
     loadCalendars();
     std::vector<std::shared_ptr<const EKCalendar>> result;
     for (const auto& calendar : calendars) {
@@ -209,10 +331,12 @@ std::vector<std::shared_ptr<const EKCalendar>> EKEventStore::LocalStore::calenda
 }
 
 std::shared_ptr<const EKCalendar> EKEventStore::LocalStore::calendarWithIdentifier(const std::string& identifier) {
+    const Reading reading(*this);
     return calendarNamed(identifier);
 }
 
 std::vector<std::shared_ptr<const EKSource>> EKEventStore::LocalStore::sources() {
+    const Reading reading(*this);
     loadCalendars();
     std::vector<std::shared_ptr<const EKSource>> result;
     for (const auto& calendar : calendars) {

@@ -3,11 +3,13 @@
 // The local event store's private header: its rows, its state and the members that its files
 // (LocalStore, EventReading, EventWriting, OccurrenceCache) share. Only the store's own files
 // include it.
+#include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/EventStore/EventStoreImplementation.h"
 #include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
 #include "MorvanePlatform/EventStore/SQLiteHandles.h"
 #include "MorvanePlatform/EventStore/ZoneOffsets.h"
+#include "MorvanePlatform/Files.h"
 
 #include <algorithm>
 #include <cmath>
@@ -145,9 +147,20 @@ inline bool overlaps(double start, double end, double spanStart, double spanEnd)
 } // namespace localStore
 
 // The live calendars in a database of the operating system's schema.
+//
+// Reading leaves the files as they are, the database, its "-wal" and its "-shm" byte for byte,
+// until the store's first write: each read opens a read-only connection that takes SQLite's
+// index of the log as it finds it (`readonly_shm`) and never checkpoints, and closes it again,
+// so that no read-only index is still shared in the process when a write begins. Where SQLite
+// would have to change the files to read them at all (a log without its index, a journal of an
+// unfinished write), reading uses a private copy instead. The first write opens the live files
+// for writing and keeps that connection; from then on the log and its index are kept on close
+// (SQLITE_FCNTL_PERSIST_WAL), so that the next reader finds them and changes nothing either.
 class EKEventStore::LocalStore final : public EKEventStore::Implementation {
 public:
-    // Opens the database at `databasePath`, creating it when there is none.
+    // Opens the database at `databasePath`, creating it when there is none. Throws EventStoreError
+    // "{path} isn't a calendar database: {reason}" for an empty or damaged file or one that holds
+    // something else, PlatformError for a path that isn't a regular file.
     explicit LocalStore(std::filesystem::path databasePath);
     ~LocalStore() override;
     LocalStore(const LocalStore&) = delete;
@@ -176,9 +189,32 @@ private:
     using CacheRow = localStore::CacheRow;
     using Saved = localStore::Saved;
 
-    // ---- Creation and calendars (LocalStore.cpp) ----
+    // ---- Creation, connections and calendars (LocalStore.cpp) ----
+
+    enum class Access {
+        reading, // a read-only connection on the live files, open only while a read runs
+        copied,  // a lasting connection on a private copy of them
+        writing, // a lasting read-write connection on the live files
+    };
+
+    // Holds a connection for the read that runs in its scope, opening one when there is none;
+    // one it opened on the live files it closes again.
+    class Reading {
+    public:
+        explicit Reading(LocalStore& store);
+        ~Reading();
+        Reading(const Reading&) = delete;
+        Reading& operator=(const Reading&) = delete;
+
+    private:
+        LocalStore& store_;
+        bool opened_ = false;
+    };
 
     void create();
+    void openForReading();
+    void openPrivateCopy();
+    void openForWriting();
     void validate();
     void dropCaches();
     void noticeOtherWriters();
@@ -233,7 +269,11 @@ private:
     void rebuildCache(const CacheWindow& window);
 
     const std::filesystem::path path;
+    Access access = Access::reading;
+    // Absent between reads while `access` is `reading`.
     sqlite::Connection db;
+    // The folder of the private copy, while `access` is `copied`.
+    std::optional<files::TemporaryItem> privateCopy;
     // Whether this store holds a transaction open: its writes that aren't committed yet.
     bool inTransaction = false;
 
@@ -253,6 +293,9 @@ template <typename Visit>
 void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, const ItemRow& master, Zones& zones,
                                             double spanStart, double spanEnd, Visit&& visit) {
     using localStore::storedDatePadding;
+    // A series that begins where no date can be told has no occurrence that can: expanding it
+    // from there would walk up to the span a step at a time.
+    if (!(master.start >= earliestRepresentable && master.start < latestRepresentable)) return;
     const auto& rule = series.rules.at(master.rowID);
     auto& zone = zones.of(master.zone);
     const double duration = std::max(0.0, master.end - master.start);

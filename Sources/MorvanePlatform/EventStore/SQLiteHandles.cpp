@@ -13,12 +13,25 @@ public:
     }
 };
 
-std::string explanation(sqlite3* db, int code) {
+std::string message(sqlite3* db, int code) {
     if (db != nullptr && sqlite3_errcode(db) == (code & 0xFF)) return sqlite3_errmsg(db);
     return sqlite3_errstr(code);
 }
 
+std::string explanation(sqlite3* db, int code) {
+    const auto worded = damage(db, code);
+    return worded.empty() ? message(db, code) : worded;
+}
+
 } // namespace
+
+std::string damage(sqlite3* db, int code) {
+    switch (code & 0xFF) {
+    case SQLITE_CORRUPT: return "the file is damaged (" + message(db, code) + ")";
+    case SQLITE_NOTADB: return "the file holds something else (" + message(db, code) + ")";
+    default: return {};
+    }
+}
 
 Steps& Steps::system() {
     static SystemSteps steps;
@@ -26,7 +39,8 @@ Steps& Steps::system() {
 }
 
 void fail(sqlite3* db, std::string_view what) {
-    throw EventStoreError(std::string(what) + ": " + (db != nullptr ? sqlite3_errmsg(db) : "out of memory"));
+    if (db == nullptr) throw EventStoreError(std::string(what) + ": out of memory");
+    throw EventStoreError(std::string(what) + ": " + explanation(db, sqlite3_errcode(db)));
 }
 
 void fail(sqlite3* db, int code, std::string_view what) {

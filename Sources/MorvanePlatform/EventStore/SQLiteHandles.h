@@ -42,6 +42,10 @@ using Connection = std::unique_ptr<sqlite3, CloseConnection>;
 // the call didn't reach SQLite.
 [[noreturn]] void fail(sqlite3* db, int code, std::string_view what);
 
+// For a failure that says the file is damaged or holds no database, the reason in words ("the
+// file is damaged (database disk image is malformed)"); empty for any other failure.
+std::string damage(sqlite3* db, int code);
+
 // Runs statements that return no rows.
 void execute(sqlite3* db, std::string_view sql);
 

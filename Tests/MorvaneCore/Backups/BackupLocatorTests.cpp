@@ -7,9 +7,11 @@
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace morvane {
@@ -96,7 +98,8 @@ TEST_F(BackupLocatorTest, NotFoundNamesTheExpandedRoot) {
     const auto error = testing::caught<BackupLocatorError>([] { BackupLocator::findDatabase("~/missing", "jane"); });
     ASSERT_TRUE(error) << "found a database";
     EXPECT_EQ(error->which(), BackupLocatorError::Case::notFound);
-    EXPECT_EQ(error->description(), "No Calendar.sqlitedb found under " + (user.home() / "missing").string());
+    EXPECT_EQ(error->description(),
+              "No Calendar.sqlitedb found under " + (user.home() / "missing").string() + ": No such file or directory");
     homeDatabase("home");
     EXPECT_EQ(BackupLocator::findDatabase("~", "jane"), user.home() / relative);
 }
@@ -163,6 +166,45 @@ TEST_F(BackupLocatorTest, StagesTheDatabaseWithItsCompanionsPrivately) {
     EXPECT_EQ(std::distance(fs::directory_iterator(withLog.file().parent_path()), fs::directory_iterator()), 2);
 }
 
+// Under the usual umask a file is created 0644: the copy of someone's calendars would be open to
+// every user of the machine while it is written, unless it is private from its creation.
+TEST_F(BackupLocatorTest, StagedCopiesArePrivateFromTheFirstByte) {
+    const auto database = user.root().write("backup/Calendar.sqlitedb");
+    fs::resize_file(database, 64 << 20);
+    user.root().write("backup/Calendar.sqlitedb-wal", "wal");
+
+    const mode_t previous = ::umask(022);
+    std::atomic<bool> copying = true;
+    std::vector<std::string> exposed;
+    int filesSeen = 0;
+    std::thread watcher([&] {
+        while (copying) {
+            std::error_code error;
+            for (fs::recursive_directory_iterator entry(user.temporary(), error), end; !error && entry != end;
+                 entry.increment(error)) {
+                struct stat info {};
+                if (::lstat(entry->path().c_str(), &info) != 0) continue;
+                const bool folder = S_ISDIR(info.st_mode);
+                filesSeen += folder ? 0 : 1;
+                if ((info.st_mode & 0777) != (folder ? 0700u : 0600u)) exposed.push_back(entry->path().string());
+            }
+        }
+    });
+    {
+        const auto staged = BackupLocator::stageCopy(database);
+        const auto data = BackupLocator::stageData("data", "Calendar.sqlitedb");
+        copying = false;
+        watcher.join();
+        for (const auto& file : {staged.file(), data.file()}) {
+            EXPECT_EQ(mode(file.parent_path()), 0700u);
+            EXPECT_EQ(mode(file), 0600u);
+        }
+    }
+    ::umask(previous);
+    EXPECT_TRUE(exposed.empty()) << exposed.front();
+    EXPECT_GT(filesSeen, 0) << "the copy ended before it could be watched";
+}
+
 TEST_F(BackupLocatorTest, AStagedCopyGoesWhenItsLastOwnerLetsGo) {
     const auto database = user.root().write("backup/Calendar.sqlitedb", "main");
     fs::path folder;
@@ -199,7 +241,8 @@ TEST_F(BackupLocatorTest, AFailedCopyLeavesNothingBehind) {
     const auto error = testing::caught<BackupLocatorError>([&] { BackupLocator::stageCopy(database); });
     ASSERT_TRUE(error) << "staging succeeded";
     EXPECT_EQ(error->which(), BackupLocatorError::Case::copyFailed);
-    EXPECT_EQ(error->description(), "Copy failed: Couldn't read " + database.string() + "-wal: Is a directory");
+    EXPECT_EQ(error->description(),
+              "Copy failed: Couldn't read " + database.string() + "-wal: it is a folder, not a file");
     EXPECT_TRUE(fs::is_empty(user.temporary()));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 

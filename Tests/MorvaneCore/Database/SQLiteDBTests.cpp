@@ -39,7 +39,8 @@ TEST_F(SQLiteDBTest, AMissingFileFailsToOpenAndIsNotCreated) {
 TEST_F(SQLiteDBTest, AFileThatIsNoDatabaseFailsAtItsFirstStatement) {
     const auto path = folder.write("notes.txt", std::string(4096, 'x'));
     SQLiteDB db(path.string());
-    EXPECT_EQ(failureOf(db, "SELECT 1 FROM Store"), "Prepare failed: file is not a database\nSELECT 1 FROM Store");
+    EXPECT_EQ(failureOf(db, "SELECT 1 FROM Store"),
+              path.string() + " isn't a calendar database: the file holds something else (file is not a database)");
 }
 
 TEST_F(SQLiteDBTest, PrepareFailuresCarryTheSQLAndStepFailuresDoNot) {

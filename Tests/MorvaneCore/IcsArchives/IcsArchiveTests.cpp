@@ -1,12 +1,14 @@
 #include "MorvaneCore/IcsArchives/IcsArchive.h"
 
 #include "MorvaneCore/Shared/Errors.h"
+#include "Support/Deadline.h"
 #include "Support/ErrorText.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/UTC.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace morvane {
 namespace {
@@ -140,15 +142,15 @@ TEST_F(IcsArchiveTest, EndsAndTextsReadAsTheDatabaseStoresThem) {
                     vevent("UID:bare-day\nDTSTART;VALUE=DATE:20260101\n") +
                     vevent("UID:days\nDTSTART;VALUE=DATE:20260101\nDURATION:P2D\n") +
                     vevent("UID:zoned\nDTSTART;TZID=Europe/Berlin:20260101T090000\nDURATION:PT1H30M\n") +
-                    vevent("UID:bad-end\nDTSTART:20260101T090000Z\nDTEND:soon\nDURATION:PT1H\n") +
-                    vevent("UID:floating\nDTSTART:20260101T090000\nDURATION:1 hour\nSUMMARY:Lunch\\, then\\ntalk\n"
+                    vevent("UID:utc\nDTSTART:20260101T090000Z\nDTEND:20260101T100000Z\n") +
+                    vevent("UID:floating\nDTSTART:20260101T090000\nSUMMARY:Lunch\\, then\\ntalk\n"
                            "LOCATION:\nDESCRIPTION:a\\;b\nURL:https://example.com/a\\,b\nATTENDEE:mailto:a@b.c\n")));
     const auto archive = open();
     std::vector<std::tuple<double, double, bool, std::optional<std::string>>> read;
     for (const auto& event : archive.events())
         read.emplace_back(event.snapshot.start.seconds, event.snapshot.end.seconds - event.snapshot.start.seconds,
                           event.snapshot.isAllDay, event.snapshot.timeZone);
-    // All-day events end on the last second of their last day; a bad DTEND is no DTEND.
+    // All-day events end on the last second of their last day; others without an end at their start.
     const double newYear = utc(2026, 1, 1);
     EXPECT_EQ(read, (decltype(read){{newYear, 86399, true, std::nullopt},
                                     {newYear, 86399, true, std::nullopt},
@@ -195,19 +197,59 @@ TEST_F(IcsArchiveTest, UnreadableFilesAreNotedButAnUnlistableRootFails) {
     write("cal/b.ics", vcalendar(vevent("UID:ok\nDTSTART:20260101\n")));
     const auto marked = write("cal/c.ics", "\xEF\xBB\xBF" + vcalendar(vevent("UID:bom\nDTSTART:20260101\n")));
     const auto folderNamedICS = folder.makeFolder("cal/d.ics");
-    write("cal/displayname", "Caf\xE9");
+    const auto binary =
+        write("cal/e.ics", vcalendar(vevent(std::string("UID:nul\nSUMMARY:a\0b\nDTSTART:20260101\n", 37))));
+    // Neither waited on nor read without end.
+    const auto pipe = folder.path() / "cal/f.ics";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const auto zero = folder.path() / "cal/g.ics";
+    fs::create_symlink("/dev/zero", zero);
+    ASSERT_EQ(::mkfifo((folder.path() / "cal/displayname").c_str(), 0600), 0);
+    write("other/displayname", "Caf\xE9");
 
+    const testing::Deadline deadline(std::chrono::seconds(30), "reading an archive of pipes and devices");
     const auto archive = open();
     EXPECT_EQ(archive.unreadableFiles(),
-              (std::vector<std::string>{latin1.string(), marked.string(), folderNamedICS.string()}));
+              (std::vector<std::string>{latin1.string(), marked.string(), folderNamedICS.string(), binary.string(),
+                                        pipe.string(), zero.string()}));
+    EXPECT_EQ(archive.calendars()[1].title, "other") << "an unreadable display name counts as none";
     ASSERT_EQ(archive.events().size(), 1u);
     EXPECT_EQ(archive.events()[0].uniqueIdentifier, "ok");
-    EXPECT_EQ(archive.calendars()[0].title, "cal") << "an unreadable display name counts as none";
+    EXPECT_EQ(archive.calendars()[0].title, "cal");
 
     for (const auto& root : {folder.path() / "missing", latin1}) {
         const auto error = testing::errorText<PlatformError>([&] { IcsArchive unlistable(root, {}); });
         EXPECT_TRUE(error.starts_with("Couldn't list folder " + root.string() + ": ")) << error;
     }
+}
+
+// An event that can't be read whole is left out with its reason, never read as something else:
+// a series that repeats more often than daily read as one event would restore one occurrence.
+TEST_F(IcsArchiveTest, EventsThatCantBeReadWholeAreListedWithTheirReason) {
+    const auto file =
+        write("cal/events.ics", vcalendar(vevent("DTSTART:20260101\n") + vevent("UID:no-start\n") +
+                                          vevent("UID:bad-start\nDTSTART:tomorrow\n") +
+                                          vevent("UID:bad-end\nDTSTART:20260101T090000Z\nDTEND:soon\nDURATION:PT1H\n") +
+                                          vevent("UID:bad-length\nDTSTART:20260101T090000Z\nDURATION:1 hour\n") +
+                                          vevent("UID:hourly\nDTSTART:20260101T090000Z\nRRULE:FREQ=HOURLY;COUNT=3\n") +
+                                          vevent("UID:minutely\nDTSTART:20260101T090000Z\nRRULE:freq=minutely\n") +
+                                          vevent("UID:odd-rule\nDTSTART:20260101T090000Z\nRRULE:FREQ=FORTNIGHTLY\n") +
+                                          vevent("UID:kept\nDTSTART:20260101T090000Z\nRRULE:FREQ=DAILY\n")))
+            .string();
+    const auto archive = open();
+    ASSERT_EQ(archive.events().size(), 1u);
+    EXPECT_EQ(archive.events()[0].uniqueIdentifier, "kept");
+    EXPECT_EQ(archive.skipped(),
+              (std::vector<SkippedEvent>{
+                  {file, "", "it has no UID"},
+                  {file, "no-start", "it has no start (DTSTART)"},
+                  {file, "bad-start", "its start (DTSTART) can't be read"},
+                  {file, "bad-end", "its end (DTEND) can't be read"},
+                  {file, "bad-length", "its length (DURATION) can't be read"},
+                  {file, "hourly", "it repeats hourly (FREQ=HOURLY), which a calendar event can't"},
+                  {file, "minutely", "it repeats every minute (FREQ=MINUTELY), which a calendar event can't"},
+                  {file, "odd-rule", "its repeat rule (RRULE) can't be read"},
+              }));
 }
 
 TEST_F(IcsArchiveTest, LooksLikeAnArchiveWithAnICSFileOneFolderDown) {
@@ -275,6 +317,13 @@ TEST_F(RealArchives, EveryTreeOpensAndItsTotalsHold) {
     EXPECT_EQ(edges.unreadableFiles(),
               (std::vector<std::string>{broken / "python-icalendar--calendars_bom_calendar.ics",
                                         broken / "thunderbird--unit_data_importLatin1.ics"}));
+    EXPECT_EQ(edges.skipped(),
+              (std::vector<SkippedEvent>{{broken / "khal--without_uid.ics", "", "it has no UID"},
+                                         {broken / "python-icalendar--calendars_broken_dtstart.ics", "test-123",
+                                          "its start (DTSTART) can't be read"},
+                                         {broken / "python-icalendar--calendars_issue_1549_binary_attachment.ics",
+                                          "binary-attachment-event", "it has no start (DTSTART)"}}));
+    EXPECT_TRUE(server.skipped().empty() && producers.skipped().empty());
     std::vector<std::string> titles;
     for (const auto& calendar : edges.calendars())
         titles.push_back(calendar.title);

@@ -12,6 +12,7 @@
 #include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -224,9 +225,22 @@ TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
                        nightly);
 
     std::map<std::string, int> visits;
-    fetchYearByYear(*store, {Date{utc(2024, 1, 1, 8)}, Date{utc(2027, 1, 1, 8)}}, [&](std::shared_ptr<EKEvent> event) {
-        ++visits[*event->title + " " + std::to_string(static_cast<std::int64_t>(*event->startDate))];
-    });
+    // By year: what a later year gives starts after all that an earlier one gave.
+    std::vector<std::vector<double>> years(1);
+    fetchYearByYear(
+        *store, {Date{utc(2024, 1, 1, 8)}, Date{utc(2027, 1, 1, 8)}},
+        [&](std::shared_ptr<EKEvent> event) {
+            ++visits[*event->title + " " + std::to_string(static_cast<std::int64_t>(*event->startDate))];
+            years.back().push_back(*event->startDate);
+        },
+        [&] { years.emplace_back(); });
+    ASSERT_EQ(years.size(), 4u);
+    for (size_t year = 1; year + 1 < years.size(); ++year) {
+        if (!years[year].empty() && !years[year - 1].empty()) {
+            EXPECT_LT(*std::max_element(years[year - 1].begin(), years[year - 1].end()),
+                      *std::min_element(years[year].begin(), years[year].end()));
+        }
+    }
     const auto at = [](const char* title, double start) {
         return std::string(title) + " " + std::to_string(static_cast<std::int64_t>(start));
     };
@@ -237,6 +251,11 @@ TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
                                                   {at("Nightly", seam2025 - 86400 - 3600), 1},
                                                   {at("Nightly", seam2025 - 3600), 1},
                                                   {at("Nightly", seam2025 + 86400 - 3600), 1}}));
+
+    // More than a century is refused before anything is fetched.
+    EXPECT_THROW(fetchYearByYear(*store, {Date{utc(2000, 1, 1)}, Date{utc(2101, 1, 1)}},
+                                 [](std::shared_ptr<EKEvent>) { FAIL() << "fetched"; }),
+                 RestoreError);
 }
 
 // ---- Access ----
