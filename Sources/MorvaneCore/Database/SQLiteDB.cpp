@@ -18,8 +18,8 @@ using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
 void SQLiteDB::Close::operator()(sqlite3* handle) const { sqlite3_close(handle); }
 
-SQLiteDB::SQLiteDB(const std::string& stagedCopyPath, std::string shownAs)
-    : shownAs_(shownAs.empty() ? stagedCopyPath : std::move(shownAs)) {
+SQLiteDB::SQLiteDB(const std::string& stagedCopyPath, std::string shownAs) : shownAs_(std::move(shownAs)) {
+    if (shownAs_.empty()) shownAs_ = stagedCopyPath;
     sqlite3* opened = nullptr;
     // Read-write on purpose and never create: see the class comment.
     const int result =

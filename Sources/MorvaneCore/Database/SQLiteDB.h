@@ -78,7 +78,7 @@ private:
         void operator()(sqlite3* handle) const;
     };
     std::unique_ptr<sqlite3, Close> handle_;
-    const std::string shownAs_;
+    std::string shownAs_;
 };
 
 } // namespace morvane
