@@ -72,12 +72,6 @@ TEST(ICalParseLine, SplitsNameParametersAndRawValue) {
     EXPECT_EQ(property->param("X"), std::nullopt);
 }
 
-TEST(ICalText, UnescapesBackslashes) {
-    EXPECT_EQ(ICalParser::text("a\\,b\\;c\\\\d\\ne\\Nf\\:g"), "a,b;c\\d\ne\nf:g");
-    EXPECT_EQ(ICalParser::text("end\\"), "end");
-    EXPECT_EQ(ICalParser::text(""), "");
-}
-
 // --- Components ------------------------------------------------------------------------------
 
 TEST(ICalParse, BuildsTheTreeInFileOrder) {
