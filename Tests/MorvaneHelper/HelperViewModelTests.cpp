@@ -118,7 +118,13 @@ TEST(HelperViewModelTest, TheImportSectionInEveryPhase) {
           {"Found 1 backup to copy (one per day), March 4, 2024. This can take a few minutes.", Style::secondary}},
          {"Import Backups", "Open Morvane"},
          true},
-        {"failure", Phase::failure("Something went wrong."), {}, 4, {{"Something went wrong.", Style::error}}, {}, true},
+        {"failure",
+         Phase::failure("Something went wrong."),
+         {},
+         4,
+         {{"Something went wrong.", Style::error}},
+         {},
+         true},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.name);
@@ -150,10 +156,11 @@ TEST(HelperViewModelTest, BusyPhasesShowProgressHideButtonsAndDisableRemoval) {
 
     state.phase = Phase::importing(1, 5, "Mar 2, 2024, 10:15\u202FAM");
     view = HelperViewModel::of(state);
-    EXPECT_EQ(view.steps[2].content.progress, (HelperViewModel::Progress{.value = 1,
-                                                                         .total = 5,
-                                                                         .label = "Copying backup 2 of 5",
-                                                                         .currentValueLabel = "Mar 2, 2024, 10:15\u202FAM"}));
+    EXPECT_EQ(view.steps[2].content.progress,
+              (HelperViewModel::Progress{.value = 1,
+                                         .total = 5,
+                                         .label = "Copying backup 2 of 5",
+                                         .currentValueLabel = "Mar 2, 2024, 10:15\u202FAM"}));
     EXPECT_TRUE(view.steps[2].content.buttons.empty());
     EXPECT_FALSE(view.removeButton.enabled);
 
