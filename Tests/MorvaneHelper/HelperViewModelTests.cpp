@@ -1,4 +1,5 @@
 #include "MorvaneHelper/HelperViewModel.h"
+#include "Support/Mapped.h"
 
 #include <gtest/gtest.h>
 
@@ -21,10 +22,7 @@ BackupSource backup(std::optional<Date> date, const std::string& name) {
 }
 
 std::vector<std::string> titles(const std::vector<HelperViewModel::Button>& buttons) {
-    std::vector<std::string> result;
-    for (const auto& button : buttons)
-        result.push_back(button.title);
-    return result;
+    return testing::mapped(buttons, &HelperViewModel::Button::title);
 }
 
 TEST(HelperViewModelTest, EachStepExplainsItselfUntilDoneAndTheImportSectionNeedsBoth) {
@@ -138,36 +136,6 @@ TEST(HelperViewModelTest, TheImportSectionInEveryPhase) {
         EXPECT_EQ(view.steps[2].done, each.done);
         EXPECT_TRUE(view.removeButton.enabled);
     }
-}
-
-TEST(HelperViewModelTest, BusyPhasesShowProgressHideButtonsAndDisableRemoval) {
-    State state{.hasFullDiskAccess = true, .appStoreEditionOpened = true};
-    state.pending = {backup(march(1), "a")};
-    state.imported = 3;
-    state.notes = {"The backup disk isn't connected."};
-
-    state.phase = Phase::scanning();
-    auto view = HelperViewModel::of(state);
-    EXPECT_EQ(view.steps[2].content.spinner, "Looking for Time Machine backups…");
-    EXPECT_TRUE(view.steps[2].content.texts.empty());
-    EXPECT_TRUE(view.steps[2].content.buttons.empty());
-    EXPECT_FALSE(view.removeButton.enabled);
-    EXPECT_FALSE(view.steps[2].done);
-
-    state.phase = Phase::importing(1, 5, "Mar 2, 2024, 10:15\u202FAM");
-    view = HelperViewModel::of(state);
-    EXPECT_EQ(view.steps[2].content.progress,
-              (HelperViewModel::Progress{.value = 1,
-                                         .total = 5,
-                                         .label = "Copying backup 2 of 5",
-                                         .currentValueLabel = "Mar 2, 2024, 10:15\u202FAM"}));
-    EXPECT_TRUE(view.steps[2].content.buttons.empty());
-    EXPECT_FALSE(view.removeButton.enabled);
-
-    // Idle again, the notes follow the status line as warnings.
-    state.phase = Phase{};
-    EXPECT_EQ(HelperViewModel::of(state).steps[2].content.texts.back(),
-              (Text{"The backup disk isn't connected.", Style::warning}));
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include "Support/ErrorText.h"
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 #include "Support/SavedEvents.h"
 
 #include <gtest/gtest.h>
@@ -121,11 +122,9 @@ TEST_F(BackupCatalogTest, SortsNewestFirstWithUndatedSourcesLastInListingOrder) 
         {Kind::file("/middle-a"), Date{20}},      {Kind::file("/middle-b"), Date{20}},
     };
     BackupCatalog::sortNewestFirst(sources);
-    std::vector<std::string> ids;
-    for (const auto& source : sources)
-        ids.push_back(source.id());
-    EXPECT_EQ(ids, (std::vector<std::string>{"file:/new", "file:/middle-a", "file:/middle-b", "file:/old",
-                                             "file:/undated-1", "file:/undated-2"}));
+    EXPECT_EQ(testing::mapped(sources, &BackupSource::id),
+              (std::vector<std::string>{"file:/new", "file:/middle-a", "file:/middle-b", "file:/old", "file:/undated-1",
+                                        "file:/undated-2"}));
 }
 
 TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListedOnce) {
@@ -156,10 +155,7 @@ TEST_F(BackupCatalogTest, TheWholeListIsNewestFirstWithThisComputersCopiesListed
     tools->answer(listBackups, {0, "/Volumes/Backup/Backups.backupdb/Jane/Latest\n"});
 
     const auto ids = [](const std::vector<BackupSource>& sources) {
-        std::vector<std::string> listed;
-        for (const auto& source : sources)
-            listed.push_back(source.id());
-        return listed;
+        return testing::mapped(sources, &BackupSource::id);
     };
     const auto app = "app:" + store.string() + "/";
     const auto icloud = "icloud:" + shared.string() + "/";
@@ -222,21 +218,6 @@ TEST_F(BackupCatalogTest, SnapshotOfABackupPathGivesNothingOnAnyProblem) {
         tools->answer(diskutil, answer);
         EXPECT_EQ(BackupCatalog::timeMachineSnapshot(path), std::nullopt) << answer.output;
     }
-}
-
-TEST_F(BackupCatalogTest, PrepareReadsPickedStoredAndFolderBasedBackupsInPlace) {
-    const auto folder = user.root().makeFolder("Backups.backupdb/Mac/2023-11-02-081500");
-    user.root().write("Backups.backupdb/Mac/2023-11-02-081500/Macintosh HD/Users/jane/" +
-                          std::string(BackupLocator::relativeDBPath),
-                      "db");
-    for (const auto& kind : {Kind::file("~/x"), Kind::icsArchive("/a"), Kind::appSnapshot("/b.calsnap"),
-                             Kind::iCloudSnapshot("/c.calevents", "iMac"), Kind::timeMachineImport("/d"),
-                             Kind::timeMachine(folder.string())}) {
-        const auto prepared = BackupCatalog::prepare({kind, std::nullopt});
-        EXPECT_EQ(prepared.root, kind.path());
-        EXPECT_EQ(prepared.mount, nullptr);
-    }
-    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 TEST_F(BackupCatalogTest, PrepareMountsSnapshotsThatAreNotMounted) {

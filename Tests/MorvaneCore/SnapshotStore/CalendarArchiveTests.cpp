@@ -9,6 +9,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <gtest/gtest.h>
 
@@ -102,12 +103,9 @@ TEST_F(CalendarArchiveTest, ImportingAListedStampOrUnchangedContentStoresNothing
     EXPECT_EQ(import(archive, changed, at("2024-03-03-101500")).which, Case::saved);
     EXPECT_EQ(import(archive, first, at("2024-03-04-101500")).which, Case::saved);
 
-    const auto listed = archive.entries();
-    std::vector<std::string> stamps;
-    for (const auto& entry : listed)
-        stamps.push_back(entry.stamp);
-    EXPECT_EQ(stamps, (std::vector<std::string>{"2024-03-04-101500", "2024-03-03-101500", "2024-03-01-101500",
-                                                "2024-02-01-101500"}));
+    EXPECT_EQ(
+        testing::mapped(archive.entries(), &Entry::stamp),
+        (std::vector<std::string>{"2024-03-04-101500", "2024-03-03-101500", "2024-03-01-101500", "2024-02-01-101500"}));
 }
 
 TEST_F(CalendarArchiveTest, OfEqualDatesTheFirstListedIsTheNeighbour) {

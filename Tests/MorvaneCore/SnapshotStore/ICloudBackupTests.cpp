@@ -5,6 +5,7 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserDefaults.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -27,12 +28,7 @@ std::vector<std::string> namesIn(const fs::path& folder) {
     return names;
 }
 
-std::vector<std::string> stampsOf(const std::vector<Entry>& entries) {
-    std::vector<std::string> stamps;
-    for (const auto& entry : entries)
-        stamps.push_back(entry.stamp);
-    return stamps;
-}
+std::vector<std::string> stampsOf(const std::vector<Entry>& entries) { return testing::mapped(entries, &Entry::stamp); }
 
 // Two computers of one user, each with a store of its own, sharing one folder.
 class ICloudBackupTest : public ::testing::Test {

@@ -10,6 +10,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <chrono>
 #include <functional>
@@ -51,10 +52,7 @@ protected:
     }
 
     std::vector<std::string> pendingPaths() {
-        std::vector<std::string> paths;
-        for (const auto& source : TimeMachineImports::pending(*archive).sources)
-            paths.push_back(source.id());
-        return paths;
+        return testing::mapped(TimeMachineImports::pending(*archive).sources, &BackupSource::id);
     }
 
     BackupSource source(const std::string& path, const std::string& stamp) {
