@@ -66,7 +66,6 @@ TEST_F(ICloudBackupTest, EachComputerWritesOnlyItsOwnFolderAndReadsEveryOnes) {
         EXPECT_EQ(namesIn(laptopFolder),
                   (std::vector<std::string>{"2025-08-10-090000.calsnap", "2025-08-12-090000.calevents", "index.json",
                                             "mac.json"}));
-        EXPECT_EQ(files::read(laptopFolder / "2025-08-10-090000.calsnap"), "bytes of 2025-08-10-090000");
         EXPECT_EQ(nlohmann::json::parse(files::read(laptopFolder / "mac.json")),
                   (nlohmann::json{{"id", "LAPTOP-ID"}, {"name", "Jane's Laptop-2- Work"}}));
         // Copied files are recognised by name alone.
@@ -86,7 +85,6 @@ TEST_F(ICloudBackupTest, EachComputerWritesOnlyItsOwnFolderAndReadsEveryOnes) {
         EXPECT_EQ(seen[2].entry.stamp, "2025-08-10-090000");
         EXPECT_EQ(std::vector<bool>({seen[0].isThisMac, seen[1].isThisMac, seen[2].isThisMac}),
                   std::vector<bool>({false, true, false}));
-        EXPECT_EQ(copies.ownUsage().count, 1);
         EXPECT_EQ(copies.ownUsage().bytes, 100);
     }
     {

@@ -205,12 +205,14 @@ TEST_F(TimeMachineImportsTest, OfTwoOpeningsOfAnUncachedBackupOneReadsTheDiskAnd
         // Time to reach the wait; a slower second opening finds the cache filled all the same.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     };
-    const auto first = BackupCatalog::open(backup);
+    auto first = BackupCatalog::open(backup);
     second.join();
     EXPECT_FALSE(first.location.ends_with(" (cached)")) << first.location;
     EXPECT_TRUE(secondLocation.ends_with(" (cached)")) << secondLocation;
     EXPECT_EQ(tools->count("/sbin/mount_apfs "), 1u);
+    first.close();
     EXPECT_EQ(tools->count("/sbin/umount "), 1u);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
     // Both editions share one store.
     EXPECT_EQ(TimeMachineImports::forThisApp()->directory(), archive->directory());
 }
