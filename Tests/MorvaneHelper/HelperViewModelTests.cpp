@@ -127,6 +127,14 @@ TEST(HelperViewModelTest, TheImportSectionInEveryPhase) {
         EXPECT_EQ(view.steps[2].done, each.done);
         EXPECT_TRUE(view.removeButton.enabled);
     }
+
+    // Notes follow the status line as warnings; importing is the default button.
+    State noted{.hasFullDiskAccess = true, .appStoreEditionOpened = true};
+    noted.pending = {backup(march(1), "a")};
+    noted.notes = {"The backup disk isn't connected."};
+    const auto view = HelperViewModel::of(noted);
+    EXPECT_EQ(view.steps[2].content.texts.back(), (Text{"The backup disk isn't connected.", Style::warning}));
+    EXPECT_TRUE(view.steps[2].content.buttons.at(0).isDefault);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/CalendarGenerator.h"
 #include "Support/ErrorText.h"
 #include "Support/Mapped.h"
 #include "Support/Pinned.h"
@@ -275,6 +276,16 @@ TEST_F(CalendarDatabaseTest, CheckpointFoldsALiveLogWithoutChangingTheFingerprin
     database.checkpoint();
     EXPECT_EQ(fs::file_size(log), 0u);
     EXPECT_EQ(database.contentFingerprint(), before);
+}
+
+// The count by one statement is that of the events read, detached occurrences aside.
+TEST_F(CalendarDatabaseTest, EventCountIsThatOfTheEventsRead) {
+    testing::generateCalendar(build(), 300, 7);
+    auto database = open();
+    const auto events = database.loadEvents();
+    EXPECT_EQ(database.eventCount(), std::count_if(events.begin(), events.end(), [](const BackupEvent& event) {
+                  return !event.isDetachedOccurrence();
+              }));
 }
 
 TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {

@@ -297,6 +297,9 @@ TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDeco
     EXPECT_EQ(error->codingPath(), "events[1]");
 
     EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
+    auto noStore = document().json();
+    noStore["calendars"][0].erase("storeName");
+    EXPECT_THROW(EventKitSnapshot::decode(encode(noStore)), json::DecodingError);
     const auto gone = user.home() / "gone.calevents";
     EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
 }
