@@ -231,6 +231,7 @@ TEST_F(CalendarDatabaseTest, FingerprintRendersNumbersAsSQLiteDoesAndRepairsText
     EXPECT_EQ(database.contentFingerprint(), SHA256::hex(SHA256::of(expected)));
 }
 
+// That titles and row numbers count is in the exact form above.
 TEST_F(CalendarDatabaseTest, FingerprintFollowsContentNotColoursOrFileOrder) {
     auto fingerprint = [&](const std::function<void(CalendarDatabaseBuilder&)>& fill) {
         fs::remove(path);
@@ -250,15 +251,6 @@ TEST_F(CalendarDatabaseTest, FingerprintFollowsContentNotColoursOrFileOrder) {
                                          {"color", "#00FF00"},
                                          {"external_id", "x"}});
                   db.addStore({});
-              }));
-    // A rename, or the same content under other row numbers: changed.
-    EXPECT_NE(base, fingerprint([](CalendarDatabaseBuilder& db) {
-                  db.insert("Calendar", {{"ROWID", std::int64_t{1}}, {"title", "Home!"}, {"UUID", "A"}});
-                  db.insert("Calendar", {{"ROWID", std::int64_t{2}}, {"title", "Work"}, {"UUID", "B"}});
-              }));
-    EXPECT_NE(base, fingerprint([](CalendarDatabaseBuilder& db) {
-                  db.insert("Calendar", {{"ROWID", std::int64_t{3}}, {"title", "Home"}, {"UUID", "A"}});
-                  db.insert("Calendar", {{"ROWID", std::int64_t{4}}, {"title", "Work"}, {"UUID", "B"}});
               }));
 }
 
