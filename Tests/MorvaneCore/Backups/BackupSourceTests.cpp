@@ -33,11 +33,10 @@ TEST(BackupSource, IdentityIsTheIdAlone) {
     EXPECT_EQ(set.size(), 2u);
 }
 
-TEST(BackupSource, TitleIsTheDateOrANameOrTheId) {
+// The date, and the id of an undated backup, are the titles `morvane backups` shows.
+TEST(BackupSource, TitleOfAPickedFileOrArchiveIsItsName) {
     EXPECT_EQ(BackupSource(Kind::file("/Users/jane/Desktop/Calendar.sqlitedb"), {}).title(), "Calendar.sqlitedb");
     EXPECT_EQ(BackupSource(Kind::icsArchive("/Users/jane/Old Calendars/"), {}).title(), "Old Calendars");
-    EXPECT_EQ(BackupSource(Kind::localSnapshot("com.apple.TimeMachine.x.local"), {}).title(),
-              "snap:com.apple.TimeMachine.x.local");
     EXPECT_EQ(BackupSource(Kind::appSnapshot("/s/x.calsnap"), {}).title(), "app:/s/x.calsnap");
 }
 
