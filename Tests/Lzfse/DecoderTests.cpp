@@ -203,12 +203,5 @@ TEST(LzfseDecoder, RejectsEveryTruncation) {
     }
 }
 
-TEST(LzfseDecoder, RefusesOutputBeyondTheCallersLimit) {
-    const Bytes stream = concat({rawBlock("abcdef"), UnpackedBlock{.rawBytes = 6}.bytes(), endBlock()});
-    EXPECT_EQ(decompress(stream, 12).size(), 12u);
-    EXPECT_EQ(morvane::testing::errorText<LzfseError>([&] { decompress(stream, 11); }),
-              "The compressed data is too large: it would decompress to more than 11 bytes");
-}
-
 } // namespace
 } // namespace morvane::lzfse

@@ -1,5 +1,6 @@
 #include "Lzfse/Lzfse.h"
 #include "Lzfse/LzfseTestSupport.h"
+#include "Support/Mapped.h"
 #include "Support/TemporaryDirectory.h"
 #include "lzfse-tool/Tool.h"
 
@@ -26,10 +27,7 @@ std::vector<BlockInfo> expectRoundTrip(const Bytes& input) {
 }
 
 std::vector<std::string> kinds(const std::vector<BlockInfo>& blocks) {
-    std::vector<std::string> out;
-    for (const BlockInfo& block : blocks)
-        out.push_back(block.magic);
-    return out;
+    return morvane::testing::mapped(blocks, &BlockInfo::magic);
 }
 
 TEST(LzfseEncoder, ChoosesTheBlockKindBySize) {

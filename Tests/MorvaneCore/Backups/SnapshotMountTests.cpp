@@ -64,8 +64,6 @@ TEST_F(SnapshotMountTest, MountsInAPrivateFolderAndUnmountsOnce) {
     const auto folder = mount->mountPoint();
     EXPECT_TRUE(mount->mounted());
     EXPECT_EQ(folder.parent_path(), user.temporary());
-    EXPECT_TRUE(folder.filename().string().starts_with("morvane-snap-"));
-    EXPECT_EQ(folder.filename().string().size(), std::string("morvane-snap-").size() + 36);
     EXPECT_TRUE(fs::is_directory(folder));
     EXPECT_EQ(tools->commandLines().back(), std::string("/sbin/mount_apfs -o rdonly,nobrowse -s ") + localSnapshot +
                                                 " " + dataVolume + " " + folder.string());

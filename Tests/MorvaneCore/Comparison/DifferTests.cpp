@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
 #include "Support/UTC.h"
@@ -159,10 +160,7 @@ protected:
 };
 
 std::vector<std::string> titles(const std::vector<BackupEvent>& events) {
-    std::vector<std::string> result;
-    for (const auto& event : events)
-        result.push_back(event.snapshot.title);
-    return result;
+    return testing::mapped(events, [](const BackupEvent& event) { return event.snapshot.title; });
 }
 
 TEST_P(DifferTest, ReportsWhatIsGoneAndWhatChangedEventByEventAndOccurrenceByOccurrence) {
@@ -215,10 +213,9 @@ TEST_P(DifferTest, WithoutTheBackupsOccurrenceCacheOnlyDetachedOccurrencesAreCom
     const auto current = liveSource();
     const auto changes = Differ::changes(backup, std::nullopt, *current);
     EXPECT_FALSE(changes.occurrenceWindow);
-    std::vector<std::string> kinds;
-    for (const auto& change : changes.occurrenceChanges)
-        kinds.emplace_back(change.kindText());
-    EXPECT_EQ(kinds, (std::vector<std::string>{"edited", "deleted", "edit undone"}));
+    EXPECT_EQ(
+        testing::mapped(changes.occurrenceChanges, [](const auto& change) { return std::string(change.kindText()); }),
+        (std::vector<std::string>{"edited", "deleted", "edit undone"}));
 
     EXPECT_EQ(Differ::missing({}, *current), MissingReport{});
     EXPECT_EQ(Differ::changes({}, backupOccurrences, *current), ChangeReport{});

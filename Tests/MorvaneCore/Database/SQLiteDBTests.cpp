@@ -36,13 +36,6 @@ TEST_F(SQLiteDBTest, AMissingFileFailsToOpenAndIsNotCreated) {
     EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 
-TEST_F(SQLiteDBTest, AFileThatIsNoDatabaseFailsAtItsFirstStatement) {
-    const auto path = folder.write("notes.txt", std::string(4096, 'x'));
-    SQLiteDB db(path.string());
-    EXPECT_EQ(failureOf(db, "SELECT 1 FROM Store"),
-              path.string() + " isn't a calendar database: the file holds something else (file is not a database)");
-}
-
 TEST_F(SQLiteDBTest, PrepareFailuresCarryTheSQLAndStepFailuresDoNot) {
     SQLiteDB db(makeDatabase("").string());
     EXPECT_EQ(failureOf(db, "SELECT x FROM\nNowhere"),
@@ -88,12 +81,6 @@ TEST_F(SQLiteDBTest, ACallbackFailureStopsTheStatementAndTheConnectionStaysUsabl
     int total = 0;
     db.query("SELECT sum(v) FROM n", [&total](const SQLiteDB::Row& row) { total = static_cast<int>(*row.integer(0)); });
     EXPECT_EQ(total, 6);
-}
-
-TEST_F(SQLiteDBTest, ColumnsOfATableOrNoneForAMissingOne) {
-    SQLiteDB db(makeDatabase("").string());
-    EXPECT_EQ(db.columns("ExceptionDate"), (std::set<std::string>{"ROWID", "owner_id", "date", "sync_order"}));
-    EXPECT_TRUE(db.columns("NoSuchTable").empty());
 }
 
 } // namespace

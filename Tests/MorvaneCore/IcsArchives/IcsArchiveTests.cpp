@@ -3,6 +3,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "Support/Deadline.h"
 #include "Support/ErrorText.h"
+#include "Support/Mapped.h"
 #include "Support/TemporaryDirectory.h"
 #include "Support/UTC.h"
 
@@ -82,11 +83,13 @@ TEST_F(IcsArchiveTest, FoldersAreCalendarsInNameOrderAndHiddenOnesTakeNoRow) {
     EXPECT_EQ(archive.defaults().count(3), 1u);
 
     // Files in bytewise name order; rows count over the whole archive.
-    std::vector<std::string> rows;
-    for (const auto& each : archive.events())
-        rows.push_back(std::to_string(each.rowID) + " " + each.uniqueIdentifier + " in " + each.snapshot.calendarName);
-    EXPECT_EQ(rows, (std::vector<std::string>{"1 home-a in Home (archive)", "2 work-a in Known (iCloud)",
-                                              "3 work-b in Known (iCloud)"}));
+    EXPECT_EQ(testing::mapped(archive.events(),
+                              [](const auto& each) {
+                                  return std::to_string(each.rowID) + " " + each.uniqueIdentifier + " in " +
+                                         each.snapshot.calendarName;
+                              }),
+              (std::vector<std::string>{"1 home-a in Home (archive)", "2 work-a in Known (iCloud)",
+                                        "3 work-b in Known (iCloud)"}));
     EXPECT_EQ(archive.events()[1].snapshot.calendarUUID, "UUID-work");
 }
 
@@ -252,15 +255,6 @@ TEST_F(IcsArchiveTest, EventsThatCantBeReadWholeAreListedWithTheirReason) {
               }));
 }
 
-TEST_F(IcsArchiveTest, LooksLikeAnArchiveWithAnICSFileOneFolderDown) {
-    EXPECT_FALSE(IcsArchive::looksLikeArchive(folder.path() / "missing"));
-    write("loose.ics", "");
-    write("deep/calendar/event.ics", "");
-    EXPECT_FALSE(IcsArchive::looksLikeArchive(folder.path())) << "neither the root's files nor deeper ones count";
-    write("calendar/EVENT.Ics", "");
-    EXPECT_TRUE(IcsArchive::looksLikeArchive(folder.path()));
-}
-
 // --- Real trees ------------------------------------------------------------------------------
 
 const fs::path realTrees = fs::path(MORVANE_SHARED_TEST_DATA_DIR) / "ics-archive-real";
@@ -324,11 +318,9 @@ TEST_F(RealArchives, EveryTreeOpensAndItsTotalsHold) {
                                          {broken / "python-icalendar--calendars_issue_1549_binary_attachment.ics",
                                           "binary-attachment-event", "it has no start (DTSTART)"}}));
     EXPECT_TRUE(server.skipped().empty() && producers.skipped().empty());
-    std::vector<std::string> titles;
-    for (const auto& calendar : edges.calendars())
-        titles.push_back(calendar.title);
-    EXPECT_EQ(titles, (std::vector<std::string>{"Bröken & odd – Ünïcödé name 🗓", "Empty calendar",
-                                                "padded name with trailing newline", "no-displayname"}));
+    EXPECT_EQ(testing::mapped(edges.calendars(), &BackupCalendar::title),
+              (std::vector<std::string>{"Bröken & odd – Ünïcödé name 🗓", "Empty calendar",
+                                        "padded name with trailing newline", "no-displayname"}));
 }
 
 TEST_F(RealArchives, GoldenEvents) {

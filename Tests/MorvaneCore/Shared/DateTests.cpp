@@ -53,14 +53,6 @@ TEST(Stamp, IsLocalWallClockTimeInTheCurrentZone) {
     EXPECT_EQ(dates::stamp(Date{date.seconds + 0.9}), "2024-03-01-101500");
 }
 
-TEST(Stamp, TwoMomentsAnHourApartShareAStampWhenClocksGoBack) {
-    // 2024-11-03 01:30 happens twice in Los Angeles.
-    const auto first = Date::fromSecondsSince1970(1730622600);
-    const auto second = Date::fromSecondsSince1970(1730626200);
-    EXPECT_EQ(dates::stamp(first), "2024-11-03-013000");
-    EXPECT_EQ(dates::stamp(second), "2024-11-03-013000");
-}
-
 TEST(Stamp, ParsingIsStrict) {
     for (const char* text : {"", "Snapshot dates for disk /:", "2024-03-01-1015", "2024-03-01-101500.local",
                              " 2024-03-01-101500", "2024-03-01-101500 ", "2024-13-01-101500", "2024-02-30-101500",

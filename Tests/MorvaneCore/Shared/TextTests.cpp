@@ -33,12 +33,6 @@ TEST(Text, SplitsAtLineFeedsDroppingEmptyLines) {
     EXPECT_TRUE(text::nonEmptyLines("\n\n").empty());
 }
 
-TEST(Text, ReplacesEveryOccurrence) {
-    EXPECT_EQ(text::replacingAll("2024-03-01-101500.backup.backup", ".backup", ""), "2024-03-01-101500");
-    EXPECT_EQ(text::replacingAll("aaa", "aa", "b"), "ba");
-    EXPECT_EQ(text::replacingAll("abc", "", "x"), "abc");
-}
-
 TEST(Text, ReadsPlainDecimalsAndNothingAroundThem) {
     EXPECT_EQ(text::integer("42"), 42);
     EXPECT_EQ(text::integer("+7"), 7);

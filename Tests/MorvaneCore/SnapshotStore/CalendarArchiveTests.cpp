@@ -9,9 +9,9 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace morvane {
 namespace {
@@ -57,7 +57,6 @@ protected:
 
 TEST_F(CalendarArchiveTest, AnEmptyStoreListsNothingAndTheFirstImportCreatesIt) {
     EXPECT_TRUE(archive.entries().empty());
-    EXPECT_EQ(archive.totalBytes(), 0);
     EXPECT_FALSE(fs::exists(archive.directory()));
 
     const auto date = Date{at("2024-03-01-101500").seconds + 0.75};
@@ -69,22 +68,13 @@ TEST_F(CalendarArchiveTest, AnEmptyStoreListsNothingAndTheFirstImportCreatesIt) 
               static_cast<std::int64_t>(fs::file_size(archive.directory() / "2024-03-01-101500.calsnap")));
     EXPECT_EQ(archive.totalBytes(), result.entry.bytes);
 
-    const auto index = nlohmann::json::parse(files::read(archive.directory() / "index.json"));
-    ASSERT_EQ(index.size(), 1u);
-    EXPECT_FALSE(index[0].contains("format"));
-    EXPECT_EQ(index[0]["date"], "2024-03-01T18:15:00Z");
     // Read back, the date is cut to the second.
     EXPECT_EQ(archive.entries().at(0).date, at("2024-03-01-101500"));
 }
 
-TEST_F(CalendarArchiveTest, AStoredRestorePointStagesAsTheDatabaseItWas) {
-    const auto source = database("a", 2);
-    const auto result = import(archive, source, at("2024-03-01-101500"));
-    const auto staged = archive.stage(result.entry);
-    EXPECT_EQ(staged.file().filename(), "Calendar.sqlitedb");
-    CalendarDatabase copy(staged.file());
-    EXPECT_EQ(copy.contentFingerprint(), result.entry.fingerprint);
-
+// That a stored restore point stages as the database it was, the imports' tests check.
+TEST_F(CalendarArchiveTest, AStoredRestorePointThatCantBeReadIsRefused) {
+    const auto result = import(archive, database("a", 2), at("2024-03-01-101500"));
     files::write(archive.fileURL(result.entry), "not a stream");
     EXPECT_THROW(archive.stage(result.entry), Error);
     const auto missing = archive.directory() / "missing.calsnap";
@@ -108,12 +98,9 @@ TEST_F(CalendarArchiveTest, ImportingAListedStampOrUnchangedContentStoresNothing
     EXPECT_EQ(import(archive, changed, at("2024-03-03-101500")).which, Case::saved);
     EXPECT_EQ(import(archive, first, at("2024-03-04-101500")).which, Case::saved);
 
-    const auto listed = archive.entries();
-    std::vector<std::string> stamps;
-    for (const auto& entry : listed)
-        stamps.push_back(entry.stamp);
-    EXPECT_EQ(stamps, (std::vector<std::string>{"2024-03-04-101500", "2024-03-03-101500", "2024-03-01-101500",
-                                                "2024-02-01-101500"}));
+    EXPECT_EQ(
+        testing::mapped(archive.entries(), &Entry::stamp),
+        (std::vector<std::string>{"2024-03-04-101500", "2024-03-03-101500", "2024-03-01-101500", "2024-02-01-101500"}));
 }
 
 TEST_F(CalendarArchiveTest, OfEqualDatesTheFirstListedIsTheNeighbour) {

@@ -7,8 +7,8 @@
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
-#include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
 #include "Support/UTC.h"
@@ -118,8 +118,6 @@ TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrence
     store->saveEvent(*moving, EKSpan::thisEvent, true);
 
     const auto snapshot = EventKitSnapshot::capture(*store, now);
-    EXPECT_EQ(snapshot.version, 1);
-    EXPECT_EQ(snapshot.taken, now);
     // The start of the day in Los Angeles, 30 years back and 3 ahead.
     EXPECT_EQ(snapshot.windowStart, Date{utc(1994, 6, 1, 7)});
     EXPECT_EQ(snapshot.windowEnd, Date{utc(2027, 6, 1, 7)});
@@ -233,12 +231,11 @@ TEST_F(EventKitSnapshotTest, CalendarsAreNumberedByIdentifierWithTheirStoreTypes
     // Subscribed and birthday events stay in the document but never reach a comparison.
     EventKitStore backup(snapshot);
     EXPECT_EQ(backup.allEvents().size(), 6u);
-    std::vector<std::string> restorable;
-    for (const auto& event : backup.loadEvents())
-        restorable.push_back(event.uniqueIdentifier + " " + event.snapshot.calendarName);
-    EXPECT_EQ(restorable,
-              (std::vector<std::string>{"ITEM-C-WORK Title C-WORK (Work)", "ITEM-D-FAMILY Title D-FAMILY (iCloud)",
-                                        "ITEM-E-HOME Title E-HOME (On My Mac)", "ITEM-F-ORPHAN Title F-ORPHAN (?)"}));
+    EXPECT_EQ(
+        testing::mapped(backup.loadEvents(),
+                        [](const auto& event) { return event.uniqueIdentifier + " " + event.snapshot.calendarName; }),
+        (std::vector<std::string>{"ITEM-C-WORK Title C-WORK (Work)", "ITEM-D-FAMILY Title D-FAMILY (iCloud)",
+                                  "ITEM-E-HOME Title E-HOME (On My Mac)", "ITEM-F-ORPHAN Title F-ORPHAN (?)"}));
     EXPECT_EQ(EventKitSnapshot::storeType(static_cast<EKCalendarType>(7)), 4);
 }
 
@@ -300,6 +297,11 @@ TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDeco
     EXPECT_EQ(error->codingPath(), "events[1]");
 
     EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
+    auto noStore = document().json();
+    noStore["calendars"][0].erase("storeName");
+    EXPECT_THROW(EventKitSnapshot::decode(encode(noStore)), json::DecodingError);
+    const auto gone = user.home() / "gone.calevents";
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
 }
 
 // ---- Fingerprint ----
@@ -332,9 +334,6 @@ TEST_F(EventKitSnapshotTest, FingerprintHashesEventsOccurrencesAndCalendarsWithS
     EXPECT_EQ(later.fingerprint(), base.fingerprint());
     EXPECT_EQ(EventKitSnapshot::decode(base.encoded()).fingerprint(), base.fingerprint());
 
-    auto fewer = base;
-    fewer.occurrences["SERIES"].pop_back();
-    EXPECT_NE(fewer.fingerprint(), base.fingerprint());
     auto recoloured = base;
     recoloured.calendars[0].colorHex = "#FF8001";
     EXPECT_NE(recoloured.fingerprint(), base.fingerprint());
@@ -351,10 +350,7 @@ TEST_F(EventKitSnapshotTest, StoreDropsUnlistedCalendarsAndKeepsOccurrencesPerSe
     snapshot.events.push_back(stray);
     EventKitStore store(snapshot);
 
-    std::vector<std::int64_t> rows;
-    for (const auto& event : store.loadEvents())
-        rows.push_back(event.rowID);
-    EXPECT_EQ(rows, (std::vector<std::int64_t>{1, 2, 3}));
+    EXPECT_EQ(testing::mapped(store.loadEvents(), &BackupEvent::rowID), (std::vector<std::int64_t>{1, 2, 3}));
     EXPECT_EQ(store.allEvents().size(), 3u);
     EXPECT_FALSE(store.allEvents()[2].hasAttachment);
     EXPECT_EQ(store.allEvents()[2].externalIdentifier(), "SERIES");
@@ -367,21 +363,6 @@ TEST_F(EventKitSnapshotTest, StoreDropsUnlistedCalendarsAndKeepsOccurrencesPerSe
     EXPECT_EQ(store.keptOccurrences(1), (KeptOccurrences{window, {}}));
     EXPECT_EQ(store.keptOccurrences(4), std::nullopt);
     EXPECT_EQ(store.keptOccurrences(99), std::nullopt);
-}
-
-TEST_F(EventKitSnapshotTest, StoreOpensAWrittenFileAndNamesAFileItCantRead) {
-    EKEventStore live;
-    saveEvent(live, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
-    const auto file = user.home() / "Snapshots" / "2024-06-01-050000.calevents";
-    testing::writeEventStoreSnapshot(live, file, now);
-
-    const EventKitStore opened(file);
-    EXPECT_EQ(opened.snapshot(), EventKitSnapshot::capture(live, now));
-    ASSERT_EQ(opened.allEvents().size(), 1u);
-    EXPECT_EQ(opened.allEvents()[0].title(), "Dentist");
-
-    const auto gone = user.home() / "gone.calevents";
-    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitStore{gone}; }), "Couldn't read " + gone.string() + ".");
 }
 
 } // namespace

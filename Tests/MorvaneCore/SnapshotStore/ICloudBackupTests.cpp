@@ -5,6 +5,7 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserDefaults.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -27,12 +28,7 @@ std::vector<std::string> namesIn(const fs::path& folder) {
     return names;
 }
 
-std::vector<std::string> stampsOf(const std::vector<Entry>& entries) {
-    std::vector<std::string> stamps;
-    for (const auto& entry : entries)
-        stamps.push_back(entry.stamp);
-    return stamps;
-}
+std::vector<std::string> stampsOf(const std::vector<Entry>& entries) { return testing::mapped(entries, &Entry::stamp); }
 
 // Two computers of one user, each with a store of its own, sharing one folder.
 class ICloudBackupTest : public ::testing::Test {
@@ -70,7 +66,6 @@ TEST_F(ICloudBackupTest, EachComputerWritesOnlyItsOwnFolderAndReadsEveryOnes) {
         EXPECT_EQ(namesIn(laptopFolder),
                   (std::vector<std::string>{"2025-08-10-090000.calsnap", "2025-08-12-090000.calevents", "index.json",
                                             "mac.json"}));
-        EXPECT_EQ(files::read(laptopFolder / "2025-08-10-090000.calsnap"), "bytes of 2025-08-10-090000");
         EXPECT_EQ(nlohmann::json::parse(files::read(laptopFolder / "mac.json")),
                   (nlohmann::json{{"id", "LAPTOP-ID"}, {"name", "Jane's Laptop-2- Work"}}));
         // Copied files are recognised by name alone.
@@ -90,7 +85,6 @@ TEST_F(ICloudBackupTest, EachComputerWritesOnlyItsOwnFolderAndReadsEveryOnes) {
         EXPECT_EQ(seen[2].entry.stamp, "2025-08-10-090000");
         EXPECT_EQ(std::vector<bool>({seen[0].isThisMac, seen[1].isThisMac, seen[2].isThisMac}),
                   std::vector<bool>({false, true, false}));
-        EXPECT_EQ(copies.ownUsage().count, 1);
         EXPECT_EQ(copies.ownUsage().bytes, 100);
     }
     {

@@ -7,6 +7,7 @@
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 #include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
@@ -65,10 +66,7 @@ TEST(RetentionTest, KeepsEveryPointThenTheNewestOfEachWeekThenOfEachMonth) {
             if (point.kept) expected.push_back(entries.back().stamp);
         }
         std::sort(expected.rbegin(), expected.rend()); // stamps sort as their dates
-        std::vector<std::string> kept;
-        for (const auto& entry : CalendarArchive::retained(entries, test.now))
-            kept.push_back(entry.stamp);
-        EXPECT_EQ(kept, expected) << test.name;
+        EXPECT_EQ(testing::mapped(CalendarArchive::retained(entries, test.now), &Entry::stamp), expected) << test.name;
     }
 }
 

@@ -10,6 +10,7 @@
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/Mapped.h"
 
 #include <chrono>
 #include <functional>
@@ -51,10 +52,7 @@ protected:
     }
 
     std::vector<std::string> pendingPaths() {
-        std::vector<std::string> paths;
-        for (const auto& source : TimeMachineImports::pending(*archive).sources)
-            paths.push_back(source.id());
-        return paths;
+        return testing::mapped(TimeMachineImports::pending(*archive).sources, &BackupSource::id);
     }
 
     BackupSource source(const std::string& path, const std::string& stamp) {
@@ -87,14 +85,6 @@ protected:
     testing::Installed<testing::RecordingToolLauncher> tools;
     std::shared_ptr<CalendarArchive> archive = TimeMachineImports::forAppStoreEdition();
 };
-
-TEST_F(TimeMachineImportsTest, BothSidesOfTheSandboxNameOneFolder) {
-    EXPECT_EQ(TimeMachineImports::appStoreContainer(), user.home() / "Library/Containers/com.quillfen.morvane");
-    EXPECT_EQ(archive->directory(), user.home() / "Library/Containers/com.quillfen.morvane/Data/Library/"
-                                                  "Application Support/Morvane/Time Machine");
-    EXPECT_EQ(TimeMachineImports::forThisApp()->directory(), archive->directory());
-    EXPECT_FALSE(fs::exists(archive->directory()));
-}
 
 TEST_F(TimeMachineImportsTest, OnlyTheLatestBackupOfEachLocalDayIsPending) {
     listBackups({"2024-03-01-090000", "2024-03-01-170000", "2024-03-01-130000", "2024-03-01-235959",
@@ -205,18 +195,6 @@ TEST_F(TimeMachineImportsTest, AFailedWriteLeavesTheStoreAsBeforeOrWithTheWholeN
     }
 }
 
-TEST_F(TimeMachineImportsTest, SnapshotBasedBackupsAreMountedReadAndUnmounted) {
-    const auto path = snapshotBackup(3);
-    const auto result = TimeMachineImports::importBackup(source(path, "2024-03-01-101500"), *archive);
-    EXPECT_EQ(result.which, Case::saved);
-    EXPECT_EQ(result.entry.eventCount, 3);
-    EXPECT_EQ(tools->count("/sbin/mount_apfs -o rdonly,nobrowse -s com.apple.TimeMachine.2024-03-01-101500.backup " +
-                           (user.root().path() / "Backup Disk").string() + " "),
-              1u);
-    EXPECT_EQ(tools->count("/sbin/umount "), 1u);
-    EXPECT_TRUE(fs::is_empty(user.temporary()));
-}
-
 TEST_F(TimeMachineImportsTest, OfTwoOpeningsOfAnUncachedBackupOneReadsTheDiskAndTheOtherTheCache) {
     const auto backup = source(snapshotBackup(2), "2024-03-01-101500");
     std::thread second;
@@ -227,11 +205,16 @@ TEST_F(TimeMachineImportsTest, OfTwoOpeningsOfAnUncachedBackupOneReadsTheDiskAnd
         // Time to reach the wait; a slower second opening finds the cache filled all the same.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     };
-    const auto first = BackupCatalog::open(backup);
+    auto first = BackupCatalog::open(backup);
     second.join();
     EXPECT_FALSE(first.location.ends_with(" (cached)")) << first.location;
     EXPECT_TRUE(secondLocation.ends_with(" (cached)")) << secondLocation;
     EXPECT_EQ(tools->count("/sbin/mount_apfs "), 1u);
+    first.close();
+    EXPECT_EQ(tools->count("/sbin/umount "), 1u);
+    EXPECT_TRUE(fs::is_empty(user.temporary()));
+    // Both editions share one store.
+    EXPECT_EQ(TimeMachineImports::forThisApp()->directory(), archive->directory());
 }
 
 } // namespace
