@@ -8,6 +8,7 @@
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
 #include "morvane/ScheduleCommand.h"
+#include "morvane/SearchCommand.h"
 #include "morvane/SnapshotCommand.h"
 #include "morvane/TimeMachineCommand.h"
 
@@ -115,6 +116,15 @@ std::vector<Command> commands() {
                  options->action = Action::status;
              });
              return [options](std::ostream& out, std::ostream&) { return runSchedule(*options, out); };
+         }},
+        {"search", "Find events by a word of their title or place in every backup",
+         [](CLI::App& command) {
+             auto options = std::make_shared<SearchOptions>();
+             command.add_option("WORDS", options->words, "What the title or place holds; case is ignored")->required();
+             command.add_flag("--no-time-machine", options->noTimeMachine,
+                              "Leave out Time Machine's backups and snapshots (no tool runs)");
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runSearch(*options, out, err); };
          }},
         {"snapshot", "Take a restore point of the calendars now, then copy it if copies are on",
          [](CLI::App& command) {
