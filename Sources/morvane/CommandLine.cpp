@@ -10,7 +10,9 @@
 #include "morvane/ScheduleCommand.h"
 #include "morvane/SearchCommand.h"
 #include "morvane/SnapshotCommand.h"
+#include "morvane/StorageCommand.h"
 #include "morvane/TimeMachineCommand.h"
+#include "morvane/UninstallCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -133,6 +135,12 @@ std::vector<Command> commands() {
              command.add_flag("--quiet", options->quiet, "Print nothing when the calendars are unchanged");
              return [options](std::ostream& out, std::ostream& err) { return runSnapshot(*options, out, err); };
          }},
+        {"storage", "Show what restore points, imports, the cache and copies take on the disk",
+         [](CLI::App& command) {
+             auto options = std::make_shared<StorageOptions>();
+             command.add_flag("--json", options->json, "Print as JSON, sizes in bytes");
+             return [options](std::ostream& out, std::ostream&) { return runStorage(*options, out); };
+         }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {
              auto options = std::make_shared<TimeMachineOptions>();
@@ -144,6 +152,15 @@ std::vector<Command> commands() {
                  options->action = TimeMachineOptions::Action::import;
              });
              return [options](std::ostream& out, std::ostream& err) { return runTimeMachine(*options, out, err); };
+         }},
+        {"uninstall", "Remove what Morvane keeps on the disk; the calendars stay",
+         [](CLI::App& command) {
+             auto options = std::make_shared<UninstallOptions>();
+             command.add_flag("--restore-points", options->restorePoints,
+                              "Remove the restore points and Time Machine imports too");
+             command.add_flag("--copies", options->copies, "Remove this computer's copies in the shared folder too");
+             command.add_flag("--yes", options->yes, "Don't ask");
+             return [options](std::ostream& out, std::ostream& err) { return runUninstall(*options, out, err); };
          }},
     };
 }
