@@ -41,6 +41,9 @@ std::vector<Command> commands() {
              command.add_flag("--json", options->json, "Print the list as JSON");
              command.add_flag("--no-time-machine", options->noTimeMachine,
                               "Leave out Time Machine's backups and snapshots (no tool runs)");
+             command.add_flag("--summaries", options->summaries,
+                              "Show how many events were deleted and changed since each backup, where no mount is "
+                              "needed");
              return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
          }},
         {"calendars", "List the calendars of the live event store",
