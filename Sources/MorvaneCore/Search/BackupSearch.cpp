@@ -126,14 +126,8 @@ void BackupSearch::search(std::string_view query, const std::vector<BackupSource
     const auto trimmed = text::trimming(query, spacesAndTabs);
     const auto foldedQuery = folded(trimmed, localeFoldsASCIIPlainly());
 
-    struct Found {
-        const Entry* entry;
-        const BackupSource* source;
-        std::int64_t count;
-        bool existsNow;
-    };
-    std::unordered_map<std::string, Found> found;
-    std::vector<std::string> order;
+    // Where each series stands in the results, which grow in place: a repeat sighting only counts.
+    std::unordered_map<std::string, std::size_t> position;
     Update update;
     update.total = static_cast<std::int64_t>(in.size());
 
@@ -148,20 +142,13 @@ void BackupSearch::search(std::string_view query, const std::vector<BackupSource
                 if (!holds(index->foldedTitles[i], foldedQuery) && !(location && holds(*location, foldedQuery)))
                     continue;
                 const auto& entry = index->entries[i];
-                if (auto known = found.find(entry.uid); known != found.end()) {
-                    ++known->second.count;
+                const auto [known, isNew] = position.try_emplace(entry.uid, update.results.size());
+                if (!isNew) {
+                    ++update.results[known->second].backupCount;
                     continue;
                 }
-                found.emplace(entry.uid, Found{&entry, &source, 1, existsNow(entry.uid)});
-                order.push_back(entry.uid);
+                update.results.push_back({entry, source, 1, existsNow(entry.uid)});
             }
-        }
-
-        // The entries pointed to stay put: an index, once stored, is never changed during a search.
-        update.results.clear();
-        for (const auto& uid : order) {
-            const auto& sighting = found.at(uid);
-            update.results.push_back({*sighting.entry, *sighting.source, sighting.count, sighting.existsNow});
         }
         if (!onUpdate(update)) return;
     }
