@@ -5,7 +5,6 @@
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
 #include "MorvaneCore/SnapshotStore/ICloudBackup.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
-#include "MorvanePlatform/Error.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserDefaults.h"
 #include "Support/Fakes.h"
@@ -16,30 +15,6 @@ namespace morvane {
 namespace {
 
 namespace fs = std::filesystem;
-
-// The real file system, except that removing one folder fails as a read-only parent would make it.
-class ReadOnlyFolder final : public FileSystem {
-public:
-    explicit ReadOnlyFolder(fs::path folder) : folder_(std::move(folder)) {}
-
-    void write(const fs::path& path, std::string_view bytes) override { FileSystem::system().write(path, bytes); }
-    void writeAtomically(const fs::path& path, std::string_view bytes) override {
-        FileSystem::system().writeAtomically(path, bytes);
-    }
-    void createDirectories(const fs::path& path) override { FileSystem::system().createDirectories(path); }
-    void setPermissions(const fs::path& path, unsigned mode) override {
-        FileSystem::system().setPermissions(path, mode);
-    }
-    void copyFile(const fs::path& from, const fs::path& to) override { FileSystem::system().copyFile(from, to); }
-    void moveItem(const fs::path& from, const fs::path& to) override { FileSystem::system().moveItem(from, to); }
-    void removeItem(const fs::path& path) override {
-        if (path == folder_) throw PlatformError::fromErrno(EACCES, "Couldn't remove", path.string());
-        FileSystem::system().removeItem(path);
-    }
-
-private:
-    fs::path folder_;
-};
 
 class UninstallerTest : public ::testing::Test {
 protected:
@@ -121,11 +96,12 @@ TEST_F(UninstallerTest, NamesEachFolderThatCouldNotBeRemovedAndGoesOn) {
     store(*CalendarArchive::shared(), "2024-06-01-120000", 100);
     store(*TimeMachineImports::forThisApp(), "2024-05-01-120000", 100);
     UserDefaults::current().setBool(std::string(ICloudBackup::enabledKey), true);
-    testing::Installed<ReadOnlyFolder> disk(snapshots);
+    // The first change to the disk is the removal of the restore points' folder.
+    testing::Installed<testing::FailingFileSystem> disk(1);
 
     const auto failures = Uninstaller::removeData(true, false);
     ASSERT_EQ(failures.size(), 1u);
-    EXPECT_EQ(failures[0], "Snapshots: Couldn't remove " + snapshots.string() + ": Permission denied");
+    EXPECT_EQ(failures[0], "Snapshots: Couldn't write " + snapshots.string() + ": No space left on device");
     EXPECT_TRUE(fs::exists(snapshots));
     EXPECT_FALSE(fs::exists(imports));
     EXPECT_TRUE(fs::exists(snapshots.parent_path()));
