@@ -3,7 +3,9 @@
 # generated calendar of 2,000 events laid out as in a home folder, read the way a backup is read
 # (found, staged, verified, fingerprinted), then as the live calendars of a user whose home it is,
 # beside the listing of this machine's Time Machine backups and a small folder of .ics files; then
-# a later state of the same calendars, compared with a restore point of the earlier one.
+# a later state of the same calendars, compared with a restore point of the earlier one; a search
+# across the restore points for a deleted event, what each restore point lost since, and the
+# removal of everything Morvane keeps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -65,3 +67,24 @@ run compare "$restorePoint"
 run compare "$restorePoint" --json > build/sample/compare.json
 head -n 30 build/sample/compare.json
 echo "... (the whole comparison is in build/sample/compare.json)"
+
+# The earlier state also as a restore point in the store, where search and the list of backups
+# find it: taken while it stands in for the live calendars for a moment.
+cp "$database" build/sample/later.sqlitedb
+cp "$earlier" "$database"
+run snapshot
+cp build/sample/later.sqlitedb "$database"
+
+# A user who remembers a word of a deleted event finds it in the restore points, gone from the
+# calendars; the list shows what each restore point has lost since. Then everything Morvane
+# keeps is measured and removed: the live calendars stay, and the settings file, which now records
+# that copying is off.
+deleted=$(python3 -c 'import json, sys; text = open(sys.argv[1]).read(); print(json.loads(text[text.index("{"):])["missing"][0]["title"])' \
+    build/sample/compare.json)
+run search "$deleted" --no-time-machine
+run backups --summaries --no-time-machine
+run storage
+run uninstall --restore-points --yes
+echo
+echo "What is left in the sample's home folder:"
+(cd "$sample" && find . -type f | sort)

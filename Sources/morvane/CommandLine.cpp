@@ -9,8 +9,11 @@
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
 #include "morvane/ScheduleCommand.h"
+#include "morvane/SearchCommand.h"
 #include "morvane/SnapshotCommand.h"
+#include "morvane/StorageCommand.h"
 #include "morvane/TimeMachineCommand.h"
+#include "morvane/UninstallCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -41,6 +44,9 @@ std::vector<Command> commands() {
              command.add_flag("--json", options->json, "Print the list as JSON");
              command.add_flag("--no-time-machine", options->noTimeMachine,
                               "Leave out Time Machine's backups and snapshots (no tool runs)");
+             command.add_flag("--summaries", options->summaries,
+                              "Show how many events were deleted and changed since each backup, where no mount is "
+                              "needed");
              return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
          }},
         {"calendars", "List the calendars of the live event store",
@@ -127,12 +133,27 @@ std::vector<Command> commands() {
              });
              return [options](std::ostream& out, std::ostream&) { return runSchedule(*options, out); };
          }},
+        {"search", "Find events by a word of their title or place in every backup",
+         [](CLI::App& command) {
+             auto options = std::make_shared<SearchOptions>();
+             command.add_option("WORDS", options->words, "What the title or place holds; case is ignored")->required();
+             command.add_flag("--no-time-machine", options->noTimeMachine,
+                              "Leave out Time Machine's backups and snapshots (no tool runs)");
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runSearch(*options, out, err); };
+         }},
         {"snapshot", "Take a restore point of the calendars now, then copy it if copies are on",
          [](CLI::App& command) {
              auto options = std::make_shared<SnapshotOptions>();
              command.add_flag("--json", options->json, "Print the result as JSON");
              command.add_flag("--quiet", options->quiet, "Print nothing when the calendars are unchanged");
              return [options](std::ostream& out, std::ostream& err) { return runSnapshot(*options, out, err); };
+         }},
+        {"storage", "Show what restore points, imports, the cache and copies take on the disk",
+         [](CLI::App& command) {
+             auto options = std::make_shared<StorageOptions>();
+             command.add_flag("--json", options->json, "Print as JSON, sizes in bytes");
+             return [options](std::ostream& out, std::ostream&) { return runStorage(*options, out); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {
@@ -145,6 +166,15 @@ std::vector<Command> commands() {
                  options->action = TimeMachineOptions::Action::import;
              });
              return [options](std::ostream& out, std::ostream& err) { return runTimeMachine(*options, out, err); };
+         }},
+        {"uninstall", "Remove what Morvane keeps on the disk; the calendars stay",
+         [](CLI::App& command) {
+             auto options = std::make_shared<UninstallOptions>();
+             command.add_flag("--restore-points", options->restorePoints,
+                              "Remove the restore points and Time Machine imports too");
+             command.add_flag("--copies", options->copies, "Remove this computer's copies in the shared folder too");
+             command.add_flag("--yes", options->yes, "Don't ask");
+             return [options](std::ostream& out, std::ostream& err) { return runUninstall(*options, out, err); };
          }},
     };
 }
