@@ -3,7 +3,8 @@
 # generated calendar of 2,000 events laid out as in a home folder, read the way a backup is read
 # (found, staged, verified, fingerprinted), then as the live calendars of a user whose home it is,
 # beside the listing of this machine's Time Machine backups and a small folder of .ics files; then
-# a later state of the same calendars, compared with a restore point of the earlier one.
+# a later state of the same calendars, compared with a restore point of the earlier one, and the
+# events deleted since brought back from it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -65,3 +66,16 @@ run compare "$restorePoint"
 run compare "$restorePoint" --json > build/sample/compare.json
 head -n 30 build/sample/compare.json
 echo "... (the whole comparison is in build/sample/compare.json)"
+
+# Bringing the deleted events back: `plan` shows what a restore would do, `restore` does it
+# (--yes, since nobody is there to answer its question): a repeating event is re-created with its
+# deleted and edited occurrences. `compare` then no longer lists them as missing; they count as
+# restored before, under their new UIDs.
+missing=$("$bin/morvane" compare "$restorePoint" | sed -n '/^Missing$/,/^$/p' | sed -n 's/^  \[\([0-9]*\)\].*/\1/p')
+# shellcheck disable=SC2086
+run plan "$restorePoint" $missing
+# shellcheck disable=SC2086
+run restore "$restorePoint" $missing --yes
+run compare "$restorePoint" > build/sample/compare-after.txt
+head -n 12 build/sample/compare-after.txt
+echo "... (the whole comparison is in build/sample/compare-after.txt)"
