@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sqlite3.h>
 
 namespace morvane {
 namespace {
@@ -164,6 +165,26 @@ TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndAnUnknownOneListsTheWrita
                                  {"succeeded", true},
                                  {"message", nullptr},
                                  {"differences", json::array()}}));
+}
+
+TEST_F(RestoreCommandTest, ACalendarLockedByAnotherWriterFailsTheEventClearlyAndTheBackupStaysAsItWas) {
+    const auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    const auto backup = restorePoint();
+    store.removeEvent(*dentist, EKSpan::thisEvent, true);
+    const auto backupBytes = files::read(backup.substr(backup.find(':') + 1));
+
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(sqlite3_open(BackupLocator::liveDBPath().c_str(), &writer), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    const auto locked = runCommandLine({"restore", backup.c_str(), "1", "--yes"});
+    sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(writer);
+
+    EXPECT_EQ(locked.status, 1);
+    EXPECT_NE(locked.out.find("[1] Dentist: Failed: "), std::string::npos) << locked.out;
+    EXPECT_NE(locked.out.find("locked"), std::string::npos) << locked.out;
+    EXPECT_EQ(files::read(backup.substr(backup.find(':') + 1)), backupBytes);
+    EXPECT_EQ(runCommandLine({"restore", backup.c_str(), "1", "--yes"}).status, 0);
 }
 
 } // namespace
