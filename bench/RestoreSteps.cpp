@@ -19,6 +19,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -30,15 +31,38 @@ namespace {
 namespace fs = std::filesystem;
 using namespace morvane;
 
-double seconds(const std::function<void()>& step) {
-    const auto start = std::chrono::steady_clock::now();
-    step();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+// Wall time and the process's CPU time of a step: on a shared machine the CPU time is the figure
+// to compare, the wall time what a user waits.
+struct Taken {
+    double wall = 0;
+    double cpu = 0;
+
+    Taken& operator+=(const Taken& other) {
+        wall += other.wall;
+        cpu += other.cpu;
+        return *this;
+    }
+    Taken operator-(const Taken& other) const { return {wall - other.wall, cpu - other.cpu}; }
+    Taken operator+(const Taken& other) const { return {wall + other.wall, cpu + other.cpu}; }
+};
+
+double cpuNow() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-void line(const std::string& name, double taken, const std::string& note = {}) {
+Taken seconds(const std::function<void()>& step) {
+    const auto start = std::chrono::steady_clock::now();
+    const double cpu = cpuNow();
+    step();
+    return {std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), cpuNow() - cpu};
+}
+
+void line(const std::string& name, Taken taken, const std::string& note = {}) {
     std::cout << std::left << std::setw(28) << name << std::right << std::fixed << std::setprecision(2) << std::setw(9)
-              << taken << " s" << (note.empty() ? "" : "  " + note) << '\n';
+              << taken.wall << " s wall" << std::setw(9) << taken.cpu << " s CPU" << (note.empty() ? "" : "  " + note)
+              << '\n';
 }
 
 void copyDatabase(const fs::path& from, const fs::path& to) {
@@ -129,8 +153,8 @@ int main(int argc, char** argv) {
 
         RestoreEngine engine;
         std::vector<RestorePlan> plans;
-        const double load = seconds([&] { engine.load(BackupCatalog::resolve(backup.string())); });
-        const double planning = seconds([&] { plans = engine.buildPlans(ids, std::nullopt); });
+        const Taken load = seconds([&] { engine.load(BackupCatalog::resolve(backup.string())); });
+        const Taken planning = seconds([&] { plans = engine.buildPlans(ids, std::nullopt); });
 
         auto& store = *engine.eventKit().store();
         Restorer restorer(store);
@@ -139,8 +163,8 @@ int main(int argc, char** argv) {
         std::int64_t withProblems = 0;
         std::int64_t series = 0;
         std::int64_t lines = 0;
-        double restoring = 0;
-        double verifying = 0;
+        Taken restoring;
+        Taken verifying;
         for (const auto& plan : plans) {
             if (!plan.problems.empty()) {
                 ++withProblems;
