@@ -123,7 +123,8 @@ std::vector<std::int64_t> pickAndRemove(const fs::path& backup, const fs::path& 
 int main(int argc, char** argv) {
     const std::int64_t events = argc > 1 ? std::atoll(argv[1]) : 100000;
     const std::int64_t picked = argc > 2 ? std::atoll(argv[2]) : 1000;
-    const auto folder = fs::temp_directory_path() / ("morvane-restore-steps-" + std::to_string(events));
+    const auto folder =
+        fs::temp_directory_path() / ("morvane-restore-steps-" + std::to_string(events) + "-" + std::to_string(picked));
     const auto home = folder / "home";
     setenv("HOME", home.c_str(), 1);
     const auto backup = folder / "backup.sqlitedb";

@@ -11,7 +11,7 @@ bin=build/bench/bin
 events=${1:-100000}
 picked=${2:-1000}
 export TZ=America/Los_Angeles
-folder=${TMPDIR:-/tmp}/morvane-restore-steps-$events
+folder=${TMPDIR:-/tmp}/morvane-restore-steps-$events-$picked
 
 "$bin/restore-steps" "$events" "$picked"
 export HOME=$folder/home
