@@ -4,8 +4,8 @@
 # (found, staged, verified, fingerprinted), then as the live calendars of a user whose home it is,
 # beside the listing of this machine's Time Machine backups and a small folder of .ics files; then
 # a later state of the same calendars, compared with a restore point of the earlier one; a search
-# across the restore points for a deleted event, what each restore point lost since, and the
-# removal of everything Morvane keeps.
+# across the restore points for a deleted event and what each restore point lost since; the events
+# deleted since brought back from the restore point; and the removal of everything Morvane keeps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -76,13 +76,27 @@ run snapshot
 cp build/sample/later.sqlitedb "$database"
 
 # A user who remembers a word of a deleted event finds it in the restore points, gone from the
-# calendars; the list shows what each restore point has lost since. Then everything Morvane
-# keeps is measured and removed: the live calendars stay, and the settings file, which now records
-# that copying is off.
+# calendars; the list shows what each restore point has lost since.
 deleted=$(python3 -c 'import json, sys; text = open(sys.argv[1]).read(); print(json.loads(text[text.index("{"):])["missing"][0]["title"])' \
     build/sample/compare.json)
 run search "$deleted" --no-time-machine
 run backups --summaries --no-time-machine
+
+# Bringing the deleted events back: `plan` shows what a restore would do, `restore` does it
+# (--yes, since nobody is there to answer its question): a repeating event is re-created with its
+# deleted and edited occurrences. `compare` then no longer lists them as missing; they count as
+# restored before, under their new UIDs.
+missing=$("$bin/morvane" compare "$restorePoint" | sed -n '/^Missing$/,/^$/p' | sed -n 's/^  \[\([0-9]*\)\].*/\1/p')
+# shellcheck disable=SC2086
+run plan "$restorePoint" $missing
+# shellcheck disable=SC2086
+run restore "$restorePoint" $missing --yes
+run compare "$restorePoint" > build/sample/compare-after.txt
+head -n 12 build/sample/compare-after.txt
+echo "... (the whole comparison is in build/sample/compare-after.txt)"
+
+# Everything Morvane keeps is measured and removed: the live calendars stay, and the settings
+# file, which now records that copying is off.
 run storage
 run uninstall --restore-points --yes
 echo

@@ -1,10 +1,11 @@
 #include "morvane/CalendarsCommand.h"
 
-#include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/Restore/RestoreEngine.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "morvane/CommandLine.h"
 
-#include <cstdio>
+#include <map>
+#include <memory>
 #include <ostream>
 
 namespace morvane::cli {
@@ -21,39 +22,37 @@ std::string typeName(EKCalendarType type) {
     return "local";
 }
 
-std::optional<std::string> colorHex(const EKCalendar& calendar) {
-    if (!calendar.colorComponents || calendar.colorComponents->size() < 3) return std::nullopt;
-    const auto& c = *calendar.colorComponents;
-    char text[8];
-    std::snprintf(text, sizeof text, "#%02X%02X%02X", static_cast<int>(c[0] * 255.0), static_cast<int>(c[1] * 255.0),
-                  static_cast<int>(c[2] * 255.0));
-    return text;
-}
-
 } // namespace
 
 int runCalendars(const CalendarsOptions& options, std::ostream& out) {
-    auto store = std::make_shared<EKEventStore>();
-    EventKitSource(store).requestAccess();
-    const auto calendars = store->calendarsForEntityType(EKEntityType::event);
+    RestoreEngine engine;
+    engine.requestCalendarAccess();
+    std::map<std::string, std::shared_ptr<const EKCalendar>> byID;
+    for (const auto& calendar : engine.eventKit().store()->calendarsForEntityType(EKEntityType::event))
+        byID.emplace(calendar->calendarIdentifier, calendar);
+    const auto calendars = engine.calendarList();
     if (options.json) {
         json::Value list = json::Value::array();
-        for (const auto& calendar : calendars) {
-            const auto color = colorHex(*calendar);
-            list.push_back({{"identifier", calendar->calendarIdentifier},
-                            {"title", calendar->title},
-                            {"source", calendar->source ? json::Value(calendar->source->title) : json::Value(nullptr)},
-                            {"type", typeName(calendar->type)},
-                            {"writable", calendar->allowsContentModifications},
-                            {"colorHex", color ? json::Value(*color) : json::Value(nullptr)}});
+        for (const auto& info : calendars) {
+            const auto& calendar = *byID.at(info.id);
+            list.push_back({{"identifier", info.id},
+                            {"title", info.title},
+                            {"source", calendar.source ? json::Value(calendar.source->title) : json::Value(nullptr)},
+                            {"type", typeName(calendar.type)},
+                            {"writable", info.writable},
+                            {"colorHex", info.colorHex ? json::Value(*info.colorHex) : json::Value(nullptr)},
+                            {"group", info.group}});
         }
         out << json::dump(list, true) << '\n';
         return exitSuccess;
     }
-    for (const auto& calendar : calendars) {
-        out << calendar->title << " (" << (calendar->source ? calendar->source->title : "?") << ")  "
-            << typeName(calendar->type) << (calendar->allowsContentModifications ? "" : ", read-only") << "  "
-            << calendar->calendarIdentifier << '\n';
+    const std::string* group = nullptr;
+    for (const auto& info : calendars) {
+        const auto& calendar = *byID.at(info.id);
+        if (!group || *group != info.group) out << info.group << '\n';
+        group = &info.group;
+        out << "  " << info.title << " (" << (calendar.source ? calendar.source->title : "?") << ")  "
+            << typeName(calendar.type) << (info.writable ? "" : ", read-only") << "  " << info.id << '\n';
     }
     return exitSuccess;
 }

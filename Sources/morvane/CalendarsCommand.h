@@ -8,8 +8,9 @@ struct CalendarsOptions {
     bool json = false;
 };
 
-// `morvane calendars [--json]`: every event calendar of the live store, in the store's order,
-// with its identifier, title, account, kind, whether it can be written and its colour. Opening
+// `morvane calendars [--json]`: every event calendar of the live store by group (an account that
+// syncs, or "Other" last) and title, with its identifier, title, account, kind, whether it can be
+// written, its colour and its group; the text groups the calendars under their group's name. Opening
 // the store creates it on a machine that has none. Throws, for the command table to report, when
 // calendar access is refused or the store can't be opened.
 int runCalendars(const CalendarsOptions& options, std::ostream& out);

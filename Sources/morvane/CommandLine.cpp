@@ -8,6 +8,8 @@
 #include "morvane/CopiesCommand.h"
 #include "morvane/EventsCommand.h"
 #include "morvane/InspectCommand.h"
+#include "morvane/PlanCommand.h"
+#include "morvane/RestoreCommand.h"
 #include "morvane/ScheduleCommand.h"
 #include "morvane/SearchCommand.h"
 #include "morvane/SnapshotCommand.h"
@@ -116,6 +118,27 @@ std::vector<Command> commands() {
              command.add_flag("--events", options->events, "List every event too");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream&) { return runInspect(*options, out); };
+         }},
+        {"plan", "Show what restoring events of a backup would do, writing nothing",
+         [](CLI::App& command) {
+             auto options = std::make_shared<PlanOptions>();
+             command.add_option("BACKUP", options->backup, "What compare takes")->required();
+             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets")->required();
+             command.add_option("--into", options->into,
+                                "A calendar's identifier, its label 'Title (Account)' or a title only it has");
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runPlan(*options, out, err); };
+         }},
+        {"restore", "Bring events of a backup back into the calendars",
+         [](CLI::App& command) {
+             auto options = std::make_shared<RestoreOptions>();
+             command.add_option("BACKUP", options->backup, "What compare takes")->required();
+             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets")->required();
+             command.add_option("--into", options->into,
+                                "A calendar's identifier, its label 'Title (Account)' or a title only it has");
+             command.add_flag("--yes", options->yes, "Restore without asking (needed without a terminal)");
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runRestore(*options, out, err); };
          }},
         {"schedule", "Turn the hourly restore point of the systemd user timer on or off",
          [](CLI::App& command) {

@@ -1,7 +1,7 @@
 #include "morvane/CompareCommand.h"
 
 #include "MorvaneCore/Backups/BackupCatalog.h"
-#include "MorvaneCore/Comparison/Comparison.h"
+#include "MorvaneCore/Restore/RestoreEngine.h"
 #include "morvane/CommandLine.h"
 
 #include <ostream>
@@ -9,7 +9,9 @@
 namespace morvane::cli {
 
 int runCompare(const CompareOptions& options, std::ostream& out) {
-    const auto comparison = Comparison::of(BackupCatalog::resolve(options.backup));
+    RestoreEngine engine;
+    const auto comparison = engine.load(BackupCatalog::resolve(options.backup));
+    engine.close();
     out << (options.json ? comparison.asJSON() : comparison.asText());
     return exitSuccess;
 }

@@ -6,6 +6,7 @@
 #include "MorvanePlatform/SHA256.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
+#include "Support/FailingSteps.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -364,23 +365,7 @@ TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
 
 // ---- Writes that fail ----
 
-// Fails the Nth call that runs a statement with an I/O error, as a full disk or a lost file would.
-class FailingNthStep final : public sqlite::Steps {
-public:
-    explicit FailingNthStep(int n) : n_(n) {}
-
-    int step(sqlite3_stmt* statement) override { return fails() ? SQLITE_IOERR : system().step(statement); }
-    int execute(sqlite3* db, const char* sql, char** message) override {
-        return fails() ? SQLITE_IOERR : system().execute(db, sql, message);
-    }
-    bool failed() const { return calls_ >= n_; }
-
-private:
-    bool fails() { return ++calls_ == n_; }
-
-    const int n_;
-    int calls_ = 0;
-};
+using testing::FailingNthStep;
 
 // SHA-256 over every row of every table, read through a connection of its own: what the file
 // holds for any other reader.

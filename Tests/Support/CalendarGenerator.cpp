@@ -1,6 +1,10 @@
 #include "Support/CalendarGenerator.h"
 
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
+#include "MorvanePlatform/EventStore/ZoneOffsets.h"
+
 #include <array>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -57,6 +61,7 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
     builder.setOccurrenceWindow(windowStart, windowEnd, "America/Los_Angeles");
 
     GeneratedCalendar made;
+    std::map<std::string, ZoneOffsets> zoneOffsets;
     for (std::int64_t index = 0; index < events; ++index) {
         const bool allDay = chance(0.15);
         const double start = allDay ? tenYearsFrom2016 + static_cast<double>(pick(3650)) * day
@@ -99,17 +104,29 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
         if (repeating) {
             ++made.series;
             const std::int64_t frequency = 1 + pick(4);
-            const std::array<double, 4> steps = {day, 7 * day, 30 * day, 365 * day};
-            const double step = steps[static_cast<size_t>(frequency - 1)];
             const std::int64_t count = chance(0.3) ? 2 + pick(30) : 0;
-            const double until = count > 0 ? start + step * static_cast<double>(count - 1) : windowEnd;
             builder.addRecurrence({.owner = item,
                                    .frequency = frequency,
                                    .count = count,
                                    .specifier = frequency == 2 ? SQLValue("D=0MO,0WE") : SQLValue(nullptr)});
+            // The occurrences the event store itself generates, so that every exception date and
+            // every edited occurrence stands on one of them, as on a real calendar.
+            EKRecurrenceRule rule;
+            rule.frequency = static_cast<EKRecurrenceFrequency>(frequency - 1);
+            if (frequency == 2) rule.daysOfTheWeek = {{2, 0}, {4, 0}};
+            if (count > 0)
+                rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(static_cast<int>(count));
+            const std::string zoneID = std::get<std::string>(zone);
+            auto* offsets = zoneID == "_float" ? nullptr : &zoneOffsets.try_emplace(zoneID, zoneID).first->second;
+            const auto wallClock = [&](double moment) { return offsets ? offsets->wallClock(moment) : moment; };
+            const double until = count > 0 ? start + 40 * 366 * day : windowEnd;
             moments.clear();
-            for (double moment = start; moment <= until && moments.size() < 4000; moment += step)
-                moments.push_back(moment);
+            recurrence::expand(rule, wallClock(start), std::nullopt, wallClock(start), wallClock(until) + 1,
+                               [&](double occurrence) {
+                                   const double moment = offsets ? offsets->moment(occurrence) : occurrence;
+                                   if (moment <= until) moments.push_back(moment);
+                                   return moments.size() < 4000;
+                               });
 
             for (std::int64_t i = pick(4); i > 0 && moments.size() > 2; --i) {
                 const auto removed = static_cast<size_t>(1 + pick(static_cast<std::int64_t>(moments.size()) - 1));

@@ -21,8 +21,9 @@ struct GeneratedCalendar {
 // detached occurrences, alarms and locations, in several stores among which a subscribed and a
 // birthday calendar, and an occurrence cache for 2025. The same seed gives the same database.
 //
-// Repeating events advance by fixed steps (a month is 30 days, a year 365): the data is
-// realistic in size and shape, not a calendar to check recurrence expansion against.
+// Occurrences are those the local event store generates from each rule (weekly ones on Monday and
+// Wednesday, in the event's zone), so exception dates and edited occurrences stand on real
+// occurrences and a series restored from the database comes back with them.
 GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_t events, std::uint64_t seed);
 
 // The same written to a new file at `path` (the folders above it made) and closed, with its live

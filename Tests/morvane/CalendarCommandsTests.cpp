@@ -45,7 +45,8 @@ TEST_F(CalendarCommandsTest, OnAFreshMachineTheStoreIsCreatedWithOneWritableCale
     EXPECT_EQ(list[0]["identifier"], EKEventStore().defaultCalendarForNewEvents()->calendarIdentifier);
 
     const auto text = runCommandLine({"calendars"});
-    EXPECT_EQ(text.out, "Calendar (On My Mac)  local  " + list[0]["identifier"].get<std::string>() + "\n");
+    EXPECT_EQ(list[0]["group"], "Other");
+    EXPECT_EQ(text.out, "Other\n  Calendar (On My Mac)  local  " + list[0]["identifier"].get<std::string>() + "\n");
     EXPECT_EQ(runCommandLine({"events", "--from", "2024-01-01", "--to", "2024-02-01", "--json"}).out, "[]\n");
 }
 

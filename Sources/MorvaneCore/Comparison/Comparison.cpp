@@ -1,14 +1,11 @@
 #include "MorvaneCore/Comparison/Comparison.h"
 
-#include "MorvaneCore/Backups/BackupCatalog.h"
-#include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "MorvaneCore/Shared/Text.h"
 #include "MorvaneCore/Shared/TimeZones.h"
 
-#include <memory>
 #include <sstream>
 
 namespace morvane {
@@ -65,26 +62,6 @@ void printChanges(std::ostream& out, const std::vector<FieldChange>& changes) {
 }
 
 } // namespace
-
-Comparison Comparison::of(const BackupSource& source) {
-    // The staged copy and any mount go with `opened`, after the comparison or on the way out.
-    const auto opened = BackupCatalog::open(source);
-    const auto events = opened.store->loadEvents();
-    std::optional<OccurrenceSet> occurrences;
-    try {
-        occurrences = opened.store->occurrences();
-    } catch (const Error&) {
-        // A backup without an occurrence cache still tells what is missing and what changed.
-    }
-
-    std::shared_ptr<EKEventStore> store;
-    auto index = BackupLocator::liveIndex([&store] { return store = std::make_shared<EKEventStore>(); });
-    if (index) return of(source, opened.location, events, occurrences, *index);
-
-    EventKitSource eventKit(store ? store : std::make_shared<EKEventStore>());
-    eventKit.requestAccess();
-    return of(source, opened.location, events, occurrences, eventKit);
-}
 
 Comparison Comparison::of(const BackupSource& source, std::string databasePath, const std::vector<BackupEvent>& events,
                           const std::optional<OccurrenceSet>& occurrences, CurrentEventSource& current) {

@@ -13,7 +13,8 @@
 namespace morvane {
 
 // One backup compared with the calendars as they are now: what is gone, what differs, and which
-// occurrences of the repeating events were deleted or edited since. `morvane compare` prints it.
+// occurrences of the repeating events were deleted or edited since. Made by RestoreEngine's
+// comparisons; `morvane compare` prints it.
 struct Comparison {
     BackupSource source;
     // Where the backup's data was read from, for display.
@@ -25,13 +26,6 @@ struct Comparison {
     // Whether the backup's occurrence cache could be read; without it deleted plain occurrences
     // can't be told.
     bool hasOccurrenceCache = false;
-
-    // Opens `source` through the catalog (cache, mounts and staged copies as for any reading),
-    // reads its events and occurrence cache, and compares them with the live index
-    // (BackupLocator::liveIndex), or, when none can be built, with the event store itself after
-    // asking for access. The backup is closed again when this returns, whatever happened. Throws
-    // what opening or reading the backup throws, and what asking for access throws.
-    static Comparison of(const BackupSource& source);
 
     // Both Differ operations over events and occurrences already read.
     static Comparison of(const BackupSource& source, std::string databasePath, const std::vector<BackupEvent>& events,

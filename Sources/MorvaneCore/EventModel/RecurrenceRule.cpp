@@ -7,6 +7,7 @@
 
 #include "MorvaneCore/IcsArchives/ICalendar.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Text.h"
 #include "MorvanePlatform/CalendarColumns.h"
 
@@ -173,6 +174,38 @@ RecurrenceRule RecurrenceRule::fromEK(const EKRecurrenceRule& ek) {
     }
     sortLists(rule);
     return rule;
+}
+
+EKRecurrenceRule RecurrenceRule::ekRule() const {
+    if (unparsed) throw RestoreError("unsupported recurrence part " + *unparsed);
+    EKRecurrenceRule ek;
+    ek.frequency = static_cast<EKRecurrenceFrequency>(static_cast<std::int64_t>(frequency) - 1);
+    ek.interval = static_cast<int>(interval);
+    if (!daysOfWeek.empty()) {
+        ek.daysOfTheWeek.emplace();
+        for (const auto& day : daysOfWeek) {
+            if (day.weekday < 1 || day.weekday > 7) throw RestoreError("bad weekday " + std::to_string(day.weekday));
+            ek.daysOfTheWeek->push_back(
+                EKRecurrenceDayOfWeek::dayOfWeek(static_cast<int>(day.weekday), static_cast<int>(day.week)));
+        }
+    }
+    // The store treats an empty list as a constraint that nothing meets on some platforms; absent
+    // is the only safe way to say "no constraint".
+    const std::pair<const std::vector<std::int64_t>*, std::optional<std::vector<int>>*> lists[] = {
+        {&daysOfMonth, &ek.daysOfTheMonth}, {&monthsOfYear, &ek.monthsOfTheYear}, {&weeksOfYear, &ek.weeksOfTheYear},
+        {&daysOfYear, &ek.daysOfTheYear},   {&setPositions, &ek.setPositions},
+    };
+    for (const auto& [from, to] : lists) {
+        if (!from->empty()) to->emplace(from->begin(), from->end());
+    }
+    if (end) {
+        if (const auto* count = std::get_if<End::Count>(&end->value)) {
+            ek.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(static_cast<int>(count->value));
+        } else {
+            ek.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithEndDate(std::get<End::Until>(end->value).date.seconds);
+        }
+    }
+    return ek;
 }
 
 std::optional<RecurrenceRule> RecurrenceRule::fromRRule(std::string_view rrule, std::optional<std::string_view> tzid) {

@@ -91,6 +91,11 @@ struct RecurrenceRule {
     // Never `unparsed`.
     static RecurrenceRule fromEK(const EKRecurrenceRule& rule);
 
+    // The platform's rule that re-creates this one: empty lists become absent ones. Throws
+    // RestoreError "unsupported recurrence part {unparsed}" for a rule with unparsed pieces and
+    // "bad weekday {n}" for a weekday outside 1 to 7.
+    EKRecurrenceRule ekRule() const;
+
     // A stable one-line text for showing and comparing rules, close to RRULE but not RRULE when it
     // has an until date: "FREQ=WEEKLY;INTERVAL=2;BYDAY=-1FR,1MO;UNTIL=2026-03-01T12:00:00Z".
     std::string description() const;

@@ -1,5 +1,6 @@
 #include "MorvaneCore/EventModel/RecurrenceRule.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvaneCore/Shared/Errors.h"
 #include "Support/ErrorText.h"
 
 #include <cstdint>
@@ -195,6 +196,29 @@ TEST(RecurrenceRuleJson, WritesDaysUnparsedPiecesAndTheEndAsACase) {
     const auto until = fromRRule("FREQ=DAILY;UNTIL=20260101T120000Z");
     EXPECT_EQ(until.json(json::DateEncoding::secondsSince1970)["end"].dump(), R"({"until":{"_0":1767268800.0}})");
     EXPECT_EQ(until.json(json::DateEncoding::iso8601)["end"].dump(), R"({"until":{"_0":"2026-01-01T12:00:00Z"}})");
+}
+
+// --- The platform's rule -------------------------------------------------------------------
+
+TEST(RecurrenceRuleEK, RebuildsEveryFieldWithEmptyListsAbsentAndRefusesWhatItCantBuild) {
+    const RecurrenceRule rules[] = {
+        fromRRule("FREQ=YEARLY;INTERVAL=2;BYDAY=1SU,-1SA;BYMONTH=1,7;BYSETPOS=-1;BYWEEKNO=3;BYYEARDAY=100;COUNT=5"),
+        fromRRule("FREQ=MONTHLY;BYMONTHDAY=1,-1;UNTIL=20260101T120000Z"),
+        RecurrenceRule(Frequency::weekly, 3),
+    };
+    for (const auto& rule : rules)
+        EXPECT_EQ(RecurrenceRule::fromEK(rule.ekRule()), rule) << rule.description();
+    const auto plain = RecurrenceRule(Frequency::daily, 1).ekRule();
+    EXPECT_EQ(plain.frequency, EKRecurrenceFrequency::daily);
+    EXPECT_FALSE(plain.daysOfTheWeek || plain.daysOfTheMonth || plain.monthsOfTheYear || plain.weeksOfTheYear ||
+                 plain.daysOfTheYear || plain.setPositions || plain.recurrenceEnd);
+
+    auto unparsed = RecurrenceRule(Frequency::weekly, 1);
+    unparsed.unparsed = "X-A=1";
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { unparsed.ekRule(); }), "unsupported recurrence part X-A=1");
+    auto badDay = RecurrenceRule(Frequency::weekly, 1);
+    badDay.daysOfWeek = {Day{2, 0}, Day{8, 0}};
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { badDay.ekRule(); }), "bad weekday 8");
 }
 
 TEST(RecurrenceRuleJson, RoundTrips) {

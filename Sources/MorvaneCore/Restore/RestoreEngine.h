@@ -1,0 +1,131 @@
+#pragma once
+
+#include "MorvaneCore/Backups/BackupSource.h"
+#include "MorvaneCore/Backups/OpenedBackup.h"
+#include "MorvaneCore/Comparison/Comparison.h"
+#include "MorvaneCore/Database/BackupStore.h"
+#include "MorvaneCore/LiveCalendars/CurrentEvents.h"
+#include "MorvaneCore/Restore/Restorer.h"
+#include "MorvaneCore/Shared/Json.h"
+#include "MorvanePlatform/EventKit.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace morvane {
+
+// The service a front end talks to for a restore: it holds one loaded backup at a time, compares
+// it with the live calendars, plans the restore of picked events and carries the plans out.
+// Comparisons read an index of the live database when one can be built; every decision just
+// before a write asks the event store itself.
+//
+// One operation at a time: the engine has no lock. Every operation blocks (an access prompt,
+// opening a backup, the store's reads and writes), so none belongs on the thread of a window.
+// Whoever loads a backup calls `close` when done; destruction releases the fields but doesn't
+// unmount.
+class RestoreEngine {
+public:
+    struct CalendarInfo {
+        std::string id;
+        std::string title;
+        std::optional<std::string> colorHex;
+        std::string group;
+        bool writable = false;
+
+        // The fields under their own names, an absent colour as null.
+        json::Ordered json() const;
+
+        friend bool operator==(const CalendarInfo&, const CalendarInfo&) = default;
+    };
+
+    // The display form of a RestorePlan.
+    struct PlanSummary {
+        std::int64_t id = 0;
+        std::string title;
+        std::string startText;
+        std::string targetName;
+        std::optional<std::string> recurrence;
+        std::int64_t deletedOccurrences = 0;
+        std::int64_t editedOccurrences = 0;
+        std::vector<std::string> warnings;
+        std::vector<std::string> problems;
+
+        // The fields under their own names, an absent rule as null.
+        json::Ordered json() const;
+    };
+
+    // The display form of a RestoreResult, or of a restore that failed.
+    struct RestoreOutcome {
+        std::int64_t id = 0;
+        std::string title;
+        bool succeeded = false;
+        std::optional<std::string> message;
+        std::vector<std::string> differences;
+
+        json::Ordered json() const;
+    };
+
+    // Over the live calendars (a new EKEventStore), or over `store`.
+    RestoreEngine();
+    explicit RestoreEngine(std::shared_ptr<EKEventStore> store);
+    RestoreEngine(const RestoreEngine&) = delete;
+    RestoreEngine& operator=(const RestoreEngine&) = delete;
+
+    // Throws SQLiteError when access is refused (EventKitSource::requestAccess).
+    void requestCalendarAccess();
+    // (identifier, "{title} ({source title or ?})") of every calendar that can be written, in the
+    // store's order.
+    std::vector<std::pair<std::string, std::string>> writableCalendars();
+    std::optional<std::string> defaultCalendarID();
+    // Every event calendar, by group ("Other" last), then by title, in natural order.
+    std::vector<CalendarInfo> calendarList();
+
+    // Drops the loaded backup, asks for access, opens `source` and reads its events, then
+    // compares it with the live index. Throws what asking, opening or reading throws; after a
+    // failure the engine holds no loaded source (but may hold the opened backup, which `close`
+    // releases).
+    Comparison load(const BackupSource& source);
+    // The comparison again after the store has been told to forget what it cached; against the
+    // store itself when `afterRestore`, since the live file may lag behind it.
+    Comparison recompare(bool afterRestore);
+    // Drops the cached live index; for the front end to call when the platform's calendars change.
+    void calendarsChanged();
+    // Throws RestoreError "No backup loaded." without a loaded backup, else what comparing throws.
+    Comparison compare(bool useEventKit);
+    // The live index when one can be built (cached), else the event store.
+    CurrentEventSource& currentSource();
+
+    // The plans for the picked events, in the order given; unknown ids and detached occurrences
+    // give none. `into` is a calendar identifier; one the store doesn't know means none. Throws
+    // RestoreError "No backup loaded." or what reading a series' exception dates throws.
+    std::vector<RestorePlan> buildPlans(const std::vector<std::int64_t>& ids, const std::optional<std::string>& into);
+    std::vector<PlanSummary> plans(const std::vector<std::int64_t>& ids, const std::optional<std::string>& into);
+    // Restores every plan without problems, in order, one outcome each; a failed event doesn't
+    // stop the others. Throws only what `buildPlans` throws, before anything is written.
+    std::vector<RestoreOutcome> restore(const std::vector<std::int64_t>& ids, const std::optional<std::string>& into);
+
+    // Releases the loaded backup's staged copy and mount and forgets it; the live index stays.
+    void close();
+
+    const std::optional<BackupSource>& loadedSource() const { return loadedSource_; }
+    EventKitSource& eventKit() { return ek_; }
+
+    static PlanSummary summary(const RestorePlan& plan);
+
+private:
+    EventKitSource ek_;
+    std::optional<OpenedBackup> opened_;
+    std::map<std::int64_t, BackupEvent> events_;
+    std::vector<BackupEvent> allEvents_;
+    std::optional<OccurrenceSet> backupOccurrences_;
+    std::optional<BackupSource> loadedSource_;
+    std::map<std::int64_t, std::vector<BackupEvent>> detachedByMaster_;
+    std::optional<DatabaseSource> liveSource_;
+};
+
+} // namespace morvane

@@ -1,0 +1,99 @@
+#include "morvane/RestoreCommand.h"
+
+#include "MorvaneCore/Backups/BackupCatalog.h"
+#include "MorvaneCore/Restore/RestoreEngine.h"
+#include "morvane/CommandLine.h"
+#include "morvane/PlanCommand.h"
+
+#include <algorithm>
+#include <iostream>
+#include <ostream>
+#include <unistd.h>
+
+namespace morvane::cli {
+namespace {
+
+// Whether the person at the terminal says yes; no terminal means nobody can.
+bool confirmed(std::size_t count, std::ostream& prompt) {
+    prompt << "Restore " << count << (count == 1 ? " event" : " events") << "? [y/N] " << std::flush;
+    std::string answer;
+    if (!std::getline(std::cin, answer)) return false;
+    return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes";
+}
+
+} // namespace
+
+int runRestore(const RestoreOptions& options, std::ostream& out, std::ostream& err) {
+    RestoreEngine engine;
+    bool matched = true;
+    const auto into = resolveInto(engine, options.into, matched, err);
+    if (!matched) return exitUsage;
+    engine.load(BackupCatalog::resolve(options.backup));
+
+    const auto plans = engine.plans(options.ids, into);
+    std::vector<std::int64_t> planned;
+    std::vector<RestoreEngine::PlanSummary> skipped;
+    std::size_t restorable = 0;
+    for (const auto& plan : plans) {
+        planned.push_back(plan.id);
+        if (plan.problems.empty()) {
+            ++restorable;
+        } else {
+            skipped.push_back(plan);
+        }
+    }
+    reportIgnored(options.ids, planned, err);
+
+    if (!options.json) {
+        for (const auto& plan : plans)
+            printPlan(plan, out);
+    }
+    if (restorable > 0 && !options.yes) {
+        if (isatty(STDIN_FILENO) == 0) {
+            engine.close();
+            err << "morvane: restore asks before writing, and there is no terminal to ask; pass --yes to "
+                   "restore without asking. Nothing was restored.\n";
+            return exitUsage;
+        }
+        // With JSON the plans and the question go to standard error, so that the document stays whole.
+        auto& shown = options.json ? err : out;
+        if (options.json) {
+            for (const auto& plan : plans)
+                printPlan(plan, shown);
+        }
+        if (!confirmed(restorable, shown)) {
+            engine.close();
+            shown << "Nothing was restored.\n";
+            return exitSuccess;
+        }
+    }
+
+    const auto outcomes =
+        restorable > 0 ? engine.restore(options.ids, into) : std::vector<RestoreEngine::RestoreOutcome>{};
+    engine.close();
+    const bool allSucceeded = std::all_of(outcomes.begin(), outcomes.end(), [](const auto& o) { return o.succeeded; });
+
+    if (options.json) {
+        json::Ordered document = {{"outcomes", json::Ordered::array()}, {"skipped", json::Ordered::array()}};
+        for (const auto& outcome : outcomes)
+            document["outcomes"].push_back(outcome.json());
+        for (const auto& plan : skipped)
+            document["skipped"].push_back(plan.json());
+        out << json::dumpKeepingOrder(document, true) << '\n';
+        return allSucceeded ? exitSuccess : exitFailure;
+    }
+    for (const auto& outcome : outcomes) {
+        out << "[" << outcome.id << "] " << outcome.title << ": "
+            << (outcome.succeeded ? "Restored" : "Failed: " + outcome.message.value_or("")) << '\n';
+        for (const auto& line : outcome.differences)
+            out << "    " << line << '\n';
+    }
+    for (const auto& plan : skipped) {
+        out << "[" << plan.id << "] " << plan.title << ": Skipped\n";
+        for (const auto& problem : plan.problems)
+            out << "    " << problem << '\n';
+    }
+    return allSucceeded ? exitSuccess : exitFailure;
+}
+
+} // namespace morvane::cli

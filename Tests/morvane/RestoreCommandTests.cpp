@@ -1,0 +1,191 @@
+#include "MorvaneCore/Backups/BackupLocator.h"
+#include "MorvaneCore/Database/CalendarDatabase.h"
+#include "MorvaneCore/Shared/EventKeys.h"
+#include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/Files.h"
+#include "RunCommandLine.h"
+#include "Support/CalendarDatabaseBuilder.h"
+#include "Support/Fakes.h"
+#include "Support/Pinned.h"
+#include "Support/SavedEvents.h"
+#include "Support/UTC.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sqlite3.h>
+
+namespace morvane {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::runCommandLine;
+using testing::utc;
+
+class RestoreCommandTest : public ::testing::Test {
+protected:
+    std::shared_ptr<EKEvent> occurrenceAt(const EKEvent& series, double start) {
+        for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(start, start + 3600, {}))) {
+            if (found->calendarItemIdentifier() == series.calendarItemIdentifier() && found->startDate == start)
+                return found;
+        }
+        ADD_FAILURE() << "no occurrence at " << start;
+        return nullptr;
+    }
+
+    // A restore point of the calendars as they are, by its id in the list of backups.
+    static std::string restorePoint() {
+        EXPECT_EQ(runCommandLine({"snapshot", "--quiet"}).status, 0);
+        const auto listed = json::parse(runCommandLine({"backups", "--json", "--no-time-machine"}).out);
+        return listed["sources"].back()["id"];
+    }
+
+    static std::string liveFingerprint() {
+        const auto copy = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+        return CalendarDatabase(copy.file()).contentFingerprint();
+    }
+
+    testing::TemporaryUser user;
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
+    EKEventStore store;
+};
+
+TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAndOnlyOnce) {
+    // Weekly in Berlin across its change to summer time on 31 March.
+    EKRecurrenceRule weekly;
+    weekly.frequency = EKRecurrenceFrequency::weekly;
+    weekly.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(6);
+    auto choir =
+        testing::saveEvent(store, "Choir", utc(2024, 3, 14, 17), utc(2024, 3, 14, 18), "Europe/Berlin", weekly);
+    store.removeEvent(*occurrenceAt(*choir, utc(2024, 3, 21, 17)), EKSpan::thisEvent, true);
+    store.removeEvent(*occurrenceAt(*choir, utc(2024, 4, 11, 16)), EKSpan::thisEvent, true);
+    auto moved = occurrenceAt(*choir, utc(2024, 4, 4, 16));
+    moved->location = "Hall B";
+    moved->startDate = utc(2024, 4, 4, 17);
+    moved->endDate = utc(2024, 4, 4, 18);
+    store.saveEvent(*moved, EKSpan::thisEvent, true);
+    testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    const auto before =
+        json::parse(runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-05-01", "--json"}).out);
+
+    const auto backup = restorePoint();
+    store.removeEvent(*choir, EKSpan::futureEvents, true);
+    const auto missing = json::parse(runCommandLine({"compare", backup.c_str(), "--json"}).out)["missing"];
+    ASSERT_EQ(missing.size(), 1u) << missing;
+    const auto id = std::to_string(missing[0]["id"].get<std::int64_t>());
+
+    // Every row of the backup asked for: the edited occurrence and an id it doesn't have give no plan.
+    const auto plan = runCommandLine({"plan", backup.c_str(), "1", "2", "3", "99", "--json"});
+    ASSERT_EQ(plan.status, 0) << plan.err;
+    EXPECT_NE(plan.err.find("Ignored (not an event of this backup, or an edited occurrence, not a series): "),
+              std::string::npos)
+        << plan.err;
+    EXPECT_NE(plan.err.find(", 99\n"), std::string::npos) << plan.err;
+    const auto plans = json::parse(plan.out);
+    ASSERT_EQ(plans.size(), 2u);
+    EXPECT_EQ(std::to_string(plans[0]["id"].get<std::int64_t>()), id);
+    EXPECT_EQ(plans[0]["title"], "Choir");
+    EXPECT_EQ(plans[0]["startText"], "2024-03-14 10:00");
+    EXPECT_EQ(plans[0]["targetName"], "Calendar (On My Mac)");
+    EXPECT_EQ(plans[0]["recurrence"], "FREQ=WEEKLY;COUNT=6");
+    EXPECT_EQ(plans[0]["deletedOccurrences"], 2);
+    EXPECT_EQ(plans[0]["editedOccurrences"], 1);
+    EXPECT_EQ(plans[0]["problems"], json::array());
+    EXPECT_EQ(plans[1]["title"], "Dentist");
+    EXPECT_EQ(plans[1]["problems"], json::array({"Still exists."}));
+    const auto dentistID = std::to_string(plans[1]["id"].get<std::int64_t>());
+
+    // No terminal to ask and no --yes: nothing is written.
+    const auto untouched = liveFingerprint();
+    const auto refused = runCommandLine({"restore", backup.c_str(), id.c_str()});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.err.find("pass --yes"), std::string::npos) << refused.err;
+    EXPECT_EQ(liveFingerprint(), untouched);
+
+    const auto restored = runCommandLine({"restore", backup.c_str(), id.c_str(), dentistID.c_str(), "--yes"});
+    ASSERT_EQ(restored.status, 0) << restored.err;
+    EXPECT_NE(restored.out.find("[" + id + "] Choir: Restored\n"), std::string::npos) << restored.out;
+    EXPECT_NE(restored.out.find("] Dentist: Skipped\n    Still exists.\n"), std::string::npos) << restored.out;
+
+    // The live calendars show what they showed before, and the file holds the same series.
+    const auto after =
+        json::parse(runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-05-01", "--json"}).out);
+    ASSERT_EQ(after.size(), before.size()) << after;
+    std::set<std::int64_t> shownKeys;
+    for (size_t i = 0; i < after.size(); ++i) {
+        for (const auto* field : {"title", "start", "end", "occurrenceKey", "isDetached", "timeZone"})
+            EXPECT_EQ(after[i][field], before[i][field]) << i << " " << field;
+        shownKeys.insert(after[i]["occurrenceKey"].get<std::int64_t>());
+    }
+    const auto copy = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+    CalendarDatabase live(copy.file());
+    const auto events = live.loadEvents();
+    const auto master = std::find_if(events.begin(), events.end(),
+                                     [](const BackupEvent& e) { return e.title() == "Choir" && !e.masterRowID; });
+    ASSERT_NE(master, events.end());
+    const auto edited = std::find_if(events.begin(), events.end(),
+                                     [&](const BackupEvent& e) { return e.masterRowID == master->rowID; });
+    ASSERT_NE(edited, events.end());
+    EXPECT_EQ(edited->snapshot.location, "Hall B");
+    EXPECT_EQ(edited->start(), Date{utc(2024, 4, 4, 17)});
+    EXPECT_EQ(live.exceptionDates(master->rowID),
+              (std::vector<Date>{Date{utc(2024, 3, 21, 17)}, Date{utc(2024, 4, 11, 16)}}));
+    const auto cached = live.occurrences().dates.at(std::string(seriesKey(master->uniqueIdentifier)));
+    EXPECT_EQ(cached, shownKeys);
+
+    EXPECT_EQ(json::parse(runCommandLine({"compare", backup.c_str(), "--json"}).out)["missing"], json::array());
+    const auto again = runCommandLine({"restore", backup.c_str(), id.c_str(), "--yes", "--json"});
+    ASSERT_EQ(again.status, 0) << again.err;
+    const auto document = json::parse(again.out);
+    EXPECT_EQ(document["outcomes"], json::array());
+    EXPECT_EQ(document["skipped"][0]["problems"],
+              json::array({"An event with the same title and start already exists (restored before?)."}));
+    EXPECT_TRUE(BackupLocator::stagedFolders().size() <= 1u);
+}
+
+TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndAnUnknownOneListsTheWritableCalendars) {
+    const auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    const auto backup = restorePoint();
+    store.removeEvent(*dentist, EKSpan::thisEvent, true);
+
+    const auto unknown = runCommandLine({"restore", backup.c_str(), "1", "--into", "Nowhere", "--yes"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.err.find("  Calendar (On My Mac)  " + store.defaultCalendarForNewEvents()->calendarIdentifier),
+              std::string::npos)
+        << unknown.err;
+
+    const auto restored =
+        runCommandLine({"restore", backup.c_str(), "1", "--into", "Calendar (On My Mac)", "--yes", "--json"});
+    ASSERT_EQ(restored.status, 0) << restored.err;
+    const auto outcomes = json::parse(restored.out)["outcomes"];
+    ASSERT_EQ(outcomes.size(), 1u);
+    EXPECT_EQ(outcomes[0], (json{{"id", 1},
+                                 {"title", "Dentist"},
+                                 {"succeeded", true},
+                                 {"message", nullptr},
+                                 {"differences", json::array()}}));
+}
+
+TEST_F(RestoreCommandTest, ACalendarLockedByAnotherWriterFailsTheEventClearlyAndTheBackupStaysAsItWas) {
+    const auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
+    const auto backup = restorePoint();
+    store.removeEvent(*dentist, EKSpan::thisEvent, true);
+    const auto backupBytes = files::read(backup.substr(backup.find(':') + 1));
+
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(sqlite3_open(BackupLocator::liveDBPath().c_str(), &writer), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    const auto locked = runCommandLine({"restore", backup.c_str(), "1", "--yes"});
+    sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(writer);
+
+    EXPECT_EQ(locked.status, 1);
+    EXPECT_NE(locked.out.find("[1] Dentist: Failed: "), std::string::npos) << locked.out;
+    EXPECT_NE(locked.out.find("locked"), std::string::npos) << locked.out;
+    EXPECT_EQ(files::read(backup.substr(backup.find(':') + 1)), backupBytes);
+    EXPECT_EQ(runCommandLine({"restore", backup.c_str(), "1", "--yes"}).status, 0);
+}
+
+} // namespace
+} // namespace morvane
