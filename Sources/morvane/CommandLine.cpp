@@ -12,6 +12,7 @@
 #include "morvane/ScheduleCommand.h"
 #include "morvane/SnapshotCommand.h"
 #include "morvane/TimeMachineCommand.h"
+#include "morvane/TimelineCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -145,6 +146,16 @@ std::vector<Command> commands() {
              command.add_flag("--json", options->json, "Print the result as JSON");
              command.add_flag("--quiet", options->quiet, "Print nothing when the calendars are unchanged");
              return [options](std::ostream& out, std::ostream& err) { return runSnapshot(*options, out, err); };
+         }},
+        {"timeline", "Show a date range of a backup against the calendars now, occurrence by occurrence",
+         [](CLI::App& command) {
+             auto options = std::make_shared<TimelineOptions>();
+             command.add_option("BACKUP", options->backup, "What compare takes")->required();
+             command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
+                 ->required();
+             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runTimeline(*options, out, err); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {
