@@ -117,7 +117,9 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<RestoreOptions>();
              command.add_option("BACKUP", options->backup, "What compare takes")->required();
-             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets")->required();
+             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets");
+             command.add_option("--occurrence", options->occurrence,
+                                "An item id as timeline shows it: that one occurrence comes back as a plain event");
              command.add_option("--into", options->into,
                                 "A calendar's identifier, its label 'Title (Account)' or a title only it has");
              command.add_flag("--yes", options->yes, "Restore without asking (needed without a terminal)");
