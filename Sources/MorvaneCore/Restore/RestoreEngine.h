@@ -146,7 +146,7 @@ public:
                       std::optional<std::int64_t> restoreID) const;
     // Every occurrence of the loaded backup and of the live calendars that meets `in` (or whose
     // former place did), labelled, by start then title. Without a loaded backup every live event
-    // shows as added. Never fails.
+    // shows as added. Throws only what the store throws when it can't be read.
     std::vector<TimelineItem> timeline(DateInterval in);
     // Brings back the one occurrence (or single event) `itemID` names as a plain event, into
     // `into` when that names a writable calendar, else its own calendar, else the default one.
