@@ -15,6 +15,7 @@
 #include "morvane/SnapshotCommand.h"
 #include "morvane/StorageCommand.h"
 #include "morvane/TimeMachineCommand.h"
+#include "morvane/TimelineCommand.h"
 #include "morvane/UninstallCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -133,7 +134,9 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<RestoreOptions>();
              command.add_option("BACKUP", options->backup, "What compare takes")->required();
-             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets")->required();
+             command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets");
+             command.add_option("--occurrence", options->occurrence,
+                                "An item id as timeline shows it: that one occurrence comes back as a plain event");
              command.add_option("--into", options->into,
                                 "A calendar's identifier, its label 'Title (Account)' or a title only it has");
              command.add_flag("--yes", options->yes, "Restore without asking (needed without a terminal)");
@@ -177,6 +180,16 @@ std::vector<Command> commands() {
              auto options = std::make_shared<StorageOptions>();
              command.add_flag("--json", options->json, "Print as JSON, sizes in bytes");
              return [options](std::ostream& out, std::ostream&) { return runStorage(*options, out); };
+         }},
+        {"timeline", "Show a date range of a backup against the calendars now, occurrence by occurrence",
+         [](CLI::App& command) {
+             auto options = std::make_shared<TimelineOptions>();
+             command.add_option("BACKUP", options->backup, "What compare takes")->required();
+             command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
+                 ->required();
+             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command.add_flag("--json", options->json, "Print as JSON");
+             return [options](std::ostream& out, std::ostream& err) { return runTimeline(*options, out, err); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",
          [](CLI::App& command) {

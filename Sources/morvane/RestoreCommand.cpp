@@ -21,6 +21,41 @@ bool confirmed(std::size_t count, std::ostream& prompt) {
     return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes";
 }
 
+void printOutcome(const RestoreEngine::RestoreOutcome& outcome, std::ostream& out) {
+    out << "[" << outcome.id << "] " << outcome.title << ": "
+        << (outcome.succeeded ? "Restored" : "Failed: " + outcome.message.value_or("")) << '\n';
+    for (const auto& line : outcome.differences)
+        out << "    " << line << '\n';
+}
+
+int restoreOccurrence(RestoreEngine& engine, const RestoreOptions& options, const std::optional<std::string>& into,
+                      std::ostream& out, std::ostream& err) {
+    if (!options.yes) {
+        if (isatty(STDIN_FILENO) == 0) {
+            engine.close();
+            err << "morvane: restore asks before writing, and there is no terminal to ask; pass --yes to "
+                   "restore without asking. Nothing was restored.\n";
+            return exitUsage;
+        }
+        auto& shown = options.json ? err : out;
+        if (!confirmed(1, shown)) {
+            engine.close();
+            shown << "Nothing was restored.\n";
+            return exitSuccess;
+        }
+    }
+    const auto outcome = engine.restoreAsSingleEvent(*options.occurrence, into);
+    engine.close();
+    if (options.json) {
+        json::Ordered document = {{"outcomes", json::Ordered::array({outcome.json()})},
+                                  {"skipped", json::Ordered::array()}};
+        out << json::dumpKeepingOrder(document, true) << '\n';
+    } else {
+        printOutcome(outcome, out);
+    }
+    return outcome.succeeded ? exitSuccess : exitFailure;
+}
+
 } // namespace
 
 int runRestore(const RestoreOptions& options, std::ostream& out, std::ostream& err) {
@@ -28,7 +63,12 @@ int runRestore(const RestoreOptions& options, std::ostream& out, std::ostream& e
     bool matched = true;
     const auto into = resolveInto(engine, options.into, matched, err);
     if (!matched) return exitUsage;
+    if (options.occurrence.has_value() == !options.ids.empty()) {
+        err << "morvane: restore takes event ids or --occurrence ITEM_ID, one of the two.\n";
+        return exitUsage;
+    }
     engine.load(BackupCatalog::resolve(options.backup));
+    if (options.occurrence) return restoreOccurrence(engine, options, into, out, err);
 
     const auto plans = engine.plans(options.ids, into);
     std::vector<std::int64_t> planned;
@@ -82,12 +122,8 @@ int runRestore(const RestoreOptions& options, std::ostream& out, std::ostream& e
         out << json::dumpKeepingOrder(document, true) << '\n';
         return allSucceeded ? exitSuccess : exitFailure;
     }
-    for (const auto& outcome : outcomes) {
-        out << "[" << outcome.id << "] " << outcome.title << ": "
-            << (outcome.succeeded ? "Restored" : "Failed: " + outcome.message.value_or("")) << '\n';
-        for (const auto& line : outcome.differences)
-            out << "    " << line << '\n';
-    }
+    for (const auto& outcome : outcomes)
+        printOutcome(outcome, out);
     for (const auto& plan : skipped) {
         out << "[" << plan.id << "] " << plan.title << ": Skipped\n";
         for (const auto& problem : plan.problems)

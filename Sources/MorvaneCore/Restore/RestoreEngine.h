@@ -6,6 +6,7 @@
 #include "MorvaneCore/Database/BackupStore.h"
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 #include "MorvaneCore/Restore/Restorer.h"
+#include "MorvaneCore/Restore/Timeline.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "MorvanePlatform/EventKit.h"
 
@@ -116,6 +117,41 @@ public:
     EventKitSource& eventKit() { return ek_; }
 
     static PlanSummary summary(const RestorePlan& plan);
+
+    // The timeline (Timeline.cpp).
+
+    // One occurrence of a backup event within a range: its occurrence key (none for a single
+    // event) and its content.
+    using BackupOccurrence = std::pair<std::optional<std::int64_t>, EventSnapshot>;
+    // One live occurrence and its content.
+    using LiveOccurrence = std::pair<std::shared_ptr<EKEvent>, EventSnapshot>;
+
+    // The series key alone, or "{series key}|{occurrence key}" for an occurrence.
+    static std::string matchKey(std::string_view series, std::optional<std::int64_t> occurrence);
+    // "{trimmed title}|{start in rounded seconds}", the start as stored: one event under any
+    // identity.
+    static std::string titleStart(const EventSnapshot& snapshot);
+    // The snapshot's dates as instants: a floating event's wall clock placed in today's zone.
+    static DateInterval displayRange(const EventSnapshot& snapshot);
+
+    // The occurrences of a top-level backup event that meet `in`, in the order of the backup's
+    // occurrence set; a repeating event of a backup without one has none.
+    std::vector<BackupOccurrence> backupOccurrences(const BackupEvent& event, DateInterval in) const;
+    // The live form of a backup event, or of its occurrence at `key`, wherever it now lies.
+    std::optional<LiveOccurrence> movedElsewhere(const BackupEvent& event, std::optional<std::int64_t> key,
+                                                 DateInterval outside);
+    // An item showing the live event.
+    TimelineItem item(std::string id, const EventSnapshot& snapshot, const EKEvent& event, TimelineItem::State state,
+                      std::optional<DateInterval> previous, std::vector<FieldChange> changes,
+                      std::optional<std::int64_t> restoreID) const;
+    // Every occurrence of the loaded backup and of the live calendars that meets `in` (or whose
+    // former place did), labelled, by start then title. Without a loaded backup every live event
+    // shows as added. Throws only what the store throws when it can't be read.
+    std::vector<TimelineItem> timeline(DateInterval in);
+    // Brings back the one occurrence (or single event) `itemID` names as a plain event, into
+    // `into` when that names a writable calendar, else its own calendar, else the default one.
+    // Failures are in the outcome, never thrown.
+    RestoreOutcome restoreAsSingleEvent(const std::string& itemID, const std::optional<std::string>& into);
 
 private:
     EventKitSource ek_;

@@ -1,0 +1,394 @@
+#include "MorvaneCore/Restore/Timeline.h"
+
+#include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
+#include "MorvaneCore/Restore/RestoreEngine.h"
+#include "MorvaneCore/Shared/EventKeys.h"
+#include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
+#include "MorvanePlatform/TextPieces.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <exception>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace morvane {
+namespace {
+
+// A day either side: an event moved by a few hours across the range's edge still matches.
+constexpr double widening = 86400;
+// How far a moved occurrence is looked for around its original date.
+constexpr double movedWindow = 5184000;
+
+json::Ordered optionalText(const std::optional<std::string>& text) {
+    return text ? json::Ordered(*text) : json::Ordered(nullptr);
+}
+
+json::Ordered optionalDate(const std::optional<Date>& date) {
+    return date ? json::Ordered(json::isoDate(*date)) : json::Ordered(nullptr);
+}
+
+bool overlaps(DateInterval range, DateInterval interval) {
+    return range.end > interval.start && range.start < interval.end;
+}
+
+std::string trimmedTitle(std::string_view title) { return std::string(text::trimming(title, " \t")); }
+
+std::string calendarLabel(const EKCalendar& calendar) {
+    return calendar.title + " (" + (calendar.source ? calendar.source->title : "?") + ")";
+}
+
+// The series key of a live event: its external identifier cut before "/RID=".
+std::string liveSeriesKey(const EKEvent& event) {
+    return std::string(seriesKey(event.calendarItemExternalIdentifier().value_or("")));
+}
+
+// An optional sign and decimal digits, nothing else.
+std::optional<std::int64_t> integerKey(std::string_view text) {
+    if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+    std::int64_t value = 0;
+    const auto* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (text.empty() || error != std::errc{} || stop != end) return std::nullopt;
+    return value;
+}
+
+struct Current {
+    std::shared_ptr<EKEvent> event;
+    EventSnapshot snapshot;
+};
+
+} // namespace
+
+std::string_view TimelineItem::name(State state) {
+    switch (state) {
+    case State::unchanged: return "unchanged";
+    case State::deleted: return "deleted";
+    case State::changed: return "changed";
+    case State::added: return "added";
+    }
+    return "unchanged";
+}
+
+json::Ordered TimelineItem::json() const {
+    auto changeList = json::Ordered::array();
+    for (const auto& change : changes)
+        changeList.push_back({{"field", change.field}, {"old", change.old}, {"new", change.new_}});
+    return {{"id", id},
+            {"title", title},
+            {"start", json::isoDate(start)},
+            {"end", json::isoDate(end)},
+            {"isAllDay", isAllDay},
+            {"location", optionalText(location)},
+            {"calendarName", calendarName},
+            {"calendarID", optionalText(calendarID)},
+            {"colorHex", optionalText(colorHex)},
+            {"state", name(state)},
+            {"moved", moved()},
+            {"previousStart", optionalDate(previousStart)},
+            {"previousEnd", optionalDate(previousEnd)},
+            {"changes", std::move(changeList)},
+            {"restoreID", restoreID ? json::Ordered(*restoreID) : json::Ordered(nullptr)},
+            {"isRepeating", isRepeating}};
+}
+
+std::string RestoreEngine::matchKey(std::string_view series, std::optional<std::int64_t> occurrence) {
+    std::string key(series);
+    if (occurrence) key += "|" + std::to_string(*occurrence);
+    return key;
+}
+
+std::string RestoreEngine::titleStart(const EventSnapshot& snapshot) {
+    return DatabaseSource::titleStartKey(snapshot.title, snapshot.start);
+}
+
+DateInterval RestoreEngine::displayRange(const EventSnapshot& snapshot) {
+    if (!snapshot.isFloating()) return {snapshot.start, snapshot.end};
+    return {Restorer::instantOfWallClock(snapshot.start), Restorer::instantOfWallClock(snapshot.end)};
+}
+
+std::vector<RestoreEngine::BackupOccurrence> RestoreEngine::backupOccurrences(const BackupEvent& event,
+                                                                              DateInterval in) const {
+    std::vector<BackupOccurrence> found;
+    const auto& master = event.snapshot;
+    if (!master.recurrence) {
+        if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
+        return found;
+    }
+    if (!backupOccurrences_) return found;
+    const auto keys = backupOccurrences_->dates.find(std::string(event.externalIdentifier()));
+    if (keys == backupOccurrences_->dates.end()) return found;
+
+    const double duration = master.end.seconds - master.start.seconds;
+    std::map<std::int64_t, const EventSnapshot*> detached;
+    if (const auto list = detachedByMaster_.find(event.rowID); list != detachedByMaster_.end()) {
+        for (const auto& occurrence : list->second) {
+            if (occurrence.originalDate)
+                detached.emplace(occurrence.originalDate->occurrenceKey(), &occurrence.snapshot);
+        }
+    }
+    for (const auto key : keys->second) {
+        EventSnapshot snapshot;
+        if (const auto edited = detached.find(key); edited != detached.end()) {
+            snapshot = *edited->second;
+        } else {
+            snapshot = master;
+            snapshot.start = Date{static_cast<double>(key)};
+            snapshot.end = Date{snapshot.start.seconds + duration};
+        }
+        if (overlaps(displayRange(snapshot), in)) found.emplace_back(key, std::move(snapshot));
+    }
+    return found;
+}
+
+std::optional<RestoreEngine::LiveOccurrence>
+RestoreEngine::movedElsewhere(const BackupEvent& event, std::optional<std::int64_t> key, DateInterval /*outside*/) {
+    auto& store = *ek_.store();
+    const std::string series(event.externalIdentifier());
+    if (!key) {
+        std::shared_ptr<EKEvent> first;
+        for (const auto& item : store.calendarItemsWithExternalIdentifier(series)) {
+            auto found = std::dynamic_pointer_cast<EKEvent>(item);
+            if (!found || found->isDetached()) continue;
+            if (found->calendar && event.calendar.uuid && found->calendar->calendarIdentifier == *event.calendar.uuid)
+                return LiveOccurrence{found, EventKitSource::snapshot(*found)};
+            if (!first) first = std::move(found);
+        }
+        if (!first) return std::nullopt;
+        return LiveOccurrence{first, EventKitSource::snapshot(*first)};
+    }
+    const double at = static_cast<double>(*key);
+    for (const auto& found :
+         store.eventsMatchingPredicate(store.predicateForEvents(at - movedWindow, at + movedWindow, std::nullopt))) {
+        if (!found->calendarItemExternalIdentifier() || liveSeriesKey(*found) != series) continue;
+        // The key after "/RID=" when there is one, else the occurrence date: the same reading as
+        // for any live occurrence.
+        if (liveOccurrenceKey(*found) == key) return LiveOccurrence{found, EventKitSource::snapshot(*found)};
+    }
+    return std::nullopt;
+}
+
+TimelineItem RestoreEngine::item(std::string id, const EventSnapshot& snapshot, const EKEvent& event,
+                                 TimelineItem::State state, std::optional<DateInterval> previous,
+                                 std::vector<FieldChange> changes, std::optional<std::int64_t> restoreID) const {
+    TimelineItem made;
+    made.id = std::move(id);
+    made.title = trimmedTitle(snapshot.title);
+    made.start = Date{event.startDate.value_or(0)};
+    made.end = Date{event.endDate.value_or(0)};
+    made.isAllDay = event.isAllDay();
+    made.location = snapshot.location;
+    if (event.calendar) {
+        made.calendarName = calendarLabel(*event.calendar);
+        made.calendarID = event.calendar->calendarIdentifier;
+        made.colorHex = EventKitSnapshot::colorHex(*event.calendar);
+    } else {
+        made.calendarName = snapshot.calendarName;
+        made.calendarID = snapshot.calendarUUID;
+    }
+    made.state = state;
+    if (previous) {
+        made.previousStart = previous->start;
+        made.previousEnd = previous->end;
+    }
+    made.changes = std::move(changes);
+    made.restoreID = restoreID;
+    made.isRepeating = event.hasRecurrenceRules() || event.isDetached();
+    return made;
+}
+
+std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
+    using State = TimelineItem::State;
+    const DateInterval wide{Date{in.start.seconds - widening}, Date{in.end.seconds + widening}};
+    auto& store = *ek_.store();
+
+    std::set<std::string> backupCalendars;
+    std::unordered_set<std::string> backupSeries;
+    for (const auto& event : allEvents_) {
+        if (event.calendar.uuid) backupCalendars.insert(*event.calendar.uuid);
+        backupSeries.emplace(event.externalIdentifier());
+    }
+    // Read-only calendars only when the backup has events in them: a subscription the user never
+    // wrote to has nothing to restore.
+    std::unordered_set<std::string> toRead;
+    for (const auto& calendar : store.calendarsForEntityType(EKEntityType::event)) {
+        if (backupCalendars.count(calendar->calendarIdentifier) != 0 ||
+            (calendar->allowsContentModifications && calendar->type != EKCalendarType::birthday))
+            toRead.insert(calendar->calendarIdentifier);
+    }
+
+    std::unordered_map<std::string, Current> current;
+    // The same entries in the order fetched, for a stable list of added items.
+    std::vector<std::string> fetchOrder;
+    if (!toRead.empty()) {
+        fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
+            if (!event->calendar || toRead.count(event->calendar->calendarIdentifier) == 0) return;
+            if (!event->calendarItemExternalIdentifier()) return;
+            const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
+            const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
+            auto snapshot = EventKitSource::snapshot(*event);
+            const auto [entry, added] = current.insert_or_assign(key, Current{std::move(event), std::move(snapshot)});
+            if (added) fetchOrder.push_back(key);
+        });
+    }
+
+    std::unordered_set<std::string> currentTitleStarts;
+    // Live events the backup doesn't know, by title and start: what may be a restored copy.
+    std::unordered_map<std::string, std::string> recreated;
+    for (const auto& [key, entry] : current) {
+        const auto titleStartKey = titleStart(entry.snapshot);
+        currentTitleStarts.insert(titleStartKey);
+        if (backupSeries.count(std::string(seriesKey(key.substr(0, key.find('|'))))) == 0)
+            recreated.emplace(titleStartKey, key);
+    }
+
+    std::unordered_set<std::string> seen;
+    std::vector<TimelineItem> items;
+    const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const Current& live, bool single) {
+        auto changes = backup.changes(live.snapshot, {.recurrence = single, .calendar = true, .alarms = true});
+        std::optional<DateInterval> previous;
+        const bool moved = std::any_of(changes.begin(), changes.end(), [](const FieldChange& change) {
+            return change.field == "start" || change.field == "end" || change.field == "all-day";
+        });
+        if (moved) previous = displayRange(backup);
+        const auto state = changes.empty() ? State::unchanged : State::changed;
+        auto made = item(std::move(id), live.snapshot, *live.event, state, previous, std::move(changes), std::nullopt);
+        made.isRepeating = !single;
+        items.push_back(std::move(made));
+    };
+
+    for (const auto& event : allEvents_) {
+        if (event.isDetachedOccurrence()) continue;
+        const std::string series(event.externalIdentifier());
+        for (const auto& [key, snapshot] : backupOccurrences(event, wide)) {
+            const auto m = matchKey(series, key);
+            if (const auto live = current.find(m); live != current.end()) {
+                seen.insert(m);
+                fromChanges(m, snapshot, live->second, !key);
+                continue;
+            }
+            if (auto found = movedElsewhere(event, key, wide)) {
+                fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, !key);
+                continue;
+            }
+            const auto t = titleStart(snapshot);
+            if (const auto copy = recreated.find(t);
+                copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
+                seen.insert(copy->second);
+                const auto& live = current.at(copy->second);
+                items.push_back(
+                    item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
+                continue;
+            }
+            if (currentTitleStarts.count(t) != 0) continue;
+
+            TimelineItem deleted;
+            deleted.id = m;
+            const auto range = displayRange(snapshot);
+            deleted.title = trimmedTitle(snapshot.title);
+            deleted.start = range.start;
+            deleted.end = range.end;
+            deleted.isAllDay = snapshot.isAllDay;
+            deleted.location = snapshot.location;
+            deleted.calendarName = snapshot.calendarName;
+            deleted.calendarID = snapshot.calendarUUID;
+            deleted.colorHex = event.calendar.colorHex;
+            deleted.state = State::deleted;
+            deleted.isRepeating = key.has_value();
+            // An occurrence deleted from a series that still lives comes back only on its own.
+            const bool alive = current.count(series) != 0 || ek_.contains(event);
+            if (!alive && !ek_.hasEquivalent(event)) deleted.restoreID = event.rowID;
+            items.push_back(std::move(deleted));
+        }
+    }
+
+    for (const auto& key : fetchOrder) {
+        if (seen.count(key) != 0) continue;
+        const auto& live = current.at(key);
+        items.push_back(item(key, live.snapshot, *live.event, State::added, std::nullopt, {}, std::nullopt));
+    }
+
+    std::erase_if(items, [&](const TimelineItem& candidate) {
+        if (overlaps({candidate.start, candidate.end}, in)) return false;
+        return !(candidate.previousStart && candidate.previousEnd &&
+                 overlaps({*candidate.previousStart, *candidate.previousEnd}, in));
+    });
+    std::stable_sort(items.begin(), items.end(), [](const TimelineItem& a, const TimelineItem& b) {
+        if (a.start != b.start) return a.start < b.start;
+        return a.title < b.title;
+    });
+    return items;
+}
+
+RestoreEngine::RestoreOutcome RestoreEngine::restoreAsSingleEvent(const std::string& itemID,
+                                                                  const std::optional<std::string>& into) {
+    const auto bar = itemID.find('|');
+    const std::string series = itemID.substr(0, bar);
+    const auto key = bar == std::string::npos ? std::nullopt : integerKey(std::string_view(itemID).substr(bar + 1));
+
+    const BackupEvent* event = nullptr;
+    if (loadedSource_) {
+        for (const auto& candidate : allEvents_) {
+            if (!candidate.isDetachedOccurrence() && candidate.externalIdentifier() == series) {
+                event = &candidate;
+                break;
+            }
+        }
+    }
+    if (!event) return {-1, "", false, std::string("That event isn't in this backup."), {}};
+
+    EventSnapshot snapshot = event->snapshot;
+    if (key) {
+        bool edited = false;
+        if (const auto list = detachedByMaster_.find(event->rowID); list != detachedByMaster_.end()) {
+            for (const auto& occurrence : list->second) {
+                if (occurrence.originalDate && occurrence.originalDate->occurrenceKey() == *key) {
+                    snapshot = occurrence.snapshot;
+                    edited = true;
+                    break;
+                }
+            }
+        }
+        if (!edited) {
+            const double duration = snapshot.end.seconds - snapshot.start.seconds;
+            snapshot.start = Date{static_cast<double>(*key)};
+            snapshot.end = Date{snapshot.start.seconds + duration};
+        }
+    }
+    const auto failed = [&](std::string message) {
+        return RestoreOutcome{event->rowID, snapshot.title, false, std::move(message), {}};
+    };
+
+    auto& store = *ek_.store();
+    std::shared_ptr<const EKCalendar> target;
+    const auto writableWith = [&](const std::string& identifier) -> std::shared_ptr<const EKCalendar> {
+        for (const auto& calendar : store.calendarsForEntityType(EKEntityType::event)) {
+            if (calendar->allowsContentModifications && calendar->calendarIdentifier == identifier) return calendar;
+        }
+        return nullptr;
+    };
+    if (into) target = writableWith(*into);
+    if (!target && event->calendar.uuid) target = writableWith(*event->calendar.uuid);
+    if (!target) {
+        const auto fallback = store.defaultCalendarForNewEvents();
+        if (fallback && fallback->allowsContentModifications) target = fallback;
+    }
+    if (!target) return failed("No calendar to restore into.");
+
+    BackupEvent single = *event;
+    single.snapshot = snapshot;
+    single.snapshot.recurrence.reset();
+    if (ek_.hasEquivalent(single)) return failed("An event with the same title and time is already in your calendars.");
+
+    try {
+        auto [identifier, verification] = Restorer(store).restoreSingle(snapshot, target);
+        return {event->rowID, snapshot.title, true, std::nullopt, std::move(verification)};
+    } catch (const std::exception& error) {
+        return failed(error.what());
+    }
+}
+
+} // namespace morvane
