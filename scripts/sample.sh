@@ -5,7 +5,8 @@
 # beside the listing of this machine's Time Machine backups and a small folder of .ics files; then
 # a later state of the same calendars, compared with a restore point of the earlier one; a search
 # across the restore points for a deleted event and what each restore point lost since; the events
-# deleted since brought back from the restore point; and the removal of everything Morvane keeps.
+# deleted since brought back from the restore point, and one deleted occurrence of a series seen
+# in a timeline and brought back; and the removal of everything Morvane keeps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -94,6 +95,19 @@ run restore "$restorePoint" $missing --yes
 run compare "$restorePoint" > build/sample/compare-after.txt
 head -n 12 build/sample/compare-after.txt
 echo "... (the whole comparison is in build/sample/compare-after.txt)"
+
+# The days around an occurrence deleted from a series that still lives, as the restore point held
+# them against now (only what differs is shown here), and that one occurrence brought back on its
+# own; the timeline then shows it unchanged.
+day=$(python3 -c 'import json, sys; text = open(sys.argv[1]).read(); print([o["originalDate"][:10] for o in json.loads(text[text.index("{"):])["occurrenceChanges"] if o["kind"] == "deleted"][0])' \
+    build/sample/compare.json)
+from=$(date -d "$day -2 days" +%Y-%m-%d)
+to=$(date -d "$day +2 days" +%Y-%m-%d)
+run timeline "$restorePoint" --from "$from" --to "$to" | grep -v '^= '
+occurrence=$("$bin/morvane" timeline "$restorePoint" --from "$from" --to "$to" --json |
+    python3 -c 'import json, sys; print([i["id"] for i in json.load(sys.stdin) if i["state"] == "deleted" and "|" in i["id"]][0])')
+run restore "$restorePoint" --occurrence "$occurrence" --yes
+run timeline "$restorePoint" --from "$from" --to "$to" | tail -n 1
 
 # Everything Morvane keeps is measured and removed: the live calendars stay, and the settings
 # file, which now records that copying is off.
