@@ -2,10 +2,10 @@
 
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 #include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
-#include "MorvaneCore/Shared/DateInput.h"
 #include "MorvaneCore/Shared/Json.h"
 #include "MorvaneCore/Shared/TimeZones.h"
 #include "morvane/CommandLine.h"
+#include "morvane/DateRangeOptions.h"
 
 #include <algorithm>
 #include <ostream>
@@ -45,20 +45,10 @@ json::Value occurrenceJSON(const Occurrence& occurrence) {
 } // namespace
 
 int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err) {
-    const auto from = dates::parseDayOrDateTime(options.from);
-    const auto to = dates::parseDayOrDateTime(options.to);
-    if (!from || !to) {
-        err << "morvane: " << (!from ? "--from" : "--to")
-            << " takes YYYY-MM-DD or an ISO 8601 date-time such as 2024-03-01T09:00:00Z or "
-               "2024-03-01T09:00:00+01:00, not '"
-            << (!from ? options.from : options.to) << "'.\n";
-        return exitUsage;
-    }
-    if (!(*from < *to)) {
-        err << "morvane: --to must be later than --from.\n";
-        return exitUsage;
-    }
-    if (!isFetchable({*from, *to})) {
+    const auto range = readDateRange(options.from, options.to, err);
+    if (!range) return exitUsage;
+    const auto [from, to] = *range;
+    if (!isFetchable({from, to})) {
         err << "morvane: the range may span at most " << longestSpanYears
             << " years: every year of it expands each repeating event again.\n";
         return exitUsage;
@@ -93,7 +83,7 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
             year.clear();
         };
         fetchYearByYear(
-            *store, {*from, *to},
+            *store, {from, to},
             [&year](std::shared_ptr<EKEvent> event) {
                 const auto key = liveOccurrenceKey(*event).value_or(0);
                 year.push_back({std::move(event), key});

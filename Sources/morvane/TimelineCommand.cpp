@@ -3,8 +3,8 @@
 #include "MorvaneCore/Backups/BackupCatalog.h"
 #include "MorvaneCore/Restore/RestoreEngine.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
-#include "MorvaneCore/Shared/DateInput.h"
 #include "morvane/CommandLine.h"
+#include "morvane/DateRangeOptions.h"
 
 #include <array>
 #include <ostream>
@@ -36,27 +36,17 @@ std::string rangeText(Date start, Date end, bool allDay) {
 } // namespace
 
 int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream& err) {
-    const auto from = dates::parseDayOrDateTime(options.from);
-    const auto to = dates::parseDayOrDateTime(options.to);
-    if (!from || !to) {
-        err << "morvane: " << (!from ? "--from" : "--to")
-            << " takes YYYY-MM-DD or an ISO 8601 date-time such as 2024-03-01T09:00:00Z or "
-               "2024-03-01T09:00:00+01:00, not '"
-            << (!from ? options.from : options.to) << "'.\n";
-        return exitUsage;
-    }
-    if (!(*from < *to)) {
-        err << "morvane: --to must be later than --from.\n";
-        return exitUsage;
-    }
-    if (dates::addingYears(*from, longestRangeInYears) < *to) {
+    const auto range = readDateRange(options.from, options.to, err);
+    if (!range) return exitUsage;
+    const auto [from, to] = *range;
+    if (dates::addingYears(from, longestRangeInYears) < to) {
         err << "morvane: a timeline covers at most " << longestRangeInYears << " years; narrow --from and --to.\n";
         return exitUsage;
     }
 
     RestoreEngine engine;
     engine.load(BackupCatalog::resolve(options.backup));
-    const auto items = engine.timeline({*from, *to});
+    const auto items = engine.timeline({from, to});
     engine.close();
 
     if (options.json) {

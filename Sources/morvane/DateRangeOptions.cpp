@@ -1,0 +1,24 @@
+#include "morvane/DateRangeOptions.h"
+
+#include "MorvaneCore/Shared/DateInput.h"
+
+namespace morvane::cli {
+
+std::optional<DateRange> readDateRange(const std::string& from, const std::string& to, std::ostream& err) {
+    const auto start = dates::parseDayOrDateTime(from);
+    const auto end = dates::parseDayOrDateTime(to);
+    if (!start || !end) {
+        err << "morvane: " << (!start ? "--from" : "--to")
+            << " takes YYYY-MM-DD or an ISO 8601 date-time such as 2024-03-01T09:00:00Z or "
+               "2024-03-01T09:00:00+01:00, not '"
+            << (!start ? from : to) << "'.\n";
+        return std::nullopt;
+    }
+    if (!(*start < *end)) {
+        err << "morvane: --to must be later than --from.\n";
+        return std::nullopt;
+    }
+    return DateRange{*start, *end};
+}
+
+} // namespace morvane::cli
