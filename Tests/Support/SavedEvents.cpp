@@ -1,5 +1,7 @@
 #include "Support/SavedEvents.h"
 
+#include <gtest/gtest.h>
+
 namespace morvane::testing {
 
 std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title, double start, double end,
@@ -14,6 +16,15 @@ std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title
     if (rule) event->recurrenceRules = {*rule};
     store.saveEvent(*event, EKSpan::futureEvents, true);
     return event;
+}
+
+std::shared_ptr<EKEvent> occurrenceAt(EKEventStore& store, const EKEvent& series, double start) {
+    for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(start, start + 3600, {}))) {
+        if (found->calendarItemIdentifier() == series.calendarItemIdentifier() && found->startDate == start)
+            return found;
+    }
+    ADD_FAILURE() << "no occurrence at " << start;
+    return nullptr;
 }
 
 } // namespace morvane::testing

@@ -16,4 +16,8 @@ std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title
                                    std::optional<EKRecurrenceRule> rule = std::nullopt,
                                    std::shared_ptr<const EKCalendar> calendar = nullptr);
 
+// The occurrence of `series` that starts at `start`; fails the test and gives nothing when there is
+// none.
+std::shared_ptr<EKEvent> occurrenceAt(EKEventStore& store, const EKEvent& series, double start);
+
 } // namespace morvane::testing

@@ -21,15 +21,6 @@ using testing::utc;
 
 class CompareCommandTest : public ::testing::Test {
 protected:
-    // The occurrence of `series` that starts at `at`.
-    std::shared_ptr<EKEvent> occurrence(EKEventStore& store, const EKEvent& series, double at) {
-        for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(at, at + 3600, {}))) {
-            if (found->calendarItemIdentifier() == series.calendarItemIdentifier()) return found;
-        }
-        ADD_FAILURE() << "no occurrence at " << at;
-        return nullptr;
-    }
-
     testing::TemporaryUser user;
     testing::FixedClock clock{utc(2024, 6, 1, 12)};
     ScopedReplacement<Clock> pinnedClock{clock};
@@ -45,7 +36,7 @@ TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAnd
     auto choir =
         testing::saveEvent(store, "Choir", utc(2024, 6, 5, 2), utc(2024, 6, 5, 4), testing::pinnedZone, weekly);
 
-    auto edited = occurrence(store, *choir, utc(2024, 6, 19, 2));
+    auto edited = testing::occurrenceAt(store, *choir, utc(2024, 6, 19, 2));
     edited->location = "Hall A";
     store.saveEvent(*edited, EKSpan::thisEvent, true);
 
@@ -60,8 +51,8 @@ TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAnd
     store.removeEvent(*dentist, EKSpan::thisEvent, true);
     review->title = "Quarterly review";
     store.saveEvent(*review, EKSpan::thisEvent, true);
-    store.removeEvent(*occurrence(store, *choir, utc(2024, 6, 12, 2)), EKSpan::thisEvent, true);
-    edited = occurrence(store, *choir, utc(2024, 6, 19, 2));
+    store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 6, 12, 2)), EKSpan::thisEvent, true);
+    edited = testing::occurrenceAt(store, *choir, utc(2024, 6, 19, 2));
     edited->location = "Hall B";
     store.saveEvent(*edited, EKSpan::thisEvent, true);
 

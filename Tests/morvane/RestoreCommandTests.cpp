@@ -25,15 +25,6 @@ using testing::utc;
 
 class RestoreCommandTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> occurrenceAt(const EKEvent& series, double start) {
-        for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(start, start + 3600, {}))) {
-            if (found->calendarItemIdentifier() == series.calendarItemIdentifier() && found->startDate == start)
-                return found;
-        }
-        ADD_FAILURE() << "no occurrence at " << start;
-        return nullptr;
-    }
-
     // A restore point of the calendars as they are, by its id in the list of backups.
     static std::string restorePoint() {
         EXPECT_EQ(runCommandLine({"snapshot", "--quiet"}).status, 0);
@@ -58,9 +49,9 @@ TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAnd
     weekly.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(6);
     auto choir =
         testing::saveEvent(store, "Choir", utc(2024, 3, 14, 17), utc(2024, 3, 14, 18), "Europe/Berlin", weekly);
-    store.removeEvent(*occurrenceAt(*choir, utc(2024, 3, 21, 17)), EKSpan::thisEvent, true);
-    store.removeEvent(*occurrenceAt(*choir, utc(2024, 4, 11, 16)), EKSpan::thisEvent, true);
-    auto moved = occurrenceAt(*choir, utc(2024, 4, 4, 16));
+    store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 3, 21, 17)), EKSpan::thisEvent, true);
+    store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 4, 11, 16)), EKSpan::thisEvent, true);
+    auto moved = testing::occurrenceAt(store, *choir, utc(2024, 4, 4, 16));
     moved->location = "Hall B";
     moved->startDate = utc(2024, 4, 4, 17);
     moved->endDate = utc(2024, 4, 4, 18);

@@ -47,15 +47,6 @@ struct Backup {
 
 class RestorerTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> occurrenceAt(const EKEvent& series, double start) {
-        for (const auto& found : store->eventsMatchingPredicate(store->predicateForEvents(start, start + 3600, {}))) {
-            if (found->calendarItemIdentifier() == series.calendarItemIdentifier() && found->startDate == start)
-                return found;
-        }
-        ADD_FAILURE() << "no occurrence at " << start;
-        return nullptr;
-    }
-
     // A series of six whose occurrences at `deleted` are gone and whose one at `edited` moved an
     // hour later into "Hall B"; times are instants.
     void saveChangedSeries(const std::string& title, double start, std::optional<std::string> zone,
@@ -65,8 +56,8 @@ protected:
         rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(6);
         const auto series = testing::saveEvent(*store, title, start, start + 3600, std::move(zone), rule);
         for (const auto at : deleted)
-            store->removeEvent(*occurrenceAt(*series, at), EKSpan::thisEvent, true);
-        auto moved = occurrenceAt(*series, edited);
+            store->removeEvent(*testing::occurrenceAt(*store, *series, at), EKSpan::thisEvent, true);
+        auto moved = testing::occurrenceAt(*store, *series, edited);
         moved->location = "Hall B";
         moved->startDate = edited + 3600;
         moved->endDate = edited + 7200;

@@ -18,15 +18,6 @@ using testing::utc;
 
 class TimelineTest : public ::testing::Test {
 protected:
-    std::shared_ptr<EKEvent> occurrenceAt(const EKEvent& series, double start) {
-        for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(start, start + 3600, {}))) {
-            if (found->calendarItemIdentifier() == series.calendarItemIdentifier() && found->startDate == start)
-                return found;
-        }
-        ADD_FAILURE() << "no occurrence at " << start;
-        return nullptr;
-    }
-
     // A restore point of the calendars as they are now, loaded into the engine.
     void loadBackup() {
         const auto file = folder.path() / "backup.calevents";
@@ -68,7 +59,7 @@ TEST_F(TimelineTest, LabelsEachOccurrenceAgainstTheBackup) {
                                    std::string(testing::pinnedZone), daily);
     loadBackup();
 
-    store.removeEvent(*occurrenceAt(*standup, utc(2024, 6, 10, 16)), EKSpan::thisEvent, true);
+    store.removeEvent(*testing::occurrenceAt(store, *standup, utc(2024, 6, 10, 16)), EKSpan::thisEvent, true);
     review->title = "Design review";
     store.saveEvent(*review, EKSpan::thisEvent, true);
     lunch->startDate = utc(2024, 6, 5, 21);

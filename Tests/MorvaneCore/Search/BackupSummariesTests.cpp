@@ -17,15 +17,6 @@ using testing::utc;
 
 class BackupSummariesTest : public ::testing::Test {
 protected:
-    // The occurrence of `series` that starts at `at`.
-    std::shared_ptr<EKEvent> occurrence(const EKEvent& series, double at) {
-        for (const auto& found : store.eventsMatchingPredicate(store.predicateForEvents(at, at + 3600, {}))) {
-            if (found->calendarItemIdentifier() == series.calendarItemIdentifier()) return found;
-        }
-        ADD_FAILURE() << "no occurrence at " << at;
-        return nullptr;
-    }
-
     // A copy of the live database as it is now, as a picked file.
     BackupSource backupNow(const std::string& name) {
         const auto path = user.home() / name / "Calendar.sqlitedb";
@@ -59,9 +50,9 @@ TEST_F(BackupSummariesTest, CountsWhatIsLostAndChangedAgainstALiveIndexKeptUntil
     store.removeEvent(*dentist, EKSpan::thisEvent, true);
     review->title = "Quarterly review";
     store.saveEvent(*review, EKSpan::thisEvent, true);
-    store.removeEvent(*occurrence(*choir, utc(2024, 6, 12, 2)), EKSpan::thisEvent, true);
+    store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 6, 12, 2)), EKSpan::thisEvent, true);
     // The next occurrence, taken out of the series and kept as an event of its own.
-    store.removeEvent(*occurrence(*choir, utc(2024, 6, 19, 2)), EKSpan::thisEvent, true);
+    store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 6, 19, 2)), EKSpan::thisEvent, true);
     testing::saveEvent(store, "Choir", utc(2024, 6, 19, 2), utc(2024, 6, 19, 4));
 
     EXPECT_EQ(summaries.summary(backup), (BackupSummaries::Summary{0, 0})) << "the index is kept";
