@@ -9,6 +9,8 @@ packages=(
     libsqlite3-dev sqlite3 libicu-dev libssl-dev nlohmann-json3-dev libplist-dev libical-dev
     libcli11-dev qt6-base-dev qt6-qpa-plugins fonts-dejavu-core
     libgtest-dev libgmock-dev libbenchmark-dev hyperfine time
+    libcurl4-openssl-dev libxml2-dev radicale chromium
+    lintian desktop-file-utils zsh fish groff man-db
 )
 
 missing=()
