@@ -1,5 +1,6 @@
 #pragma once
 
+#include "MorvanePlatform/CalDAVAccount.h"
 #include "MorvanePlatform/Error.h"
 #include "MorvanePlatform/Replaceable.h"
 
@@ -239,6 +240,9 @@ public:
     // The same over a database anywhere. An existing file is opened as found and not written to
     // until something is saved.
     explicit EKEventStore(const std::filesystem::path& databasePath);
+    // The calendars of an account on a CalDAV server. Throws EventStoreError when the server
+    // can't be reached or refuses the account.
+    explicit EKEventStore(const CalDAVAccount& account);
     ~EKEventStore();
     EKEventStore(const EKEventStore&) = delete;
     EKEventStore& operator=(const EKEventStore&) = delete;
