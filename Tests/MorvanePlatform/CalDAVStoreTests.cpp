@@ -85,6 +85,8 @@ private:
             (void)!write(connection, reply.data(), reply.size());
             close(connection);
         }
+        // Past its script the server is gone: connections are refused.
+        shutdown(listener_, SHUT_RDWR);
     }
 
     std::vector<std::string> answers_;
@@ -459,6 +461,48 @@ TEST(CalDAVStoreRefusals, WrongPasswordRedirectsPlainHTTPAndMalformedAnswersFail
                 testing::errorText([&] { EKEventStore again(accountAt(url)); });
         }
         EXPECT_EQ(server.requests(), test.requests);
+    }
+}
+
+// Two new events committed at once; the second write fails. The first is taken back, or the
+// failure names it.
+TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatIsLeft) {
+    struct Case {
+        const char* name;
+        std::vector<std::string> writes;
+        std::string expectedStart;
+        bool leftOne;
+    };
+    const auto created = ScriptedServer::answer("201 Created", "", "ETag: \"a1\"\r\n");
+    const std::vector<Case> cases = {
+        {"the second refused, the first deleted again",
+         {created, ScriptedServer::answer("412 Precondition Failed", ""), ScriptedServer::answer("204 No Content", "")},
+         "Second was changed on the server since it was read; nothing was written.",
+         false},
+        {"the server gone after the first", {created}, "The server of \"scripted\" couldn't be reached for PUT ", true},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        auto answers = oneCalendarDiscovery();
+        answers.push_back(ScriptedServer::answer("207 Multi-Status", multistatus("")));
+        answers.insert(answers.end(), test.writes.begin(), test.writes.end());
+        ScriptedServer server(answers);
+        EKEventStore store(accountAt(server.url()));
+        std::vector<std::shared_ptr<EKEvent>> events;
+        for (const char* title : {"First", "Second"}) {
+            auto event = EKEvent::eventWithEventStore(store);
+            event->title = title;
+            event->calendar = store.calendarWithIdentifier("/cal/");
+            event->startDate = utc(2024, 1, 2, 10);
+            event->endDate = utc(2024, 1, 2, 11);
+            store.saveEvent(*event, EKSpan::thisEvent, false);
+            events.push_back(event);
+        }
+        const auto text = testing::errorText([&] { store.commit(); });
+        EXPECT_EQ(text.substr(0, test.expectedStart.size()), test.expectedStart);
+        const auto left = "couldn't all be taken back: " + events[0]->calendarItemIdentifier() + " still hold";
+        EXPECT_EQ(text.find(left) != std::string::npos, test.leftOne) << text;
+        EXPECT_EQ(server.requests(), static_cast<int>(answers.size()));
     }
 }
 
