@@ -50,6 +50,9 @@ public:
     long request(const std::string& method, const std::string& path, const std::string& body = {},
                  const std::string& contentType = {}, std::string* answer = nullptr) const;
 
+    // The server's process, 0 when it isn't running: benchmarks read its CPU time.
+    pid_t process() const { return process_; }
+
     // Stops the server, or starts it again on the same port and storage.
     void stop();
     void start();
