@@ -407,8 +407,12 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
             }
         }
     }
+    // The event changes only once the write stands: a commit that fails leaves it as it was.
     const auto& saved = resources.at(savedID);
-    event.calendarItemIdentifier_ = saved.href;
+    const std::string href = saved.href;
+    const auto lastModified = saved.series.master ? saved.series.master->lastModified : std::nullopt;
+    if (commitNow) commit();
+    event.calendarItemIdentifier_ = href;
     event.rowID_ = savedID;
     event.masterRowID_ = detached ? savedID : 0;
     event.detached_ = detached;
@@ -425,9 +429,8 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
         event.externalIdentifier_ = uid;
     }
     event.eventIdentifier_ = calendarID + ":" + *event.externalIdentifier_;
-    event.lastModified_ = saved.series.master ? saved.series.master->lastModified : std::nullopt;
+    event.lastModified_ = lastModified;
     event.loadedRules_ = std::make_shared<const std::vector<EKRecurrenceRule>>(event.recurrenceRules);
-    if (commitNow) commit();
 }
 
 void EKEventStore::CalDAVStore::removeEvent(EKEvent& event, EKSpan span, bool commitNow) {
@@ -455,8 +458,8 @@ void EKEventStore::CalDAVStore::removeEvent(EKEvent& event, EKSpan span, bool co
             stage(*resource, editor.text(), false);
         }
     }
-    if (gone) event.rowID_ = 0;
     if (commitNow) commit();
+    if (gone) event.rowID_ = 0;
 }
 
 namespace {
