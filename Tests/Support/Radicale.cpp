@@ -185,7 +185,8 @@ long Radicale::request(const std::string& method, const std::string& path, const
     curl_easy_setopt(curl.get(), CURLOPT_USERNAME, adminUser);
     curl_easy_setopt(curl.get(), CURLOPT_PASSWORD, adminPassword);
     curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 30L);
+    // Long enough for radicale to read a large calendar cold on a busy machine.
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 600L);
     if (method == "GET" || method == "HEAD") {
         curl_easy_setopt(curl.get(), CURLOPT_NOBODY, method == "HEAD" ? 1L : 0L);
     } else {
