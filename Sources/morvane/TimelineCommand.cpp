@@ -59,7 +59,7 @@ int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream&
     }
 
     RestoreEngine engine;
-    engine.load(BackupCatalog::resolve(options.backup));
+    engine.loadWithoutComparing(BackupCatalog::resolve(options.backup));
     const auto items = engine.timeline({from, to});
     engine.close();
     if (options.html) {
