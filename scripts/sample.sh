@@ -6,7 +6,7 @@
 # a later state of the same calendars, compared with a restore point of the earlier one; a search
 # across the restore points for a deleted event and what each restore point lost since; the events
 # deleted since brought back from the restore point, and one deleted occurrence of a series seen
-# in a timeline and brought back; and the removal of everything Morvane keeps.
+# in a timeline (also drawn as a page) and brought back; and the removal of everything Morvane keeps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -98,12 +98,12 @@ echo "... (the whole comparison is in build/sample/compare-after.txt)"
 
 # The days around an occurrence deleted from a series that still lives, as the restore point held
 # them against now (only what differs is shown here), and that one occurrence brought back on its
-# own; the timeline then shows it unchanged.
+# own; the timeline then shows it unchanged. The same days, drawn, are in build/sample/timeline.html.
 day=$(python3 -c 'import json, sys; text = open(sys.argv[1]).read(); print([o["originalDate"][:10] for o in json.loads(text[text.index("{"):])["occurrenceChanges"] if o["kind"] == "deleted"][0])' \
     build/sample/compare.json)
 from=$(date -d "$day -2 days" +%Y-%m-%d)
 to=$(date -d "$day +2 days" +%Y-%m-%d)
-run timeline "$restorePoint" --from "$from" --to "$to" | grep -v '^= '
+run timeline "$restorePoint" --from "$from" --to "$to" --html build/sample/timeline.html | grep -v '^= '
 occurrence=$("$bin/morvane" timeline "$restorePoint" --from "$from" --to "$to" --json |
     python3 -c 'import json, sys; print([i["id"] for i in json.load(sys.stdin) if i["state"] == "deleted" and "|" in i["id"]][0])')
 run restore "$restorePoint" --occurrence "$occurrence" --yes

@@ -189,6 +189,7 @@ std::vector<Command> commands() {
                  ->required();
              command.add_option("--to", options->to, "End of the range, in the same forms")->required();
              command.add_flag("--json", options->json, "Print as JSON");
+             command.add_option("--html", options->html, "Also draw the range as one self-contained HTML page in FILE");
              return [options](std::ostream& out, std::ostream& err) { return runTimeline(*options, out, err); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",

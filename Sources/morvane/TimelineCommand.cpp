@@ -2,12 +2,16 @@
 
 #include "MorvaneCore/Backups/BackupCatalog.h"
 #include "MorvaneCore/Restore/RestoreEngine.h"
+#include "MorvaneCore/Restore/TimelinePage.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
+#include "MorvanePlatform/Files.h"
 #include "morvane/CommandLine.h"
 #include "morvane/DateRangeOptions.h"
 
 #include <array>
+#include <filesystem>
 #include <ostream>
+#include <string_view>
 
 namespace morvane::cli {
 namespace {
@@ -33,6 +37,16 @@ std::string rangeText(Date start, Date end, bool allDay) {
     return text;
 }
 
+// Private from its first byte (calendars are personal), and whole or not at all: a browser showing
+// the previous page never reads half of the new one.
+void writePage(const std::filesystem::path& path, std::string_view page) {
+    auto temporary = path;
+    temporary += ".tmp-" + files::randomUUID();
+    const files::TemporaryItem unfinished(temporary);
+    files::writePrivately(temporary, page);
+    files::moveItem(temporary, path);
+}
+
 } // namespace
 
 int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream& err) {
@@ -45,9 +59,12 @@ int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream&
     }
 
     RestoreEngine engine;
-    engine.load(BackupCatalog::resolve(options.backup));
+    engine.loadWithoutComparing(BackupCatalog::resolve(options.backup));
     const auto items = engine.timeline({from, to});
     engine.close();
+    if (options.html) {
+        writePage(*options.html, timelinePage(items, {from, to}, {}, options.backup));
+    }
 
     if (options.json) {
         auto list = json::Ordered::array();
@@ -68,6 +85,7 @@ int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream&
     out << "= unchanged  - deleted  ~ changed  > moved  + added\n"
         << counts[0] << " unchanged, " << counts[1] << " deleted, " << counts[2] << " changed (" << moved << " moved), "
         << counts[3] << " added\n";
+    if (options.html) out << "The page is in " << *options.html << ".\n";
     return exitSuccess;
 }
 

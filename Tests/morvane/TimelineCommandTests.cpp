@@ -1,10 +1,12 @@
 #include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/Files.h"
 #include "RunCommandLine.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -41,9 +43,17 @@ TEST_F(TimelineCommandTest, ShowsALostOccurrenceThatRestoreBringsBack) {
             store.removeEvent(*found, EKSpan::thisEvent, true);
     }
 
-    const auto before = runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06"});
+    const auto page = user.home() / "week.html";
+    const auto before = runCommandLine(
+        {"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--html", page.c_str()});
     ASSERT_EQ(before.status, 0) << before.err;
-    EXPECT_NE(before.out.find("2 unchanged, 1 deleted, 0 changed (0 moved), 0 added"), std::string::npos) << before.out;
+    EXPECT_NE(before.out.find("2 unchanged, 1 deleted, 0 changed (0 moved), 0 added\nThe page is in " + page.string() +
+                              ".\n"),
+              std::string::npos)
+        << before.out;
+    EXPECT_EQ(std::filesystem::status(page).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_NE(files::read(page).find("data-state=\"deleted\""), std::string::npos);
     const auto items = json::parse(
         runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--json"}).out);
     std::string lost;

@@ -115,6 +115,11 @@ std::vector<RestoreEngine::CalendarInfo> RestoreEngine::calendarList() {
 }
 
 Comparison RestoreEngine::load(const BackupSource& source) {
+    loadWithoutComparing(source);
+    return compare(false);
+}
+
+void RestoreEngine::loadWithoutComparing(const BackupSource& source) {
     close();
     ek_.requestAccess();
     // Held at once, so that a later `close` cleans up even when reading fails.
@@ -131,7 +136,6 @@ Comparison RestoreEngine::load(const BackupSource& source) {
     }
     allEvents_ = std::move(events);
     loadedSource_ = source;
-    return compare(false);
 }
 
 Comparison RestoreEngine::compare(bool useEventKit) {

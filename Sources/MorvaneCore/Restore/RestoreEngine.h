@@ -91,6 +91,9 @@ public:
     // failure the engine holds no loaded source (but may hold the opened backup, which `close`
     // releases).
     Comparison load(const BackupSource& source);
+    // As `load`, without the comparison, whose live index costs far more than reading the backup:
+    // for a front end that only browses (the timeline).
+    void loadWithoutComparing(const BackupSource& source);
     // The comparison again after the store has been told to forget what it cached; against the
     // store itself when `afterRestore`, since the live file may lag behind it.
     Comparison recompare(bool afterRestore);
