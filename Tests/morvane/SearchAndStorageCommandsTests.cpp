@@ -20,8 +20,7 @@ using testing::utc;
 class SearchAndStorageCommandsTest : public ::testing::Test {
 protected:
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
 };
 
 TEST_F(SearchAndStorageCommandsTest, SearchFindsADeletedEventInTheRestorePointsAndTheListCountsWhatWasLostSince) {
@@ -29,7 +28,7 @@ TEST_F(SearchAndStorageCommandsTest, SearchFindsADeletedEventInTheRestorePointsA
     auto dentist = testing::saveEvent(store, "Dentist Dr. Berg", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     testing::saveEvent(store, "Review", utc(2024, 6, 4, 16), utc(2024, 6, 4, 17));
     ASSERT_EQ(testing::runCommandLine({"snapshot", "--quiet"}).status, 0);
-    clock.set(utc(2024, 6, 2, 12));
+    clock->set(utc(2024, 6, 2, 12));
     store.removeEvent(*dentist, EKSpan::thisEvent, true);
     ASSERT_EQ(testing::runCommandLine({"snapshot", "--quiet"}).status, 0);
 
