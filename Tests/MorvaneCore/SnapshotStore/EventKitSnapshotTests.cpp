@@ -33,10 +33,6 @@ std::int64_t keyAt(double seconds) { return Date{seconds}.occurrenceKey(); }
 
 class EventKitSnapshotTest : public ::testing::Test {
 protected:
-    static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, int count) {
-        return {.frequency = frequency, .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count)};
-    }
-
     // A small document by hand: a single, a series with one detached occurrence, one calendar.
     static EventKitSnapshot document() {
         EventKitSnapshot made;
@@ -69,7 +65,7 @@ protected:
         master.snapshot.timeZone = "America/Los_Angeles";
         master.snapshot.calendarUUID = "CAL";
         master.snapshot.calendarName = "Home (On My Mac)";
-        master.snapshot.recurrence = RecurrenceRule::fromEK(rule(EKRecurrenceFrequency::weekly, 3));
+        master.snapshot.recurrence = RecurrenceRule::fromEK(testing::repeating(EKRecurrenceFrequency::weekly, 3));
         master.snapshot.alarms = {AlarmSpec::relative(-900), AlarmSpec::absolute(Date{utc(2024, 6, 3, 15)})};
 
         auto moved = master;
@@ -97,10 +93,10 @@ TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrence
     // Across midnight of 1 June 2025 local, where one fetched year ends and the next begins.
     saveEvent(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
     auto standup = saveEvent(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
-                             rule(EKRecurrenceFrequency::weekly, 6));
+                             testing::repeating(EKRecurrenceFrequency::weekly, 6));
     // 23:00 to 01:00 floating, the second night crossing the same year boundary.
     auto late = saveEvent(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
-                          rule(EKRecurrenceFrequency::daily, 3));
+                          testing::repeating(EKRecurrenceFrequency::daily, 3));
 
     const auto inMarch = [&] {
         auto events =
