@@ -46,17 +46,6 @@ TEST(AlarmSpecDescription, AbsoluteAlarmsAreShownInTheCurrentZone) {
     EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-02 07:30");
 }
 
-TEST(AlarmSpecOrder, RelativeAlarmsComeFirstThenAbsoluteByDate) {
-    std::vector<AlarmSpec> alarms = {
-        AlarmSpec::absolute(Date{100}), AlarmSpec::relative(86400 * 365), AlarmSpec::absolute(Date{-5e8}),
-        AlarmSpec::relative(-900),      AlarmSpec::relative(0),
-    };
-    std::sort(alarms.begin(), alarms.end());
-    EXPECT_EQ(alarms, (std::vector<AlarmSpec>{AlarmSpec::relative(-900), AlarmSpec::relative(0),
-                                              AlarmSpec::relative(86400 * 365), AlarmSpec::absolute(Date{-5e8}),
-                                              AlarmSpec::absolute(Date{100})}));
-}
-
 // --- Formatting ------------------------------------------------------------------------------
 
 TEST(EventSnapshotFormat, UsesUTCForFloatingAndTheCurrentZoneOtherwise) {
