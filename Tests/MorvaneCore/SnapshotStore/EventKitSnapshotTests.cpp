@@ -248,7 +248,7 @@ TEST_F(EventKitSnapshotTest, ColourIsTheFirstThreeComponentsCutTowardZero) {
 
 // ---- File form ----
 
-TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndWritesDatesAsNumbers) {
+TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndDecodesStrictly) {
     const auto snapshot = document();
     const auto bytes = snapshot.encoded();
     const auto text = compression::decompress(bytes);
@@ -270,29 +270,28 @@ TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndWrites
     EXPECT_EQ(file.at("occurrences").dump(), "{\"SERIES\":[739123200,739728000]}");
 
     EXPECT_EQ(EventKitSnapshot::decode(bytes), snapshot);
-}
 
-TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDecoded) {
-    const auto encode = [](const json::Ordered& file) {
-        return compression::compress(json::dumpKeepingOrder(file, false));
+    // Decoding is strict, and refuses a later version only once decoded.
+    const auto encode = [](const json::Ordered& form) {
+        return compression::compress(json::dumpKeepingOrder(form, false));
     };
-    auto file = document().json();
+    auto edited = document().json();
 
-    file["version"] = 0;
-    EXPECT_EQ(EventKitSnapshot::decode(encode(file)).version, 0);
+    edited["version"] = 0;
+    EXPECT_EQ(EventKitSnapshot::decode(encode(edited)).version, 0);
 
-    file["version"] = 2;
-    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
+    edited["version"] = 2;
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(edited)); }),
               "This snapshot was made by a newer version of Morvane.");
 
     // A later format that no longer decodes says so in the decoder's words.
-    file["events"][1].erase("calendarRowID");
-    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(file)); });
+    edited["events"][1].erase("calendarRowID");
+    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(edited)); });
     ASSERT_TRUE(error) << "an event without its calendar was accepted";
     EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound);
     EXPECT_EQ(error->codingPath(), "events[1]");
 
-    EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
+    EXPECT_THROW(EventKitSnapshot::decode(encode(edited).substr(0, 20)), lzfse::LzfseError);
     auto noStore = document().json();
     noStore["calendars"][0].erase("storeName");
     EXPECT_THROW(EventKitSnapshot::decode(encode(noStore)), json::DecodingError);
