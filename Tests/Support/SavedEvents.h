@@ -16,6 +16,11 @@ std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title
                                    std::optional<EKRecurrenceRule> rule = std::nullopt,
                                    std::shared_ptr<const EKCalendar> calendar = nullptr);
 
+// A rule of `frequency` that ends after `count` occurrences.
+inline EKRecurrenceRule repeating(EKRecurrenceFrequency frequency, int count) {
+    return {.frequency = frequency, .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count)};
+}
+
 // The occurrence of `series` that starts at `start`; fails the test and gives nothing when there is
 // none.
 std::shared_ptr<EKEvent> occurrenceAt(EKEventStore& store, const EKEvent& series, double start);

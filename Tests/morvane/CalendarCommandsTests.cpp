@@ -52,8 +52,7 @@ TEST_F(CalendarCommandsTest, OnAFreshMachineTheStoreIsCreatedWithOneWritableCale
 
 TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccurrence) {
     EKEventStore store;
-    EKRecurrenceRule yearly;
-    yearly.frequency = EKRecurrenceFrequency::yearly;
+    const EKRecurrenceRule yearly{.frequency = EKRecurrenceFrequency::yearly};
     // 1 January at 09:00 floating: every occurrence sits on a seam between two yearly fetches.
     const auto newYear = saveEvent(store, "New Year walk", utc(2023, 1, 1, 9) + 8 * 3600,
                                    utc(2023, 1, 1, 10) + 8 * 3600, std::nullopt, yearly);
@@ -90,10 +89,9 @@ TEST_F(CalendarCommandsTest, EventsListsOccurrencesOfTheRangeByStartOncePerOccur
 // date that can.
 TEST_F(CalendarCommandsTest, EventsOfDatesBeyondAnyYearEndQuicklyAndShowClamped) {
     EKEventStore store;
-    EKRecurrenceRule counted;
-    counted.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(1000000);
     for (int index = 0; index < 5; ++index)
-        saveEvent(store, "Ancient", -1e300, -1e300 + 3600, "UTC", counted);
+        saveEvent(store, "Ancient", -1e300, -1e300 + 3600, "UTC",
+                  testing::repeating(EKRecurrenceFrequency::daily, 1000000));
     saveEvent(store, "Always", -1e300, 1e300, "UTC");
 
     const testing::Deadline deadline(std::chrono::seconds(60), "listing events that begin before any year");

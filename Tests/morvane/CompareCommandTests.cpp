@@ -22,19 +22,15 @@ using testing::utc;
 class CompareCommandTest : public ::testing::Test {
 protected:
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
 };
 
 TEST_F(CompareCommandTest, ShowsEachDifferenceSinceARestorePointAsTextAndJSONAndTouchesNothing) {
     EKEventStore store;
     auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     auto review = testing::saveEvent(store, "Review", utc(2024, 6, 4, 16), utc(2024, 6, 4, 17));
-    EKRecurrenceRule weekly;
-    weekly.frequency = EKRecurrenceFrequency::weekly;
-    weekly.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(6);
-    auto choir =
-        testing::saveEvent(store, "Choir", utc(2024, 6, 5, 2), utc(2024, 6, 5, 4), testing::pinnedZone, weekly);
+    auto choir = testing::saveEvent(store, "Choir", utc(2024, 6, 5, 2), utc(2024, 6, 5, 4), testing::pinnedZone,
+                                    testing::repeating(EKRecurrenceFrequency::weekly, 6));
 
     auto edited = testing::occurrenceAt(store, *choir, utc(2024, 6, 19, 2));
     edited->location = "Hall A";

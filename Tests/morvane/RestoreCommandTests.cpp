@@ -1,10 +1,8 @@
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Database/CalendarDatabase.h"
-#include "MorvaneCore/Shared/EventKeys.h"
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/Files.h"
 #include "RunCommandLine.h"
-#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
 #include "Support/Pinned.h"
 #include "Support/SavedEvents.h"
@@ -12,7 +10,6 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sqlite3.h>
 
 namespace morvane {
@@ -44,11 +41,8 @@ protected:
 
 TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAndOnlyOnce) {
     // Weekly in Berlin across its change to summer time on 31 March.
-    EKRecurrenceRule weekly;
-    weekly.frequency = EKRecurrenceFrequency::weekly;
-    weekly.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(6);
-    auto choir =
-        testing::saveEvent(store, "Choir", utc(2024, 3, 14, 17), utc(2024, 3, 14, 18), "Europe/Berlin", weekly);
+    auto choir = testing::saveEvent(store, "Choir", utc(2024, 3, 14, 17), utc(2024, 3, 14, 18), "Europe/Berlin",
+                                    testing::repeating(EKRecurrenceFrequency::weekly, 6));
     store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 3, 21, 17)), EKSpan::thisEvent, true);
     store.removeEvent(*testing::occurrenceAt(store, *choir, utc(2024, 4, 11, 16)), EKSpan::thisEvent, true);
     auto moved = testing::occurrenceAt(store, *choir, utc(2024, 4, 4, 16));
@@ -99,32 +93,14 @@ TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAnd
     EXPECT_NE(restored.out.find("[" + id + "] Choir: Restored\n"), std::string::npos) << restored.out;
     EXPECT_NE(restored.out.find("] Dentist: Skipped\n    Still exists.\n"), std::string::npos) << restored.out;
 
-    // The live calendars show what they showed before, and the file holds the same series.
+    // The live calendars show what they showed before; the restorer's own tests check the rows.
     const auto after =
         json::parse(runCommandLine({"events", "--from", "2024-03-01", "--to", "2024-05-01", "--json"}).out);
     ASSERT_EQ(after.size(), before.size()) << after;
-    std::set<std::int64_t> shownKeys;
     for (size_t i = 0; i < after.size(); ++i) {
         for (const auto* field : {"title", "start", "end", "occurrenceKey", "isDetached", "timeZone"})
             EXPECT_EQ(after[i][field], before[i][field]) << i << " " << field;
-        shownKeys.insert(after[i]["occurrenceKey"].get<std::int64_t>());
     }
-    const auto copy = BackupLocator::stageCopy(BackupLocator::liveDBPath());
-    CalendarDatabase live(copy.file());
-    const auto events = live.loadEvents();
-    const auto master = std::find_if(events.begin(), events.end(),
-                                     [](const BackupEvent& e) { return e.title() == "Choir" && !e.masterRowID; });
-    ASSERT_NE(master, events.end());
-    const auto edited = std::find_if(events.begin(), events.end(),
-                                     [&](const BackupEvent& e) { return e.masterRowID == master->rowID; });
-    ASSERT_NE(edited, events.end());
-    EXPECT_EQ(edited->snapshot.location, "Hall B");
-    EXPECT_EQ(edited->start(), Date{utc(2024, 4, 4, 17)});
-    EXPECT_EQ(live.exceptionDates(master->rowID),
-              (std::vector<Date>{Date{utc(2024, 3, 21, 17)}, Date{utc(2024, 4, 11, 16)}}));
-    const auto cached = live.occurrences().dates.at(std::string(seriesKey(master->uniqueIdentifier)));
-    EXPECT_EQ(cached, shownKeys);
-
     EXPECT_EQ(json::parse(runCommandLine({"compare", backup.c_str(), "--json"}).out)["missing"], json::array());
     const auto again = runCommandLine({"restore", backup.c_str(), id.c_str(), "--yes", "--json"});
     ASSERT_EQ(again.status, 0) << again.err;
@@ -135,10 +111,12 @@ TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAnd
     EXPECT_TRUE(BackupLocator::stagedFolders().size() <= 1u);
 }
 
-TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndAnUnknownOneListsTheWritableCalendars) {
+// An unknown --into and a calendar locked by another writer write nothing; the backup stays as it was.
+TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndALockedCalendarFailsTheEventClearly) {
     const auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
     const auto backup = restorePoint();
     store.removeEvent(*dentist, EKSpan::thisEvent, true);
+    const auto backupBytes = files::read(backup.substr(backup.find(':') + 1));
 
     const auto unknown = runCommandLine({"restore", backup.c_str(), "1", "--into", "Nowhere", "--yes"});
     EXPECT_EQ(unknown.status, 2);
@@ -146,36 +124,22 @@ TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndAnUnknownOneListsTheWrita
               std::string::npos)
         << unknown.err;
 
-    const auto restored =
-        runCommandLine({"restore", backup.c_str(), "1", "--into", "Calendar (On My Mac)", "--yes", "--json"});
-    ASSERT_EQ(restored.status, 0) << restored.err;
-    const auto outcomes = json::parse(restored.out)["outcomes"];
-    ASSERT_EQ(outcomes.size(), 1u);
-    EXPECT_EQ(outcomes[0], (json{{"id", 1},
-                                 {"title", "Dentist"},
-                                 {"succeeded", true},
-                                 {"message", nullptr},
-                                 {"differences", json::array()}}));
-}
-
-TEST_F(RestoreCommandTest, ACalendarLockedByAnotherWriterFailsTheEventClearlyAndTheBackupStaysAsItWas) {
-    const auto dentist = testing::saveEvent(store, "Dentist", utc(2024, 6, 3, 16), utc(2024, 6, 3, 17));
-    const auto backup = restorePoint();
-    store.removeEvent(*dentist, EKSpan::thisEvent, true);
-    const auto backupBytes = files::read(backup.substr(backup.find(':') + 1));
-
     sqlite3* writer = nullptr;
     ASSERT_EQ(sqlite3_open(BackupLocator::liveDBPath().c_str(), &writer), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
     const auto locked = runCommandLine({"restore", backup.c_str(), "1", "--yes"});
     sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
     sqlite3_close(writer);
-
     EXPECT_EQ(locked.status, 1);
     EXPECT_NE(locked.out.find("[1] Dentist: Failed: "), std::string::npos) << locked.out;
     EXPECT_NE(locked.out.find("locked"), std::string::npos) << locked.out;
     EXPECT_EQ(files::read(backup.substr(backup.find(':') + 1)), backupBytes);
-    EXPECT_EQ(runCommandLine({"restore", backup.c_str(), "1", "--yes"}).status, 0);
+
+    const auto restored =
+        runCommandLine({"restore", backup.c_str(), "1", "--into", "Calendar (On My Mac)", "--yes", "--json"});
+    ASSERT_EQ(restored.status, 0) << restored.err;
+    EXPECT_EQ(json::parse(restored.out)["outcomes"], json::parse(R"([{"id": 1, "title": "Dentist", "succeeded": true,
+        "message": null, "differences": []}])"));
 }
 
 } // namespace

@@ -33,12 +33,9 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::RecordingToolLauncher tools;
-    ScopedReplacement<ToolLauncher> installedTools{tools};
-    testing::FixedClock clock{utc(2025, 8, 15, 19)}; // noon in the pinned zone
-    ScopedReplacement<Clock> installedClock{clock};
-    testing::FakeMachine laptop{"LAPTOP-ID", "Laptop"};
-    ScopedReplacement<Machine> installedMachine{laptop};
+    testing::Installed<testing::RecordingToolLauncher> tools;
+    testing::Installed<testing::FixedClock> clock{utc(2025, 8, 15, 19)}; // noon in the pinned zone
+    testing::Installed<testing::FakeMachine> laptop{"LAPTOP-ID", "Laptop"};
 };
 
 TEST_F(RestorePointCommandsTest, OnAFreshHomeASecondSnapshotFindsTheFirstUnchangedAndBackupsListsIt) {
@@ -46,7 +43,7 @@ TEST_F(RestorePointCommandsTest, OnAFreshHomeASecondSnapshotFindsTheFirstUnchang
     ASSERT_EQ(first.status, 0) << first.err;
     EXPECT_EQ(first.out, "Saved restore point 2025-08-15-120000 (0 events).\n");
 
-    clock.set(clock.now() + 3600);
+    clock->set(clock->now() + 3600);
     EXPECT_EQ(runCommandLine({"snapshot"}).out, "Unchanged since 2025-08-15-120000.\n");
     EXPECT_EQ(runCommandLine({"snapshot", "--quiet"}).out, "");
     const auto json = nlohmann::json::parse(runCommandLine({"snapshot", "--json"}).out);
@@ -57,7 +54,7 @@ TEST_F(RestorePointCommandsTest, OnAFreshHomeASecondSnapshotFindsTheFirstUnchang
     const auto listed = runCommandLine({"backups", "--no-time-machine"});
     EXPECT_EQ(listed.status, 0);
     EXPECT_EQ(listed.out, "Aug 15, 2025, 12:00\u202FPM  appSnapshot  Morvane snapshot\n");
-    EXPECT_TRUE(tools.commandLines().empty());
+    EXPECT_TRUE(tools->commandLines().empty());
 }
 
 TEST_F(RestorePointCommandsTest, ASecondComputerSeesTheFirstOnesCopiesAndReadsThem) {
@@ -77,8 +74,7 @@ TEST_F(RestorePointCommandsTest, ASecondComputerSeesTheFirstOnesCopiesAndReadsTh
 
     // Another home on another computer, whose calendars are empty.
     testing::TemporaryUser otherUser;
-    testing::FakeMachine desktop{"DESKTOP-ID", "Desktop"};
-    ScopedReplacement<Machine> onTheDesktop(desktop);
+    testing::Installed<testing::FakeMachine> desktop{"DESKTOP-ID", "Desktop"};
     ASSERT_EQ(runCommandLine({"copies", "enable", "--folder", folder.c_str()}).status, 0);
     const auto listed = runCommandLine({"backups", "--no-time-machine"});
     EXPECT_EQ(listed.out, "Aug 15, 2025, 12:00\u202FPM  iCloudSnapshot  iCloud \u00B7 Laptop\n");
@@ -108,17 +104,17 @@ TEST_F(RestorePointCommandsTest, CopiesAndTheTimerSayWhatIsMissing) {
                            "keeps in step.\n");
 
     // A session without a systemd user instance to talk to.
-    tools.answerPrefix(systemctl, {1, "Failed to connect to bus: No medium found\n"});
+    tools->answerPrefix(systemctl, {1, "Failed to connect to bus: No medium found\n"});
     const auto noBus = runCommandLine({"schedule", "enable"});
     EXPECT_EQ(noBus.status, 1);
     EXPECT_EQ(noBus.err, "morvane: There is no systemd user instance for this session (systemctl --user can't reach "
                          "it), so the hourly timer can't be turned on; run morvane snapshot from another scheduler "
                          "(such as cron) instead.\n");
 
-    tools.answer(std::string(systemctl) + "show morvane-snapshot.timer --property=LoadState --property=UnitFileState "
-                                          "--property=ActiveState --property=NextElapseUSecRealtime",
-                 {0, "LoadState=loaded\nUnitFileState=enabled\nActiveState=active\n"
-                     "NextElapseUSecRealtime=Fri 2025-08-15 13:00:00 PDT\n"});
+    tools->answer(std::string(systemctl) + "show morvane-snapshot.timer --property=LoadState --property=UnitFileState "
+                                           "--property=ActiveState --property=NextElapseUSecRealtime",
+                  {0, "LoadState=loaded\nUnitFileState=enabled\nActiveState=active\n"
+                      "NextElapseUSecRealtime=Fri 2025-08-15 13:00:00 PDT\n"});
     EXPECT_EQ(runCommandLine({"schedule", "status"}).out,
               "A restore point is taken every hour; the next at Fri 2025-08-15 13:00:00 PDT.\n");
 }

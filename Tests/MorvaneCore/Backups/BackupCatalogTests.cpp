@@ -33,6 +33,12 @@ constexpr const char* volumeUUID = "4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9";
 class BackupCatalogTest : public ::testing::Test {
 protected:
     Date stamp(const char* text) { return *dates::parseStamp(text); }
+    // The Time Machine part of the list, and its notes.
+    static std::pair<std::vector<BackupSource>, std::vector<std::string>> listTimeMachine() {
+        std::pair<std::vector<BackupSource>, std::vector<std::string>> listed;
+        BackupCatalog::listTimeMachine(listed.first, listed.second);
+        return listed;
+    }
 
     testing::TemporaryUser user;
     testing::Installed<testing::RecordingToolLauncher> tools;
@@ -43,10 +49,7 @@ TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
     tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates.txt")});
     tools->answer(listBackups, {0, recordedOutput("tools/tmutil-listbackups.txt")});
 
-    std::vector<BackupSource> sources;
-    std::vector<std::string> notes;
-    BackupCatalog::listTimeMachine(sources, notes);
-
+    const auto [sources, notes] = listTimeMachine();
     const std::string snapshotPath =
         "/Volumes/.timemachine/4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9/2024-02-26-093012.backup/2024-02-26-093012.backup";
     const std::string folderBackups = "/Volumes/Backup Disk [Old]/Backups.backupdb/Jane\u2019s MacBook (2019)/";
@@ -70,17 +73,6 @@ TEST_F(BackupCatalogTest, ListsLocalSnapshotsAndBackupsFromToolOutput) {
     EXPECT_TRUE(notes.empty());
 }
 
-// Without the tool at all, `morvane backups` says there is nothing to restore from.
-TEST_F(BackupCatalogTest, AHeadingOnlyGivesNothing) {
-    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
-    tools->answer(listBackups, {0, ""});
-    std::vector<BackupSource> sources;
-    std::vector<std::string> notes;
-    BackupCatalog::listTimeMachine(sources, notes);
-    EXPECT_TRUE(sources.empty());
-    EXPECT_TRUE(notes.empty());
-}
-
 TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
     const std::string fullDiskAccess = "Time Machine backups can't be listed without Full Disk Access.";
     const std::string notConnected = "The Time Machine backup disk isn't connected; only local snapshots are listed.";
@@ -94,20 +86,18 @@ TEST_F(BackupCatalogTest, TheToolsWordsChooseTheNoteAndSnapshotsStayListed) {
     for (const auto& [file, note] : cases) {
         for (int status : {0, 1, 80}) {
             tools->answer(listBackups, {status, recordedOutput(file)});
-            std::vector<BackupSource> sources;
-            std::vector<std::string> notes;
-            BackupCatalog::listTimeMachine(sources, notes);
+            const auto [sources, notes] = listTimeMachine();
             EXPECT_EQ(sources.size(), 3u) << file;
             EXPECT_EQ(notes, std::vector<std::string>{note}) << file << " status " << status;
         }
     }
 
-    // Error text beside a listed path is no reason for a note.
+    // Error text beside a listed path is no reason for a note; a heading alone lists nothing.
     tools->answer(listBackups, {1, "Failed to mount something\n/Volumes/B/Backups.backupdb/M/2024-03-01-101500\n"});
-    std::vector<BackupSource> sources;
-    std::vector<std::string> notes;
-    BackupCatalog::listTimeMachine(sources, notes);
-    EXPECT_TRUE(notes.empty());
+    EXPECT_TRUE(listTimeMachine().second.empty());
+    tools->answer(listSnapshots, {0, recordedOutput("tools/tmutil-listlocalsnapshotdates-heading-only.txt")});
+    tools->answer(listBackups, {0, ""});
+    EXPECT_EQ(listTimeMachine(), decltype(listTimeMachine()){});
 }
 
 TEST_F(BackupCatalogTest, SortsNewestFirstWithUndatedSourcesLastInListingOrder) {

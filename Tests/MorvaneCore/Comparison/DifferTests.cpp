@@ -33,15 +33,14 @@ protected:
             builder.addCalendar({.store = local, .title = "Work"});
         }
         store = std::make_shared<EKEventStore>();
-        EKRecurrenceRule daily;
-        EKRecurrenceRule weekly;
-        weekly.frequency = EKRecurrenceFrequency::weekly;
+        const auto daily = EKRecurrenceFrequency::daily;
+        const auto weekly = EKRecurrenceFrequency::weekly;
         const auto single = [&](const char* title, double start) {
             saved[title] = testing::saveEvent(*store, title, start, start + 3600);
         };
-        const auto series = [&](const char* title, double start, EKRecurrenceRule rule, int count) {
-            rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count);
-            saved[title] = testing::saveEvent(*store, title, start, start + 3600, testing::pinnedZone, rule);
+        const auto series = [&](const char* title, double start, EKRecurrenceFrequency frequency, int count) {
+            saved[title] = testing::saveEvent(*store, title, start, start + 3600, testing::pinnedZone,
+                                              testing::repeating(frequency, count));
         };
         single("Dentist", utc(2024, 6, 3, 16));
         single("Lunch", utc(2024, 6, 4, 19));
@@ -149,8 +148,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2024, 6, 1, 12)};
-    ScopedReplacement<Clock> pinnedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     std::shared_ptr<EKEventStore> store;
     // The events as first saved, by title.
     std::map<std::string, std::shared_ptr<EKEvent>> saved;

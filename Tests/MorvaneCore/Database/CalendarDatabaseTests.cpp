@@ -439,7 +439,8 @@ TEST_F(CalendarDatabaseTest, CalendarDirectoryMatchesFolderNamesThenOneICloudTit
     EXPECT_EQ(resolve("elsewhere", "Caf\u00e9")->title, "Cafe\u0301");
 }
 
-TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSorted) {
+// Rules: the first one that reads wins.
+TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSortedAndTheFirstUsableRuleWins) {
     auto& db = build();
     const auto calendar = db.addCalendar({.store = db.addStore({.defaultAlarmOffset = std::int64_t{-600},
                                                                 .defaultAllDayAlarmOffset = std::int64_t{-32400}})});
@@ -456,6 +457,12 @@ TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSorted) {
     db.addAlarm({.owner = allDay, .triggerInterval = nullptr, .defaultAlarm = std::int64_t{1}});
     // A default alarm where the store has no default disappears, whatever its own trigger.
     db.addAlarm({.owner = other, .triggerInterval = std::int64_t{-900}, .defaultAlarm = std::int64_t{1}});
+    db.addRecurrence(
+        {.owner = timed, .frequency = std::int64_t{2}, .interval = std::int64_t{2}, .specifier = "D=0MO,0WE"});
+    db.addRecurrence({.owner = timed, .frequency = std::int64_t{1}});
+    db.addRecurrence({.owner = allDay, .frequency = std::int64_t{9}});
+    db.addRecurrence({.owner = allDay, .frequency = nullptr, .interval = nullptr, .count = nullptr});
+    db.addRecurrence({.owner = allDay, .frequency = std::int64_t{3}, .interval = nullptr, .count = std::int64_t{5}});
     auto database = open();
 
     const auto events = database.events(std::nullopt);
@@ -464,26 +471,12 @@ TEST_F(CalendarDatabaseTest, AlarmsFollowTheDefaultRuleAndComeSorted) {
                                       AlarmSpec::absolute(Date{730944000.0})}));
     EXPECT_EQ(events[1].snapshot.alarms, std::vector<AlarmSpec>{AlarmSpec::relative(-32400)});
     EXPECT_TRUE(events[2].snapshot.alarms.empty());
-}
 
-TEST_F(CalendarDatabaseTest, TheFirstUsableRuleOfAnEventWins) {
-    auto& db = build();
-    const auto calendar = db.addCalendar({.store = db.addStore({})});
-    const auto first = db.addItem({.calendar = calendar});
-    const auto second = db.addItem({.calendar = calendar});
-    db.addRecurrence(
-        {.owner = first, .frequency = std::int64_t{2}, .interval = std::int64_t{2}, .specifier = "D=0MO,0WE"});
-    db.addRecurrence({.owner = first, .frequency = std::int64_t{1}});
-    db.addRecurrence({.owner = second, .frequency = std::int64_t{9}});
-    db.addRecurrence({.owner = second, .frequency = nullptr, .interval = nullptr, .count = nullptr});
-    db.addRecurrence({.owner = second, .frequency = std::int64_t{3}, .interval = nullptr, .count = std::int64_t{5}});
-    auto database = open();
-
-    const auto events = database.events(std::nullopt);
     ASSERT_TRUE(events[0].snapshot.recurrence.has_value());
     EXPECT_EQ(events[0].snapshot.recurrence->description(), "FREQ=WEEKLY;INTERVAL=2;BYDAY=MO,WE");
     ASSERT_TRUE(events[1].snapshot.recurrence.has_value());
     EXPECT_EQ(*events[1].snapshot.recurrence, *RecurrenceRule::fromDatabase(3, 1, 5, std::nullopt, std::nullopt));
+    EXPECT_FALSE(events[2].snapshot.recurrence);
 }
 
 TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {

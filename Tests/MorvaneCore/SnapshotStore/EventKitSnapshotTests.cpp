@@ -33,10 +33,6 @@ std::int64_t keyAt(double seconds) { return Date{seconds}.occurrenceKey(); }
 
 class EventKitSnapshotTest : public ::testing::Test {
 protected:
-    static EKRecurrenceRule rule(EKRecurrenceFrequency frequency, int count) {
-        return {.frequency = frequency, .recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(count)};
-    }
-
     // A small document by hand: a single, a series with one detached occurrence, one calendar.
     static EventKitSnapshot document() {
         EventKitSnapshot made;
@@ -69,7 +65,7 @@ protected:
         master.snapshot.timeZone = "America/Los_Angeles";
         master.snapshot.calendarUUID = "CAL";
         master.snapshot.calendarName = "Home (On My Mac)";
-        master.snapshot.recurrence = RecurrenceRule::fromEK(rule(EKRecurrenceFrequency::weekly, 3));
+        master.snapshot.recurrence = RecurrenceRule::fromEK(testing::repeating(EKRecurrenceFrequency::weekly, 3));
         master.snapshot.alarms = {AlarmSpec::relative(-900), AlarmSpec::absolute(Date{utc(2024, 6, 3, 15)})};
 
         auto moved = master;
@@ -97,10 +93,10 @@ TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrence
     // Across midnight of 1 June 2025 local, where one fetched year ends and the next begins.
     saveEvent(*store, "Overnight", utc(2025, 6, 1, 5), utc(2025, 6, 1, 9));
     auto standup = saveEvent(*store, "Standup", utc(2024, 3, 4, 17), utc(2024, 3, 4, 17, 30), testing::pinnedZone,
-                             rule(EKRecurrenceFrequency::weekly, 6));
+                             testing::repeating(EKRecurrenceFrequency::weekly, 6));
     // 23:00 to 01:00 floating, the second night crossing the same year boundary.
     auto late = saveEvent(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
-                          rule(EKRecurrenceFrequency::daily, 3));
+                          testing::repeating(EKRecurrenceFrequency::daily, 3));
 
     const auto inMarch = [&] {
         auto events =
@@ -252,7 +248,7 @@ TEST_F(EventKitSnapshotTest, ColourIsTheFirstThreeComponentsCutTowardZero) {
 
 // ---- File form ----
 
-TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndWritesDatesAsNumbers) {
+TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndDecodesStrictly) {
     const auto snapshot = document();
     const auto bytes = snapshot.encoded();
     const auto text = compression::decompress(bytes);
@@ -274,29 +270,28 @@ TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndWrites
     EXPECT_EQ(file.at("occurrences").dump(), "{\"SERIES\":[739123200,739728000]}");
 
     EXPECT_EQ(EventKitSnapshot::decode(bytes), snapshot);
-}
 
-TEST_F(EventKitSnapshotTest, DecodingIsStrictAndRefusesLaterVersionsOnlyOnceDecoded) {
-    const auto encode = [](const json::Ordered& file) {
-        return compression::compress(json::dumpKeepingOrder(file, false));
+    // Decoding is strict, and refuses a later version only once decoded.
+    const auto encode = [](const json::Ordered& form) {
+        return compression::compress(json::dumpKeepingOrder(form, false));
     };
-    auto file = document().json();
+    auto edited = document().json();
 
-    file["version"] = 0;
-    EXPECT_EQ(EventKitSnapshot::decode(encode(file)).version, 0);
+    edited["version"] = 0;
+    EXPECT_EQ(EventKitSnapshot::decode(encode(edited)).version, 0);
 
-    file["version"] = 2;
-    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(file)); }),
+    edited["version"] = 2;
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { EventKitSnapshot::decode(encode(edited)); }),
               "This snapshot was made by a newer version of Morvane.");
 
     // A later format that no longer decodes says so in the decoder's words.
-    file["events"][1].erase("calendarRowID");
-    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(file)); });
+    edited["events"][1].erase("calendarRowID");
+    const auto error = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(edited)); });
     ASSERT_TRUE(error) << "an event without its calendar was accepted";
     EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound);
     EXPECT_EQ(error->codingPath(), "events[1]");
 
-    EXPECT_THROW(EventKitSnapshot::decode(encode(file).substr(0, 20)), lzfse::LzfseError);
+    EXPECT_THROW(EventKitSnapshot::decode(encode(edited).substr(0, 20)), lzfse::LzfseError);
     auto noStore = document().json();
     noStore["calendars"][0].erase("storeName");
     EXPECT_THROW(EventKitSnapshot::decode(encode(noStore)), json::DecodingError);

@@ -4,6 +4,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserDefaults.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Mapped.h"
 
@@ -152,17 +153,12 @@ TEST_F(ICloudBackupTest, AnInterruptedSyncLeavesTheIndexAsItWasAndOnlyHiddenPart
     for (int failing = 1;; ++failing) {
         ASSERT_LT(failing, 30);
         restart();
-        testing::FailingFileSystem failingFiles(failing);
         bool threw = false;
         {
-            ScopedReplacement<FileSystem> failingInstalled(failingFiles);
-            try {
-                copies.sync(laptopStore, now);
-            } catch (const PlatformError&) {
-                threw = true;
-            }
+            testing::Installed<testing::FailingFileSystem> failingFiles(failing);
+            threw = testing::caught<PlatformError>([&] { copies.sync(laptopStore, now); }).has_value();
+            if (!failingFiles->failed()) break;
         }
-        if (!failingFiles.failed()) break;
         if (!threw) continue; // the failure was one the sync may drop: a leftover that stays
         EXPECT_EQ(files::read(folder / "index.json"), before) << failing;
         // Readers see whole files under their final names only.

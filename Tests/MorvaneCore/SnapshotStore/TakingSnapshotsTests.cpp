@@ -6,6 +6,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
+#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Mapped.h"
 #include "Support/SavedEvents.h"
@@ -93,8 +94,7 @@ protected:
     }
 
     testing::TemporaryUser user;
-    testing::FixedClock clock{utc(2025, 8, 15, 19)};
-    ScopedReplacement<Clock> installedClock{clock};
+    testing::Installed<testing::FixedClock> clock{utc(2025, 8, 15, 19)};
     CalendarArchive archive{user.home() / "Library/Application Support/Morvane/Snapshots"};
 };
 
@@ -105,9 +105,9 @@ TEST_F(TakingSnapshotsTest, TheLiveDatabaseIsSavedOnceThenFoundUnchangedWithoutT
         testing::saveEvent(live, "Standup", utc(2025, 8, 4, 16), utc(2025, 8, 4, 17));
     }
     files::createDirectories(archive.directory());
-    listOldRestorePoint(ago(Date{clock.now()}, 800));
+    listOldRestorePoint(ago(Date{clock->now()}, 800));
 
-    const auto first = archive.takeSnapshot(Date{clock.now()}, noEventStore());
+    const auto first = archive.takeSnapshot(Date{clock->now()}, noEventStore());
     ASSERT_EQ(first.which, Case::saved);
     EXPECT_EQ(first.entry.eventCount, 2);
     EXPECT_EQ(first.entry.format, std::nullopt);
@@ -117,9 +117,9 @@ TEST_F(TakingSnapshotsTest, TheLiveDatabaseIsSavedOnceThenFoundUnchangedWithoutT
     EXPECT_EQ(std::distance(fs::directory_iterator(archive.directory()), fs::directory_iterator()), 2);
 
     // The same calendars an hour later: nothing is written, and nothing is thinned either.
-    listOldRestorePoint(ago(Date{clock.now()}, 900));
+    listOldRestorePoint(ago(Date{clock->now()}, 900));
     const auto before = files::read(index());
-    const auto second = archive.takeSnapshot(Date{clock.now() + 3600}, noEventStore());
+    const auto second = archive.takeSnapshot(Date{clock->now() + 3600}, noEventStore());
     EXPECT_EQ(second.which, Case::unchanged);
     EXPECT_EQ(second.entry.stamp, first.entry.stamp);
     EXPECT_EQ(files::read(index()), before);
@@ -138,35 +138,30 @@ TEST_F(TakingSnapshotsTest, AFailingLiveDatabaseIsTriedFourTimesOnFreshCopiesTwo
     }
     {
         // A copy that can't be made won't be made two seconds later either: no second try.
-        testing::FailingFileSystem failingFiles(2);
-        ScopedReplacement<FileSystem> installed(failingFiles);
-        EXPECT_THROW(archive.takeSnapshot(Date{clock.now()}, noEventStore()), BackupLocatorError);
-        EXPECT_EQ(clock.sleeps, 0);
+        testing::Installed<testing::FailingFileSystem> failingFiles(2);
+        EXPECT_THROW(archive.takeSnapshot(Date{clock->now()}, noEventStore()), BackupLocatorError);
+        EXPECT_EQ(clock->sleeps, 0);
     }
     const auto healthy = files::read(live);
     std::string damaged = healthy;
     damaged.replace(damaged.size() / 2, 8192, std::string(8192, '\x7f'));
     files::write(live, damaged);
 
-    const auto start = clock.now();
-    try {
-        archive.takeSnapshot(Date{start}, noEventStore());
-        ADD_FAILURE() << "a damaged database was filed";
-    } catch (const SQLiteError& error) {
-        EXPECT_TRUE(error.description().starts_with("Database copy failed its integrity check")) << error.what();
-    }
-    EXPECT_EQ(clock.sleeps, 3);
+    const auto words =
+        testing::errorText<SQLiteError>([&] { archive.takeSnapshot(Date{clock->now()}, noEventStore()); });
+    EXPECT_TRUE(words.starts_with("Database copy failed its integrity check")) << words;
+    EXPECT_EQ(clock->sleeps, 3);
     EXPECT_FALSE(fs::exists(index()));
 
     // Mended while the third wait ran: the fourth attempt files it, 6 s of the clock later.
-    const auto mending = clock.now();
-    clock.sleeps = 0;
-    clock.whileSleeping = [&] {
-        if (clock.sleeps == 3) files::write(live, healthy);
+    const auto mending = clock->now();
+    clock->sleeps = 0;
+    clock->whileSleeping = [&] {
+        if (clock->sleeps == 3) files::write(live, healthy);
     };
-    const auto result = archive.takeSnapshot(Date{clock.now()}, noEventStore());
+    const auto result = archive.takeSnapshot(Date{clock->now()}, noEventStore());
     EXPECT_EQ(result.which, Case::saved);
-    EXPECT_DOUBLE_EQ(clock.now() - mending, 6.0);
+    EXPECT_DOUBLE_EQ(clock->now() - mending, 6.0);
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
 }
 
@@ -182,26 +177,20 @@ TEST_F(TakingSnapshotsTest, WithoutTheDatabaseTheEventStoreIsCapturedAndWithoutA
         ++made;
         return std::make_shared<EKEventStore>(elsewhere);
     };
-    const auto saved = archive.takeSnapshot(Date{clock.now()}, eventStore);
+    const auto saved = archive.takeSnapshot(Date{clock->now()}, eventStore);
     ASSERT_EQ(saved.which, Case::saved);
     EXPECT_EQ(saved.entry.format, "eventkit");
     EXPECT_TRUE(saved.entry.fingerprint.starts_with("ek:"));
     EXPECT_EQ(saved.entry.eventCount, 1);
     EXPECT_TRUE(fs::exists(archive.directory() / (saved.entry.stamp + ".calevents")));
-    EXPECT_EQ(archive.takeSnapshot(Date{clock.now() + 60}, eventStore).which, Case::unchanged);
+    EXPECT_EQ(archive.takeSnapshot(Date{clock->now() + 60}, eventStore).which, Case::unchanged);
     EXPECT_EQ(made, 2);
 
-    testing::ScriptedCalendarPermission permission;
-    permission.currentStatus = EKAuthorizationStatus::denied;
-    ScopedReplacement<CalendarPermission> denied(permission);
+    testing::Installed<testing::ScriptedCalendarPermission> permission;
+    permission->currentStatus = EKAuthorizationStatus::denied;
     CalendarAccess::forgetGrantForTesting();
-    try {
-        archive.takeSnapshot(Date{clock.now() + 120}, eventStore);
-        ADD_FAILURE() << "taken without access";
-    } catch (const RestoreError& error) {
-        EXPECT_EQ(error.description(), "Morvane needs Calendar access (System Settings → Privacy & Security → "
-                                       "Calendars) to take snapshots.");
-    }
+    EXPECT_EQ(testing::errorText<RestoreError>([&] { archive.takeSnapshot(Date{clock->now() + 120}, eventStore); }),
+              "Morvane needs Calendar access (System Settings → Privacy & Security → Calendars) to take snapshots.");
     EXPECT_EQ(made, 2);
 }
 
@@ -211,17 +200,14 @@ TEST_F(TakingSnapshotsTest, AFailingWriteLeavesTheIndexWholeAndEveryListedFileTh
     for (int failing = 1; !finished; ++failing) {
         testing::saveEvent(live, "Event " + std::to_string(failing), utc(2025, 8, 1, 16), utc(2025, 8, 1, 17));
         const auto before = fs::exists(index()) ? files::read(index()) : std::string();
-        clock.set(clock.now() + 3600);
-        testing::FailingFileSystem failingFiles(failing);
+        clock->set(clock->now() + 3600);
         {
-            ScopedReplacement<FileSystem> installed(failingFiles);
-            try {
-                archive.takeSnapshot(Date{clock.now()}, noEventStore());
-            } catch (const Error&) {
+            testing::Installed<testing::FailingFileSystem> failingFiles(failing);
+            if (testing::caught<Error>([&] { archive.takeSnapshot(Date{clock->now()}, noEventStore()); })) {
                 EXPECT_EQ(fs::exists(index()) ? files::read(index()) : std::string(), before) << failing;
             }
+            finished = !failingFiles->failed();
         }
-        finished = !failingFiles.failed();
         for (const auto& entry : archive.entries())
             EXPECT_TRUE(fs::exists(archive.fileURL(entry))) << failing;
         EXPECT_TRUE(BackupLocator::stagedFolders().empty()) << failing;

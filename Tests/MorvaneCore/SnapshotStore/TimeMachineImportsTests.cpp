@@ -86,7 +86,7 @@ protected:
     std::shared_ptr<CalendarArchive> archive = TimeMachineImports::forAppStoreEdition();
 };
 
-TEST_F(TimeMachineImportsTest, OnlyTheLatestBackupOfEachLocalDayIsPending) {
+TEST_F(TimeMachineImportsTest, OnlyTheLatestUncheckedBackupOfEachLocalDayIsPending) {
     listBackups({"2024-03-01-090000", "2024-03-01-170000", "2024-03-01-130000", "2024-03-01-235959",
                  "2024-03-02-000000", "Latest"},
                 {"2024-02-28-120000", "2024-03-02-000000"});
@@ -94,28 +94,25 @@ TEST_F(TimeMachineImportsTest, OnlyTheLatestBackupOfEachLocalDayIsPending) {
     EXPECT_EQ(pendingPaths(), (std::vector<std::string>{"snap:com.apple.TimeMachine.2024-02-28-120000.local",
                                                         "tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-235959",
                                                         "snap:com.apple.TimeMachine.2024-03-02-000000.local"}));
-}
 
-TEST_F(TimeMachineImportsTest, CheckedStampsAreNoLongerPendingButANewerBackupOfTheDayIs) {
-    listBackups({"2024-03-01-130000"});
-    fs::create_directories(archive->directory());
-    TimeMachineImports::markChecked("2024-03-01-130000", *archive);
-    EXPECT_TRUE(pendingPaths().empty());
-    listBackups({"2024-03-01-130000", "2024-03-01-170000"});
-    EXPECT_EQ(pendingPaths(), std::vector<std::string>{"tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-170000"});
-}
-
-TEST_F(TimeMachineImportsTest, ADamagedCheckedFileCountsAsEmptyAndMarksStaySorted) {
+    // A checked stamp is no longer pending, but a newer backup of its day is; a damaged list of
+    // checked stamps counts as empty.
     listBackups({"2024-03-01-130000"});
     fs::create_directories(archive->directory());
     for (const char* stored : {"[]", "not json", "[1, 2]", "{\"a\": 1}"}) {
         files::write(archive->directory() / "checked.json", stored);
         EXPECT_EQ(pendingPaths().size(), 1u) << stored;
     }
+    TimeMachineImports::markChecked("2024-03-01-130000", *archive);
+    EXPECT_TRUE(pendingPaths().empty());
+    listBackups({"2024-03-01-130000", "2024-03-01-170000"});
+    EXPECT_EQ(pendingPaths(), std::vector<std::string>{"tm:/Volumes/B/Backups.backupdb/Mac/2024-03-01-170000"});
+
+    // Marks stay sorted and unique.
     for (const char* stamp : {"2024-03-02-101500", "2024-01-01-000000", "2024-03-02-101500", "2024-02-01-000000"})
         TimeMachineImports::markChecked(stamp, *archive);
     EXPECT_EQ(files::read(archive->directory() / "checked.json"),
-              R"(["2024-01-01-000000","2024-02-01-000000","2024-03-02-101500"])");
+              R"(["2024-01-01-000000","2024-02-01-000000","2024-03-01-130000","2024-03-02-101500"])");
 }
 
 TEST_F(TimeMachineImportsTest, AnUndatedBackupIsRefusedAndMarksNothing) {
