@@ -59,7 +59,7 @@ TEST(TerminalOutputTest, ColorIsAnOptionOfTheProgramBeforeOrAfterTheCommand) {
 TEST(DocumentationTest, SynopsesShowPositionalsThenRequiredThenOptionalOptions) {
     const auto all = cli::documentation::commands();
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", "morvane COMMAND [--color WHEN] [--version]"},
+        {"", "morvane COMMAND [--color WHEN]"},
         {"plan", "morvane plan BACKUP ID... [--into CALENDAR] [--json]"},
         {"restore", "morvane restore BACKUP [ID...] [--occurrence ITEM_ID] [--into CALENDAR] [--yes] [--json]"},
         {"timeline", "morvane timeline BACKUP --from DATE --to DATE [--json]"},
