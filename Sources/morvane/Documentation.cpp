@@ -212,6 +212,7 @@ _morvane() {
     # The line is split here rather than taken from COMP_WORDS, which breaks source ids at their
     # colons. Without -r, a backslash keeps a blank inside a word, as the shell would.
     local line=${COMP_LINE:0:COMP_POINT} typed
+    # shellcheck disable=SC2162
     read -a typed <<<"$line"
     [[ $line == *[[:space:]] || ${#typed[@]} -eq 0 ]] && typed+=("")
     local cur=${typed[-1]} prev=""

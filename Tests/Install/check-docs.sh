@@ -30,7 +30,9 @@ morvane snapshot >/dev/null
 source "$generated/completions/morvane.bash"
 label=$(morvane calendars --labels | head -n 1)
 backup=$(morvane backups --ids --no-time-machine | head -n 1)
-[ -n "$label" ] && [ -n "$backup" ] || fail "the program lists no calendar or no restore point"
+if [ -z "$label" ] || [ -z "$backup" ]; then
+    fail "the program lists no calendar or no restore point"
+fi
 
 # What is typed, and the completions expected, one per line.
 cases=(
