@@ -5,16 +5,17 @@ set(CPACK_PACKAGE_NAME morvane)
 set(CPACK_PACKAGE_VENDOR Quillfen)
 set(CPACK_PACKAGE_CONTACT "Morvane maintainers <maintainers@quillfen.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "bring lost or changed calendar events back")
+# CPack puts the summary first, indents each line and marks the empty one as a paragraph break;
+# lines stay under 80 columns.
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "bring lost or changed calendar events back
- Morvane reads earlier states of the calendars (its own hourly restore points, their
- copies from other computers, Time Machine backups, folders of .ics files), compares
- them with the calendars as they are now, event by event and occurrence by occurrence,
- and writes back the events picked.
- .
- This package holds the command-line program morvane, the helper window
- MorvaneHelper, the lzfse tool, and the core library with its headers for programs
- built against it.")
+    "Morvane reads earlier states of the calendars (its own hourly restore
+points, their copies from other computers, Time Machine backups, folders
+of .ics files), compares them with the calendars as they are now, event
+by event and occurrence by occurrence, and writes back the events picked.
+
+This package holds the command-line program morvane, the helper window
+MorvaneHelper, the lzfse tool, and the core library with its headers for
+programs built against it.")
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
