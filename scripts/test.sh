@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything under AddressSanitizer and UndefinedBehaviorSanitizer, with warnings as
-# errors, and runs every test; runs clang-tidy over the product code; then each fuzz target
-# briefly. Formatting is checked first: it is the cheapest failure.
+# errors, and runs every test (the builds against the installed tree among them); runs clang-tidy
+# over the product code; builds and checks the Debian package; then each fuzz target briefly.
+# Formatting is checked first: it is the cheapest failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,5 +27,7 @@ if ! run-clang-tidy -p build/asan -quiet -j "$(nproc)" -extra-arg=-Wno-unknown-w
     exit 1
 fi
 echo "clang-tidy: no findings ($((SECONDS - started))s)"
+
+scripts/package.sh
 
 scripts/fuzz.sh

@@ -89,6 +89,11 @@ void printSources(const std::vector<BackupSource>& sources, const std::vector<st
 
 int runBackups(const BackupsOptions& options, std::ostream& out) {
     const auto listing = BackupCatalog::list(!options.noTimeMachine);
+    if (options.ids) {
+        for (const auto& source : listing.sources)
+            out << source.id() << '\n';
+        return exitSuccess;
+    }
     const auto* whenEmpty = options.noTimeMachine
                                 ? "No restore points or copies yet: morvane snapshot takes one."
                                 : "Nothing to restore from: no restore points, copies or Time Machine backups.";

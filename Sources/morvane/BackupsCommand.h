@@ -14,6 +14,7 @@ struct BackupsOptions {
     bool json = false;
     bool noTimeMachine = false;
     bool summaries = false;
+    bool ids = false; // only the sources' ids, one per line
 };
 
 // `morvane backups [--json] [--no-time-machine]`: everything that can be restored from, newest

@@ -27,6 +27,11 @@ std::string typeName(EKCalendarType type) {
 int runCalendars(const CalendarsOptions& options, std::ostream& out) {
     RestoreEngine engine;
     engine.requestCalendarAccess();
+    if (options.labels) {
+        for (const auto& [identifier, label] : engine.writableCalendars())
+            out << label << '\n';
+        return exitSuccess;
+    }
     std::map<std::string, std::shared_ptr<const EKCalendar>> byID;
     for (const auto& calendar : engine.eventKit().store()->calendarsForEntityType(EKEntityType::event))
         byID.emplace(calendar->calendarIdentifier, calendar);

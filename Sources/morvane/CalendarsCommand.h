@@ -6,6 +6,7 @@ namespace morvane::cli {
 
 struct CalendarsOptions {
     bool json = false;
+    bool labels = false; // only the labels of the writable calendars, one per line
 };
 
 // `morvane calendars [--json]`: every event calendar of the live store by group (an account that

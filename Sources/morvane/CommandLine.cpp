@@ -4,6 +4,7 @@
 #include "MorvanePlatform/Error.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
+#include "morvane/CommandTable.h"
 #include "morvane/CompareCommand.h"
 #include "morvane/CopiesCommand.h"
 #include "morvane/EventsCommand.h"
@@ -14,6 +15,7 @@
 #include "morvane/SearchCommand.h"
 #include "morvane/SnapshotCommand.h"
 #include "morvane/StorageCommand.h"
+#include "morvane/TerminalOutput.h"
 #include "morvane/TimeMachineCommand.h"
 #include "morvane/TimelineCommand.h"
 #include "morvane/UninstallCommand.h"
@@ -22,6 +24,8 @@
 #include <algorithm>
 #include <cctype>
 #include <functional>
+#include <map>
+#include <memory>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -36,7 +40,7 @@ namespace {
 struct Command {
     const char* name;
     const char* summary;
-    std::function<std::function<int(std::ostream&, std::ostream&)>(CLI::App&)> attach;
+    std::function<Runner(CLI::App&)> attach;
 };
 
 std::vector<Command> commands() {
@@ -50,12 +54,18 @@ std::vector<Command> commands() {
              command.add_flag("--summaries", options->summaries,
                               "Show how many events were deleted and changed since each backup, where no mount is "
                               "needed");
+             // For shell completion, so not in the help: one source id per line.
+             command.add_flag("--ids", options->ids, "Print only the sources' ids")->group("");
              return [options](std::ostream& out, std::ostream&) { return runBackups(*options, out); };
          }},
         {"calendars", "List the calendars of the live event store",
          [](CLI::App& command) {
              auto options = std::make_shared<CalendarsOptions>();
              command.add_flag("--json", options->json, "Print the list as JSON");
+             // For shell completion, so not in the help: what --into takes, one per line.
+             command
+                 .add_flag("--labels", options->labels, "Print only the labels of the calendars that can be written")
+                 ->group("");
              return [options](std::ostream& out, std::ostream&) { return runCalendars(*options, out); };
          }},
         {"compare", "Show what is gone or different in the calendars since a backup",
@@ -75,6 +85,7 @@ std::vector<Command> commands() {
              command.require_subcommand(1);
              auto* enable = command.add_subcommand("enable", "Name the shared folder, turn copies on and copy now");
              enable->add_option("--folder", options->folder, "An existing folder that a sync tool keeps in step")
+                 ->type_name("FOLDER")
                  ->required();
              enable->callback([options] { options->action = Action::enable; });
              command.add_subcommand("disable", "Turn copies off; the copies made stay")->callback([options] {
@@ -95,11 +106,13 @@ std::vector<Command> commands() {
          [](CLI::App& command) {
              auto options = std::make_shared<EventsOptions>();
              command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
+                 ->type_name("DATE")
                  ->required();
              command
                  .add_option("--to", options->to,
                              "End of the range, in the same forms; at most " + std::to_string(longestSpanYears) +
                                  " years after --from")
+                 ->type_name("DATE")
                  ->required();
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runEvents(*options, out, err); };
@@ -125,8 +138,10 @@ std::vector<Command> commands() {
              auto options = std::make_shared<PlanOptions>();
              command.add_option("BACKUP", options->backup, "What compare takes")->required();
              command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets")->required();
-             command.add_option("--into", options->into,
-                                "A calendar's identifier, its label 'Title (Account)' or a title only it has");
+             command
+                 .add_option("--into", options->into,
+                             "A calendar's identifier, its label 'Title (Account)' or a title only it has")
+                 ->type_name("CALENDAR");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runPlan(*options, out, err); };
          }},
@@ -135,10 +150,14 @@ std::vector<Command> commands() {
              auto options = std::make_shared<RestoreOptions>();
              command.add_option("BACKUP", options->backup, "What compare takes")->required();
              command.add_option("ID", options->ids, "Event ids as compare shows them, in brackets");
-             command.add_option("--occurrence", options->occurrence,
-                                "An item id as timeline shows it: that one occurrence comes back as a plain event");
-             command.add_option("--into", options->into,
-                                "A calendar's identifier, its label 'Title (Account)' or a title only it has");
+             command
+                 .add_option("--occurrence", options->occurrence,
+                             "An item id as timeline shows it: that one occurrence comes back as a plain event")
+                 ->type_name("ITEM_ID");
+             command
+                 .add_option("--into", options->into,
+                             "A calendar's identifier, its label 'Title (Account)' or a title only it has")
+                 ->type_name("CALENDAR");
              command.add_flag("--yes", options->yes, "Restore without asking (needed without a terminal)");
              command.add_flag("--json", options->json, "Print as JSON");
              return [options](std::ostream& out, std::ostream& err) { return runRestore(*options, out, err); };
@@ -186,8 +205,11 @@ std::vector<Command> commands() {
              auto options = std::make_shared<TimelineOptions>();
              command.add_option("BACKUP", options->backup, "What compare takes")->required();
              command.add_option("--from", options->from, "YYYY-MM-DD (local midnight) or an ISO 8601 date-time")
+                 ->type_name("DATE")
                  ->required();
-             command.add_option("--to", options->to, "End of the range, in the same forms")->required();
+             command.add_option("--to", options->to, "End of the range, in the same forms")
+                 ->type_name("DATE")
+                 ->required();
              command.add_flag("--json", options->json, "Print as JSON");
              command.add_option("--html", options->html, "Also draw the range as one self-contained HTML page in FILE");
              return [options](std::ostream& out, std::ostream& err) { return runTimeline(*options, out, err); };
@@ -267,10 +289,13 @@ std::optional<std::string> unknownWord(CLI::App& app, int argc, const char* cons
                 word.substr(2, word.find('=') == std::string::npos ? std::string::npos : word.find('=') - 2);
             std::vector<std::string> names;
             const CLI::Option* known = nullptr;
-            for (const auto* option : command->get_options()) {
-                for (const auto& longName : option->get_lnames()) {
-                    names.push_back("--" + longName);
-                    if (longName == name) known = option;
+            // The program's own options (--color) hold after a command's name too.
+            for (const CLI::App* level = command; level; level = level->get_parent()) {
+                for (const auto* option : level->get_options()) {
+                    for (const auto& longName : option->get_lnames()) {
+                        names.push_back("--" + longName);
+                        if (longName == name && !known) known = option;
+                    }
                 }
             }
             if (known) {
@@ -309,28 +334,23 @@ std::optional<std::string> unknownWord(CLI::App& app, int argc, const char* cons
 
 // Parses the arguments and runs the command they select.
 int dispatch(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-    CLI::App app("Morvane brings lost or changed calendar events back.", "morvane");
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "morvane " MORVANE_VERSION, "Print the version and exit");
-    std::function<int(std::ostream&, std::ostream&)> selected;
-    for (const auto& command : commands()) {
-        auto* subcommand = app.add_subcommand(command.name, command.summary);
-        auto runner = command.attach(*subcommand);
-        subcommand->final_callback([&selected, runner] { selected = runner; });
-    }
+    setColorChoice(ColorChoice::automatic);
+    ProgramOptions program;
+    Runner selected;
+    const auto app = makeProgram(program, selected);
 
-    if (const auto complaint = unknownWord(app, argc, argv)) {
+    if (const auto complaint = unknownWord(*app, argc, argv)) {
         err << *complaint;
         return exitUsage;
     }
     try {
-        app.parse(argc, argv);
+        app->parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         const bool help = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
-        app.exit(error, out, err);
+        app->exit(error, out, err);
         return help ? exitSuccess : exitUsage;
     }
-
+    setColorChoice(program.color);
     return selected(out, err);
 }
 
@@ -343,18 +363,38 @@ std::string oneLine(std::string text) {
 
 } // namespace
 
+std::unique_ptr<CLI::App> makeProgram(ProgramOptions& program, Runner& selected) {
+    auto app = std::make_unique<CLI::App>("Morvane brings lost or changed calendar events back.", "morvane");
+    app->require_subcommand(1);
+    app->fallthrough();
+    app->set_version_flag("--version", "morvane " MORVANE_VERSION, "Print the version and exit");
+    app->add_option("--color", program.color,
+                    "Colour the output: auto (on a terminal, unless NO_COLOR is set), always or never")
+        ->type_name("WHEN")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, ColorChoice>{{"auto", ColorChoice::automatic},
+                                                                               {"always", ColorChoice::always},
+                                                                               {"never", ColorChoice::never}},
+                                            CLI::ignore_case));
+    for (const auto& command : commands()) {
+        auto* subcommand = app->add_subcommand(command.name, command.summary);
+        auto runner = command.attach(*subcommand);
+        subcommand->final_callback([&selected, runner] { selected = runner; });
+    }
+    return app;
+}
+
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
     // Whatever a command lets through ends it with a status of its own, never with an abort.
     try {
         return dispatch(argc, argv, out, err);
     } catch (const Error& error) {
-        err << "morvane: " << error.description() << '\n';
+        err << failurePrefix(err) << error.description() << '\n';
     } catch (const std::bad_alloc&) {
-        err << "morvane: out of memory.\n";
+        err << failurePrefix(err) << "out of memory.\n";
     } catch (const std::exception& error) {
-        err << "morvane: " << oneLine(error.what()) << '\n';
+        err << failurePrefix(err) << oneLine(error.what()) << '\n';
     } catch (...) {
-        err << "morvane: the command failed for an unknown reason.\n";
+        err << failurePrefix(err) << "the command failed for an unknown reason.\n";
     }
     return exitFailure;
 }

@@ -6,6 +6,7 @@
 #include "MorvanePlatform/Files.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CommandLine.h"
+#include "morvane/TerminalOutput.h"
 
 #include <ostream>
 
@@ -20,18 +21,23 @@ std::string bar(int done, int total) {
            "]";
 }
 
-// A line per backup as its copy starts, flushed so that a long copy shows which one it is.
+// A line per backup as its copy starts, flushed so that a long copy shows which one it is; the
+// bar only for a person at a terminal, as it means nothing in a log.
 class PrintedProgress final : public ImportRun::Progress {
 public:
-    explicit PrintedProgress(std::ostream& out) : out_(out) {}
+    explicit PrintedProgress(std::ostream& out) : out_(out), bars_(isTerminal(out)) {}
     void copying(const ImportRun::Phase& importing) override {
         if (importing.current.empty()) return;
-        out_ << bar(importing.done, importing.total) << ' ' << ImportRun::copyingLabel(importing) << "  "
-             << importing.current << std::endl;
+        if (bars_) out_ << bar(importing.done, importing.total) << ' ';
+        out_ << ImportRun::copyingLabel(importing) << "  " << importing.current << std::endl;
+    }
+    void finished(int checked) {
+        if (bars_) out_ << bar(checked, checked) << '\n';
     }
 
 private:
     std::ostream& out_;
+    const bool bars_;
 };
 
 int runImport(std::ostream& out, std::ostream& err) {
@@ -53,7 +59,7 @@ int runImport(std::ostream& out, std::ostream& err) {
 
     PrintedProgress progress(out);
     const auto result = ImportRun::copyAll(before.sources, *archive, progress);
-    out << bar(result.checked, result.checked) << '\n';
+    progress.finished(result.checked);
     out << ImportRun::headline(result) << '\n';
     if (const auto advice = ImportRun::failureAdvice(result)) out << *advice << '\n';
     // What is still to copy after the run: the backups that failed, and any that came meanwhile.

@@ -1,0 +1,16 @@
+# find_package(MorvaneCore): the target MorvaneCore::MorvaneCore. The libraries are static, so the
+# libraries they are built on are found here too.
+include(CMakeFindDependencyMacro)
+find_dependency(PkgConfig)
+find_dependency(SQLite3)
+find_dependency(OpenSSL)
+find_dependency(nlohmann_json 3.10)
+foreach(morvane_module ICU PLIST ICAL)
+    if(NOT TARGET PkgConfig::${morvane_module})
+        set(morvane_packages_ICU icu-uc icu-i18n)
+        set(morvane_packages_PLIST libplist-2.0)
+        set(morvane_packages_ICAL libical)
+        pkg_check_modules(${morvane_module} REQUIRED QUIET IMPORTED_TARGET ${morvane_packages_${morvane_module}})
+    endif()
+endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/MorvaneCoreTargets.cmake)
