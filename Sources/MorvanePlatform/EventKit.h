@@ -243,7 +243,9 @@ public:
     // until something is saved.
     explicit EKEventStore(const std::filesystem::path& databasePath);
     // The calendars of an account on a CalDAV server. Throws EventStoreError when the server
-    // can't be reached or refuses the account.
+    // can't be reached or refuses the account. Writes rewrite whole resources on the server at
+    // `commit`, each only if the server still holds what was read; a commit that fails takes back
+    // what it had written and says what, if anything, is left.
     explicit EKEventStore(const CalDAVAccount& account);
     ~EKEventStore();
     EKEventStore(const EKEventStore&) = delete;
@@ -252,6 +254,7 @@ public:
     // The home folder's "Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb".
     static std::filesystem::path defaultDatabasePath();
 
+    // Empty for a CalDAV account, which has no database.
     const std::filesystem::path& databasePath() const;
 
     static EKAuthorizationStatus authorizationStatusForEntityType(EKEntityType type);
@@ -294,10 +297,11 @@ public:
 
 private:
     // The store behind this interface (EventStore/EventStoreImplementation.h): the local event
-    // store today, another kind of account beside it later. Implementations are nested so that
-    // they may set the objects' store-only fields.
+    // store or a CalDAV account. Implementations are nested so that they may set the objects'
+    // store-only fields.
     class Implementation;
     class LocalStore;
+    class CalDAVStore;
     std::unique_ptr<Implementation> impl_;
 };
 

@@ -1,11 +1,578 @@
-#include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/EventStore/CalDAV/CalDAVStore.h"
 
-#include "MorvanePlatform/EventStore/EventStoreImplementation.h"
+#include "MorvanePlatform/CalendarDates.h"
+#include "MorvanePlatform/EventStore/CalDAV/Collections.h"
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
+#include "MorvanePlatform/EventStore/ZoneOffsets.h"
+#include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/SystemLog.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
 
 namespace morvane {
 
-EKEventStore::EKEventStore(const CalDAVAccount& account) {
-    throw EventStoreError("CalDAV accounts aren't supported yet: \"" + account.name + "\" can't be opened.");
+EKEventStore::EKEventStore(const CalDAVAccount& account) : impl_(std::make_unique<CalDAVStore>(account)) {}
+
+namespace {
+
+using caldav::EventFields;
+using caldav::occurrenceKey;
+
+constexpr double secondsPerDay = 86400;
+// Wider than any zone's offset, so that expanding on the wall clock misses no occurrence.
+constexpr double padding = 2 * secondsPerDay;
+
+bool overlaps(double start, double end, double spanStart, double spanEnd) {
+    // An event of no length counts at its start.
+    return start < spanEnd && (end > spanStart || start >= spanStart);
+}
+
+void checkSavable(const EKEvent& event) {
+    if (!event.startDate) throw EventStoreError("No start date has been set.");
+    if (!event.endDate) throw EventStoreError("No end date has been set.");
+    if (!std::isfinite(*event.startDate) || !std::isfinite(*event.endDate) || *event.endDate < *event.startDate) {
+        throw EventStoreError("The start date must be before the end date.");
+    }
+    for (const auto& rule : event.recurrenceRules) {
+        if (!recurrence::isValid(rule)) throw EventStoreError("The recurrence rule is invalid.");
+    }
+}
+
+bool isSeries(const caldav::SeriesResource& series) { return series.master && series.rule; }
+
+std::string titleOf(const caldav::SeriesResource& series) {
+    if (series.master && series.master->title) return *series.master->title;
+    if (!series.overrides.empty() && series.overrides.front().title) return *series.overrides.front().title;
+    return "An event";
+}
+
+// A resource name for a UID: the characters a path keeps as they are.
+std::string fileNameFor(const std::string& uid) {
+    std::string name;
+    for (const char c : uid) {
+        const bool plain = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.';
+        name += plain ? c : '_';
+    }
+    return name + ".ics";
+}
+
+} // namespace
+
+EKEventStore::CalDAVStore::CalDAVStore(const CalDAVAccount& account) : client(account) {
+    auto made = std::make_shared<EKSource>();
+    made->sourceIdentifier = account.url;
+    made->title = account.name;
+    source = std::move(made);
+    discover();
+}
+
+void EKEventStore::CalDAVStore::discover() {
+    const auto found = caldav::discoverCalendars(client);
+    std::map<std::string, CalendarState> kept;
+    calendars.clear();
+    for (const auto& collection : found) {
+        auto calendar = std::make_shared<EKCalendar>();
+        calendar->calendarIdentifier = collection.href;
+        calendar->title = collection.title;
+        calendar->type = collection.subscribed ? EKCalendarType::subscription : EKCalendarType::calDAV;
+        calendar->source = source;
+        calendar->colorComponents = collection.colorComponents;
+        calendar->allowsContentModifications = collection.writable;
+        calendar->rowID_ = static_cast<std::int64_t>(calendars.size() + 1);
+        auto& state = kept[collection.href];
+        if (const auto old = states.find(collection.href); old != states.end()) state = std::move(old->second);
+        state.calendar = calendar;
+        calendars.push_back(std::move(calendar));
+    }
+    states = std::move(kept);
+}
+
+std::vector<std::shared_ptr<const EKCalendar>> EKEventStore::CalDAVStore::calendarsForEntityType(EKEntityType type) {
+    if (type != EKEntityType::event) return {};
+    return calendars;
+}
+
+std::shared_ptr<const EKCalendar> EKEventStore::CalDAVStore::calendarWithIdentifier(const std::string& identifier) {
+    const auto found = states.find(identifier);
+    return found == states.end() ? nullptr : found->second.calendar;
+}
+
+std::int64_t EKEventStore::CalDAVStore::idOf(const std::string& href) {
+    const auto [at, added] = idByHref.emplace(href, nextID);
+    if (added) ++nextID;
+    return at->second;
+}
+
+EKEventStore::CalDAVStore::CalendarState& EKEventStore::CalDAVStore::loaded(const std::string& calendarIdentifier) {
+    auto& state = states.at(calendarIdentifier);
+    if (state.loaded) return state;
+    std::vector<std::int64_t> ids;
+    std::map<std::int64_t, Resource> read;
+    caldav::fetchResources(client, calendarIdentifier, [&](caldav::FetchedResource& fetched) {
+        Resource resource;
+        try {
+            resource.series = caldav::readResource(fetched.text);
+        } catch (const EventStoreError& error) {
+            // One unreadable resource doesn't hide the calendar's others.
+            SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
+                                       "\": it can't be read as iCalendar (" + error.description() + ").");
+            return;
+        }
+        resource.id = idOf(fetched.href);
+        resource.calendar = calendarIdentifier;
+        resource.href = std::move(fetched.href);
+        resource.etag = std::move(fetched.etag);
+        resource.serverText = std::move(fetched.text);
+        resource.onServer = true;
+        ids.push_back(resource.id);
+        read.emplace(resource.id, std::move(resource));
+    });
+    for (auto& [id, resource] : read)
+        resources.insert_or_assign(id, std::move(resource));
+    state.resources = std::move(ids);
+    state.loaded = true;
+    return state;
+}
+
+void EKEventStore::CalDAVStore::loadAll() {
+    for (const auto& calendar : calendars)
+        loaded(calendar->calendarIdentifier);
+}
+
+EKEventStore::CalDAVStore::Resource* EKEventStore::CalDAVStore::resourceAt(std::int64_t id) {
+    const auto found = resources.find(id);
+    if (found == resources.end() || found->second.pendingRemoval) return nullptr;
+    return &found->second;
+}
+
+std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeEvent(const Resource& resource,
+                                                              const EventFields& fields) const {
+    auto event = std::make_shared<EKEvent>();
+    event->title = fields.title;
+    if (const auto state = states.find(resource.calendar); state != states.end())
+        event->calendar = state->second.calendar;
+    event->startDate = caldav::momentOf(fields.zone, fields.start);
+    event->endDate = caldav::momentOf(fields.zone, fields.end);
+    event->allDay = fields.allDay;
+    event->timeZone = fields.zone;
+    event->location = fields.location;
+    event->notes = fields.notes;
+    event->URL = fields.url;
+    const auto& series = resource.series;
+    if (series.rule) event->recurrenceRules = {*series.rule};
+    event->loadedRules_ = std::make_shared<const std::vector<EKRecurrenceRule>>(event->recurrenceRules);
+    event->alarms = fields.alarms;
+    event->calendarItemIdentifier_ = resource.href;
+    event->externalIdentifier_ = series.uid;
+    event->eventIdentifier_ = resource.calendar + ":" + series.uid;
+    event->hasAttendees_ = fields.hasAttendees;
+    event->lastModified_ = fields.lastModified;
+    event->rowID_ = resource.id;
+    event->occurrenceDate_ = event->startDate;
+    if (series.rule) event->originalStored_ = fields.start;
+    return event;
+}
+
+std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeDetached(const Resource& resource,
+                                                                 const EventFields& fields) const {
+    auto event = makeEvent(resource, fields);
+    const double original = fields.recurrenceID.value_or(fields.start);
+    const auto& master = resource.series.master;
+    const std::string uid = resource.series.uid + "/RID=" + std::to_string(occurrenceKey(original));
+    event->externalIdentifier_ = uid;
+    event->eventIdentifier_ = resource.calendar + ":" + uid;
+    event->originalStored_ = original;
+    event->occurrenceDate_ = caldav::momentOf(master ? master->zone : fields.zone, original);
+    event->detached_ = true;
+    event->masterRowID_ = resource.id;
+    return event;
+}
+
+void EKEventStore::CalDAVStore::appendEvents(const Resource& resource, double spanStart, double spanEnd,
+                                             std::vector<std::shared_ptr<EKEvent>>& events) const {
+    const auto& series = resource.series;
+    for (const auto& fields : series.overrides) {
+        const double start = caldav::momentOf(fields.zone, fields.start);
+        const double end = caldav::momentOf(fields.zone, fields.end);
+        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeDetached(resource, fields));
+    }
+    if (!series.master) return;
+    const auto& master = *series.master;
+    if (!series.rule) {
+        const double start = caldav::momentOf(master.zone, master.start);
+        const double end = caldav::momentOf(master.zone, master.end);
+        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeEvent(resource, master));
+        return;
+    }
+    // A series is expanded on the wall clock of its zone, as the local store expands it.
+    if (!(master.start >= earliestRepresentable && master.start < latestRepresentable)) return;
+    if (master.start >= spanEnd + padding) return;
+    const auto& rule = *series.rule;
+    auto current = ZoneOffsets::current();
+    std::optional<ZoneOffsets> named;
+    if (master.zone) named.emplace(*master.zone);
+    auto& zone = named ? *named : current;
+    const double duration = std::max(0.0, master.end - master.start);
+    std::optional<double> untilWallClock;
+    if (rule.recurrenceEnd && rule.recurrenceEnd->occurrenceCount <= 0 && rule.recurrenceEnd->endDate) {
+        if (*rule.recurrenceEnd->endDate < spanStart - duration - padding) return;
+        untilWallClock = zone.wallClock(*rule.recurrenceEnd->endDate);
+    }
+    std::set<std::int64_t> moved;
+    for (const auto& fields : series.overrides) {
+        if (fields.recurrenceID) moved.insert(occurrenceKey(*fields.recurrenceID));
+    }
+    std::shared_ptr<EKEvent> model;
+    const double startWallClock = master.zone ? zone.wallClock(master.start) : master.start;
+    recurrence::expand(rule, startWallClock, untilWallClock, spanStart - duration - padding, spanEnd + padding,
+                       [&](double wallClock) {
+                           const double stored = master.zone ? zone.moment(wallClock) : wallClock;
+                           const auto key = occurrenceKey(stored);
+                           if (series.exceptions.count(key) > 0 || moved.count(key) > 0) return true;
+                           const double start = master.zone ? stored : current.moment(stored);
+                           const double end = master.zone ? stored + duration : current.moment(wallClock + duration);
+                           if (!overlaps(start, end, spanStart, spanEnd)) return true;
+                           if (!model) model = makeEvent(resource, master);
+                           auto occurrence = std::make_shared<EKEvent>(*model);
+                           occurrence->startDate = start;
+                           occurrence->endDate = end;
+                           occurrence->occurrenceDate_ = start;
+                           occurrence->originalStored_ = stored;
+                           occurrence->masterRowID_ = resource.id;
+                           occurrence->isOccurrence_ = true;
+                           events.push_back(std::move(occurrence));
+                           return true;
+                       });
+}
+
+std::vector<std::shared_ptr<EKEvent>>
+EKEventStore::CalDAVStore::eventsMatchingPredicate(const EKEventPredicate& predicate) {
+    std::vector<std::shared_ptr<EKEvent>> events;
+    for (const auto& calendar : calendars) {
+        const auto& identifier = calendar->calendarIdentifier;
+        if (predicate.calendarIdentifiers &&
+            std::find(predicate.calendarIdentifiers->begin(), predicate.calendarIdentifiers->end(), identifier) ==
+                predicate.calendarIdentifiers->end()) {
+            continue;
+        }
+        for (const auto id : loaded(identifier).resources) {
+            if (const auto* resource = resourceAt(id)) {
+                appendEvents(*resource, predicate.startDate, predicate.endDate, events);
+            }
+        }
+    }
+    return events;
+}
+
+std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::itemOf(const Resource& resource) const {
+    const auto& series = resource.series;
+    if (series.master) return makeEvent(resource, *series.master);
+    if (!series.overrides.empty()) return makeDetached(resource, series.overrides.front());
+    return nullptr;
+}
+
+std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::calendarItemWithIdentifier(const std::string& identifier) {
+    for (const auto& calendar : calendars) {
+        const auto& prefix = calendar->calendarIdentifier;
+        if (identifier.size() <= prefix.size() || identifier.compare(0, prefix.size(), prefix) != 0) continue;
+        loaded(prefix);
+        const auto id = idByHref.find(identifier);
+        if (id == idByHref.end()) return nullptr;
+        const auto* resource = resourceAt(id->second);
+        return resource ? itemOf(*resource) : nullptr;
+    }
+    return nullptr;
+}
+
+std::vector<std::shared_ptr<EKCalendarItem>>
+EKEventStore::CalDAVStore::calendarItemsWithExternalIdentifier(const std::string& identifier) {
+    loadAll();
+    const auto marker = identifier.find("/RID=");
+    const std::string uid = identifier.substr(0, marker);
+    std::vector<std::shared_ptr<EKCalendarItem>> items;
+    for (const auto& calendar : calendars) {
+        for (const auto id : states.at(calendar->calendarIdentifier).resources) {
+            const auto* resource = resourceAt(id);
+            if (!resource || resource->series.uid != uid) continue;
+            if (marker == std::string::npos && resource->series.master) {
+                items.push_back(makeEvent(*resource, *resource->series.master));
+            }
+            for (const auto& fields : resource->series.overrides) {
+                auto detached = makeDetached(*resource, fields);
+                if (marker == std::string::npos || detached->externalIdentifier_ == identifier) {
+                    items.push_back(std::move(detached));
+                }
+            }
+        }
+    }
+    return items;
+}
+
+std::shared_ptr<const EKCalendar>
+EKEventStore::CalDAVStore::writableCalendar(const std::shared_ptr<const EKCalendar>& wanted) {
+    if (!wanted) throw EventStoreError("No calendar has been set.");
+    const auto calendar = calendarWithIdentifier(wanted->calendarIdentifier);
+    if (!calendar) throw EventStoreError("The calendar isn't in this event store.");
+    if (!calendar->allowsContentModifications) throw EventStoreError("The calendar is read-only.");
+    return calendar;
+}
+
+void EKEventStore::CalDAVStore::stage(Resource& resource, std::optional<std::string> text, bool removal) {
+    if (removal && !resource.onServer) {
+        // Created and removed before any commit: nothing for the server to hear of.
+        std::erase(pendingOrder, resource.id);
+        auto& ids = states.at(resource.calendar).resources;
+        std::erase(ids, resource.id);
+        resources.erase(resource.id);
+        return;
+    }
+    if (text) resource.series = caldav::readResource(*text);
+    resource.pendingText = std::move(text);
+    resource.pendingRemoval = removal;
+    if (std::find(pendingOrder.begin(), pendingOrder.end(), resource.id) == pendingOrder.end()) {
+        pendingOrder.push_back(resource.id);
+    }
+}
+
+std::int64_t EKEventStore::CalDAVStore::createResource(const std::string& calendar, const std::string& uid,
+                                                       const std::string& text) {
+    Resource resource;
+    resource.series = caldav::readResource(text);
+    resource.href = calendar + fileNameFor(uid);
+    resource.id = idOf(resource.href);
+    resource.calendar = calendar;
+    resource.pendingText = text;
+    const auto id = resource.id;
+    resources.insert_or_assign(id, std::move(resource));
+    states.at(calendar).resources.push_back(id);
+    pendingOrder.push_back(id);
+    return id;
+}
+
+void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool commitNow) {
+    checkSavable(event);
+    const auto calendar = writableCalendar(event.calendar);
+    const auto& calendarID = calendar->calendarIdentifier;
+    loaded(calendarID);
+    // What the event becomes: its resource, its UID and whether it is now an override.
+    std::int64_t savedID = 0;
+    std::string uid;
+    bool detached = false;
+    std::optional<double> original;
+    bool newSeries = false;
+    if (event.rowID_ == 0) {
+        uid = files::randomUUID();
+        savedID = createResource(calendarID, uid, caldav::ResourceEditor(event, uid).text());
+        newSeries = true;
+    } else {
+        auto* resource = resourceAt(event.rowID_);
+        if (!resource) throw EventStoreError("The event isn't in the event store.");
+        if (resource->calendar != calendarID) {
+            throw EventStoreError("An event can't move to another calendar of this account.");
+        }
+        uid = resource->series.uid;
+        savedID = resource->id;
+        caldav::ResourceEditor editor(resource->text());
+        const auto& series = resource->series;
+        if (!isSeries(series)) {
+            editor.setMaster(event);
+            stage(*resource, editor.text(), false);
+            newSeries = true;
+        } else {
+            const bool ruleChanged =
+                event.recurrenceRules != (event.loadedRules_ ? *event.loadedRules_ : std::vector<EKRecurrenceRule>{});
+            const double at = event.originalStored_.value_or(series.master->start);
+            const bool first = occurrenceKey(at) == occurrenceKey(series.master->start);
+            if (span == EKSpan::thisEvent && !ruleChanged) {
+                editor.setOverride(at, event);
+                stage(*resource, editor.text(), false);
+                detached = true;
+                original = at;
+            } else if (first) {
+                editor.setMaster(event);
+                stage(*resource, editor.text(), false);
+                newSeries = true;
+            } else {
+                // This and the following occurrences: the series ends before this one, and a new
+                // series starts here with what was changed.
+                editor.endBefore(at);
+                auto newUID = files::randomUUID();
+                const auto newText = caldav::ResourceEditor(event, newUID).text();
+                stage(*resource, editor.text(), false);
+                savedID = createResource(calendarID, newUID, newText);
+                uid = std::move(newUID);
+                newSeries = true;
+            }
+        }
+    }
+    // The event changes only once the write stands: a commit that fails leaves it as it was.
+    const auto& saved = resources.at(savedID);
+    const std::string href = saved.href;
+    const auto lastModified = saved.series.master ? saved.series.master->lastModified : std::nullopt;
+    if (commitNow) commit();
+    event.calendarItemIdentifier_ = href;
+    event.rowID_ = savedID;
+    event.masterRowID_ = detached ? savedID : 0;
+    event.detached_ = detached;
+    event.isOccurrence_ = false;
+    if (detached) {
+        event.originalStored_ = original;
+        event.externalIdentifier_ = uid + "/RID=" + std::to_string(occurrenceKey(*original));
+    } else {
+        event.originalStored_ =
+            event.recurrenceRules.empty() || !newSeries
+                ? std::nullopt
+                : std::optional(caldav::storedOf(event.allDay ? std::nullopt : event.timeZone, *event.startDate));
+        event.occurrenceDate_ = event.startDate;
+        event.externalIdentifier_ = uid;
+    }
+    event.eventIdentifier_ = calendarID + ":" + *event.externalIdentifier_;
+    event.lastModified_ = lastModified;
+    event.loadedRules_ = std::make_shared<const std::vector<EKRecurrenceRule>>(event.recurrenceRules);
+}
+
+void EKEventStore::CalDAVStore::removeEvent(EKEvent& event, EKSpan span, bool commitNow) {
+    if (event.rowID_ == 0) throw EventStoreError("The event isn't in the event store.");
+    auto* resource = resourceAt(event.rowID_);
+    if (!resource) throw EventStoreError("The event isn't in the event store.");
+    const auto calendar = calendarWithIdentifier(resource->calendar);
+    if (calendar && !calendar->allowsContentModifications) throw EventStoreError("The calendar is read-only.");
+    const auto& series = resource->series;
+    bool gone = false;
+    if (!isSeries(series)) {
+        stage(*resource, std::nullopt, true);
+        gone = true;
+    } else {
+        const double at = event.originalStored_.value_or(series.master->start);
+        caldav::ResourceEditor editor(resource->text());
+        if (span == EKSpan::thisEvent) {
+            editor.removeOccurrence(at);
+            stage(*resource, editor.text(), false);
+        } else if (occurrenceKey(at) == occurrenceKey(series.master->start)) {
+            stage(*resource, std::nullopt, true);
+            gone = true;
+        } else {
+            editor.endBefore(at);
+            stage(*resource, editor.text(), false);
+        }
+    }
+    if (commitNow) commit();
+    if (gone) event.rowID_ = 0;
+}
+
+namespace {
+
+struct Written {
+    std::string href;
+    bool created = false;
+    bool removed = false;
+    std::string previousText;
+    std::string etag;
+};
+
+} // namespace
+
+void EKEventStore::CalDAVStore::commit() {
+    if (pendingOrder.empty()) return;
+    std::vector<Written> written;
+    std::string failure;
+    std::map<std::int64_t, std::string> newETags;
+    for (const auto id : pendingOrder) {
+        auto& resource = resources.at(id);
+        const auto url = client.absolute(resource.href);
+        try {
+            caldav::HttpResponse response;
+            if (resource.pendingRemoval) {
+                response = client.send("DELETE", url, {"If-Match: " + resource.etag}, {});
+            } else {
+                response = client.send("PUT", url,
+                                       {"Content-Type: text/calendar; charset=utf-8",
+                                        resource.onServer ? "If-Match: " + resource.etag : "If-None-Match: *"},
+                                       *resource.pendingText);
+            }
+            const bool gone = resource.pendingRemoval && response.status == 404;
+            if (response.status == 412 || (response.status >= 300 && !gone)) {
+                const auto title = titleOf(
+                    caldav::readResource(resource.serverText.empty() ? *resource.pendingText : resource.serverText));
+                failure = response.status == 412 ? title + " was changed on the server since it was read"
+                                                 : "The server of \"" + client.account().name + "\" refused to write " +
+                                                       title + " (HTTP " + std::to_string(response.status) + ")";
+                break;
+            }
+            std::string etag = response.etag;
+            if (etag.empty() && !resource.pendingRemoval) etag = caldav::fetchETag(client, resource.href);
+            newETags[id] = etag;
+            written.push_back({resource.href, !resource.onServer, resource.pendingRemoval, resource.serverText, etag});
+        } catch (const EventStoreError& error) {
+            failure = error.description();
+            while (!failure.empty() && failure.back() == '.')
+                failure.pop_back();
+            break;
+        }
+    }
+    if (!failure.empty()) {
+        // Back to what the server held before this commit, newest first.
+        std::vector<std::string> left;
+        for (auto done = written.rbegin(); done != written.rend(); ++done) {
+            const auto url = client.absolute(done->href);
+            try {
+                caldav::HttpResponse response;
+                if (done->created) {
+                    response = client.send("DELETE", url, {"If-Match: " + done->etag}, {});
+                } else if (done->removed) {
+                    response =
+                        client.send("PUT", url, {"Content-Type: text/calendar; charset=utf-8", "If-None-Match: *"},
+                                    done->previousText);
+                } else {
+                    response = client.send("PUT", url,
+                                           {"Content-Type: text/calendar; charset=utf-8", "If-Match: " + done->etag},
+                                           done->previousText);
+                }
+                if (response.status >= 300) left.push_back(done->href);
+            } catch (const EventStoreError&) {
+                left.push_back(done->href);
+            }
+        }
+        reset();
+        if (left.empty()) throw EventStoreError(failure + "; nothing was written.");
+        std::string list;
+        for (const auto& href : left)
+            list += (list.empty() ? "" : ", ") + href;
+        throw EventStoreError(failure + ". What was already written couldn't all be taken back: " + list +
+                              " still hold this commit's changes.");
+    }
+    for (const auto id : pendingOrder) {
+        auto& resource = resources.at(id);
+        if (resource.pendingRemoval) {
+            std::erase(states.at(resource.calendar).resources, id);
+            resources.erase(id);
+            continue;
+        }
+        resource.serverText = std::move(*resource.pendingText);
+        resource.pendingText.reset();
+        resource.etag = newETags[id];
+        resource.onServer = true;
+    }
+    pendingOrder.clear();
+}
+
+void EKEventStore::CalDAVStore::dropResources() {
+    resources.clear();
+    pendingOrder.clear();
+    for (auto& [identifier, state] : states) {
+        state.loaded = false;
+        state.resources.clear();
+    }
+}
+
+void EKEventStore::CalDAVStore::reset() { dropResources(); }
+
+void EKEventStore::CalDAVStore::refreshSourcesIfNecessary() {
+    discover();
+    // Pending writes keep the resources they were made from.
+    if (pendingOrder.empty()) dropResources();
 }
 
 } // namespace morvane

@@ -1,0 +1,99 @@
+#pragma once
+
+// The CalDAV account's store: its private header, for its own file only.
+#include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/EventStore/CalDAV/HttpClient.h"
+#include "MorvanePlatform/EventStore/CalDAV/ICalendarResource.h"
+#include "MorvanePlatform/EventStore/EventStoreImplementation.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace morvane {
+
+// The calendars of an account on a CalDAV server. Calendars are found once per store (and again
+// by `refreshSourcesIfNecessary`); a calendar's resources are fetched on first use and kept
+// until `reset`. Writes rewrite whole resources and are held until `commit`, which sends them in
+// order, each on the condition that the server still holds what was read (If-Match on its
+// ETag, If-None-Match for a new one), so that a change made elsewhere is never overwritten. A
+// commit that fails part-way takes back what it wrote (DELETE what it created, PUT back the
+// text it replaced) and says what, if anything, is left.
+//
+// Item identifiers are the resources' paths on the server; there is no database, so
+// `databasePath` is empty.
+class EKEventStore::CalDAVStore final : public EKEventStore::Implementation {
+public:
+    // Finds the account's calendars. Throws EventStoreError.
+    explicit CalDAVStore(const CalDAVAccount& account);
+
+    const std::filesystem::path& databasePath() const override { return noPath; }
+    std::vector<std::shared_ptr<const EKCalendar>> calendarsForEntityType(EKEntityType type) override;
+    std::shared_ptr<const EKCalendar> calendarWithIdentifier(const std::string& identifier) override;
+    std::vector<std::shared_ptr<const EKSource>> sources() override { return {source}; }
+    std::vector<std::shared_ptr<EKEvent>> eventsMatchingPredicate(const EKEventPredicate& predicate) override;
+    std::shared_ptr<EKCalendarItem> calendarItemWithIdentifier(const std::string& identifier) override;
+    std::vector<std::shared_ptr<EKCalendarItem>>
+    calendarItemsWithExternalIdentifier(const std::string& identifier) override;
+    void saveEvent(EKEvent& event, EKSpan span, bool commitNow) override;
+    void removeEvent(EKEvent& event, EKSpan span, bool commitNow) override;
+    void commit() override;
+    void reset() override;
+    void refreshSourcesIfNecessary() override;
+
+private:
+    struct Resource {
+        std::int64_t id = 0;
+        std::string calendar;
+        std::string href;
+        // What the server holds, as last read or written; `onServer` false for a new one.
+        std::string etag;
+        std::string serverText;
+        bool onServer = false;
+        // A write waiting for `commit`: new text, or the resource's removal.
+        std::optional<std::string> pendingText;
+        bool pendingRemoval = false;
+        // The resource as this store sees it: with its pending write.
+        caldav::SeriesResource series;
+
+        const std::string& text() const { return pendingText ? *pendingText : serverText; }
+    };
+    struct CalendarState {
+        std::shared_ptr<const EKCalendar> calendar;
+        bool loaded = false;
+        std::vector<std::int64_t> resources;
+    };
+
+    void discover();
+    CalendarState& loaded(const std::string& calendarIdentifier);
+    void loadAll();
+    Resource* resourceAt(std::int64_t id);
+    std::int64_t idOf(const std::string& href);
+    void stage(Resource& resource, std::optional<std::string> text, bool removal);
+    std::int64_t createResource(const std::string& calendar, const std::string& uid, const std::string& text);
+    std::shared_ptr<const EKCalendar> writableCalendar(const std::shared_ptr<const EKCalendar>& calendar);
+    std::shared_ptr<EKEvent> makeEvent(const Resource& resource, const caldav::EventFields& fields) const;
+    std::shared_ptr<EKEvent> makeDetached(const Resource& resource, const caldav::EventFields& fields) const;
+    void appendEvents(const Resource& resource, double spanStart, double spanEnd,
+                      std::vector<std::shared_ptr<EKEvent>>& events) const;
+    std::shared_ptr<EKCalendarItem> itemOf(const Resource& resource) const;
+    void dropResources();
+
+    static inline const std::filesystem::path noPath;
+
+    caldav::HttpClient client;
+    std::shared_ptr<const EKSource> source;
+    std::vector<std::shared_ptr<const EKCalendar>> calendars;
+    std::map<std::string, CalendarState> states;
+    std::map<std::int64_t, Resource> resources;
+    // Kept for the life of the store, so that a resource keeps its number across `reset`.
+    std::map<std::string, std::int64_t> idByHref;
+    std::int64_t nextID = 1;
+    std::vector<std::int64_t> pendingOrder;
+};
+
+} // namespace morvane
