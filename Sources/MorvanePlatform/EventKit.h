@@ -234,8 +234,10 @@ public:
 // committing takes the writes pending before it along, as `commit` does.
 class EKEventStore {
 public:
-    // Opens the live calendars at `defaultDatabasePath()`, creating the file on first use.
-    // Throws EventStoreError when the file can't be created or isn't a calendar database.
+    // Opens the live calendars: the CalDAV account chosen as live in the accounts file
+    // (Accounts.h), else the local ones at `defaultDatabasePath()`, creating the file on first
+    // use. Throws EventStoreError when the accounts file can't be read, the account can't be
+    // opened, or the file can't be created or isn't a calendar database.
     EKEventStore();
     // The same over a database anywhere. An existing file is opened as found and not written to
     // until something is saved.

@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvanePlatform/Error.h"
+#include "morvane/AccountsCommand.h"
 #include "morvane/BackupsCommand.h"
 #include "morvane/CalendarsCommand.h"
 #include "morvane/CommandTable.h"
@@ -45,6 +46,39 @@ struct Command {
 
 std::vector<Command> commands() {
     return {
+        {"accounts", "Add, list or remove CalDAV accounts, and choose which calendars are live",
+         [](CLI::App& command) {
+             using Action = AccountsOptions::Action;
+             auto options = std::make_shared<AccountsOptions>();
+             command.require_subcommand(1);
+             auto* add = command.add_subcommand("add", "Add an account, once its calendars could be listed");
+             add->require_subcommand(1);
+             auto* caldav = add->add_subcommand("caldav", "Add a CalDAV account; the password is typed without echo");
+             caldav->add_option("URL", options->url, "The server, or its address of the user's calendars (https://...)")
+                 ->required();
+             caldav->add_option("--user", options->user, "The user name on the server")->required();
+             caldav->add_option("--name", options->name, "The account's name here (default: the server's host name)");
+             caldav->add_option("--password-file", options->passwordFile,
+                                "Read the password from this file, of mode 600, instead of the terminal");
+             caldav->add_option("--ca-file", options->caFile,
+                                "Trust this certificate authority (PEM) too, for a server with a private one");
+             caldav->add_flag("--allow-http", options->allowHTTP,
+                              "Allow plain HTTP to another machine: the password crosses the network unencrypted");
+             caldav->callback([options] { options->action = Action::add; });
+             auto* list = command.add_subcommand("list", "List the accounts, the live one marked with *");
+             list->add_flag("--json", options->json, "Print as JSON (passwords are never printed)");
+             list->callback([options] { options->action = Action::list; });
+             auto* remove = command.add_subcommand(
+                 "remove", "Forget an account and its password; if it was live, the local calendars are");
+             remove->add_option("NAME", options->chosen, "The account's name, as list shows it")->required();
+             remove->callback([options] { options->action = Action::remove; });
+             auto* use = command.add_subcommand(
+                 "use", "Choose the live calendars, which every command, the helper and the timer use");
+             use->add_option("NAME", options->chosen, "An account's name, or local for this computer's calendars")
+                 ->required();
+             use->callback([options] { options->action = Action::use; });
+             return [options](std::ostream& out, std::ostream& err) { return runAccounts(*options, out, err); };
+         }},
         {"backups", "List everything that can be restored from: restore points, copies, Time Machine",
          [](CLI::App& command) {
              auto options = std::make_shared<BackupsOptions>();

@@ -1,6 +1,7 @@
 #include "morvane/SnapshotCommand.h"
 
 #include "MorvaneCore/Shared/Date.h"
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/EventKit.h"
 #include "morvane/CommandLine.h"
 
@@ -40,11 +41,11 @@ std::string syncLine(const ICloudBackup::SyncResult& result, const std::optional
 }
 
 int runSnapshot(const SnapshotOptions& options, std::ostream& out, std::ostream& err) {
-    // The live calendars are the local event store's, which makes its database on first use. A
-    // fresh home gets it here, so that its restore points come from the database from the first
-    // one on, and a second snapshot of unchanged calendars finds them unchanged.
+    // The local event store makes its database on first use. A fresh home gets it here, so that
+    // its restore points come from the database from the first one on, and a second snapshot of
+    // unchanged calendars finds them unchanged. A live account has no such file to make.
     std::error_code ignored;
-    if (!std::filesystem::exists(EKEventStore::defaultDatabasePath(), ignored)) {
+    if (accounts::localStoreIsLive() && !std::filesystem::exists(EKEventStore::defaultDatabasePath(), ignored)) {
         try {
             EKEventStore made;
         } catch (const Error&) {

@@ -332,13 +332,18 @@ void prepareCache(const BackupSource& source) {
 }
 
 CalendarResolver liveCalendarResolver() {
+    // Without the live calendars an archive still opens, with its own names for them. A live
+    // account's calendars are none of the local database's, so its names would be wrong ones.
+    const CalendarResolver ownNames = [](const std::string&, const std::optional<std::string>&) {
+        return std::optional<ArchiveCalendarInfo>();
+    };
+    const auto live = BackupLocator::readableLiveDatabase();
+    if (!live) return ownNames;
     try {
-        const auto staged = BackupLocator::stageCopy(BackupLocator::liveDBPath());
+        const auto staged = BackupLocator::stageCopy(*live);
         return CalendarDatabase(staged.file()).calendarDirectory();
     } catch (const Error&) {
-        // Without the live calendars an archive still opens, with its own names for them.
-        return
-            [](const std::string&, const std::optional<std::string>&) { return std::optional<ArchiveCalendarInfo>(); };
+        return ownNames;
     }
 }
 

@@ -4,6 +4,7 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/Paths.h"
 #include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserFolders.h"
 
@@ -85,6 +86,11 @@ bool canReadLiveDatabase() {
     return !error;
 }
 
+std::optional<fs::path> readableLiveDatabase() {
+    if (!accounts::localStoreIsLive() || !canReadLiveDatabase()) return std::nullopt;
+    return fs::path(liveDBPath());
+}
+
 fs::path findDatabase(std::string_view root, std::string_view user) {
     const fs::path expanded(paths::expandingTilde(root));
     std::error_code error;
@@ -145,9 +151,9 @@ StagedCopy stageData(std::string_view data, const std::string& name) {
 }
 
 std::optional<DatabaseSource> liveIndex(const std::function<std::shared_ptr<EKEventStore>()>& eventStore) {
-    if (canReadLiveDatabase()) {
+    if (const auto live = readableLiveDatabase()) {
         try {
-            const auto staged = stageCopy(liveDBPath());
+            const auto staged = stageCopy(*live);
             // The database closes before its copy goes.
             CalendarDatabase database(staged.file());
             return DatabaseSource(database);

@@ -29,6 +29,11 @@ std::string liveDBPath();
 // a Mac. The database itself isn't touched.
 bool canReadLiveDatabase();
 
+// The live database, when the live calendars are the local event store's and
+// `canReadLiveDatabase()`: the quick way to them, a copy of the file. Nothing when a CalDAV
+// account is live, whose calendars only its event store reads, or when the folder can't be read.
+std::optional<std::filesystem::path> readableLiveDatabase();
+
 // Walks down from `root` (a leading tilde expanded) to the first Calendar.sqlitedb, breadth
 // first over the root and three levels below it, looking for "Users/{user}/..." before the home
 // layout on each folder and skipping system folders. A root that is a plain file is returned as
@@ -53,8 +58,8 @@ StagedCopy stageData(std::string_view data, const std::string& name);
 // StagedCopy does when its owner lets go.
 void removeStagedCopy(const std::filesystem::path& file);
 
-// The calendars as they are now, as an index in memory: read from a staged copy of the live
-// database when it can be listed, staged and read (the copy is gone again when this returns),
+// The calendars as they are now, as an index in memory: read from a staged copy of the
+// `readableLiveDatabase()` when there is one and it can be staged and read (the copy is gone again when this returns),
 // else, when calendar access is granted, from a capture of the store that `eventStore` gives,
 // with an EventKitSource over that store as the index's lookup. `eventStore` is called only for
 // the second way, and at most once. Never fails: nothing comes back when neither way works.

@@ -200,7 +200,7 @@ CalendarArchive::SnapshotResult CalendarArchive::takeSnapshot(Date now, const Ev
     files::createDirectories(directory_);
     // Once the database could be read, its failures are the answer: the event store would
     // only read the same calendars less completely.
-    if (BackupLocator::canReadLiveDatabase()) return takeDatabaseSnapshot(now);
+    if (const auto live = BackupLocator::readableLiveDatabase()) return takeDatabaseSnapshot(now, *live);
     if (CalendarAccess::isGranted()) {
         const auto store = eventStore();
         return takeEventKitSnapshot(now, *store);
@@ -209,8 +209,7 @@ CalendarArchive::SnapshotResult CalendarArchive::takeSnapshot(Date now, const Ev
         "Morvane needs Calendar access (System Settings → Privacy & Security → Calendars) to take snapshots.");
 }
 
-CalendarArchive::SnapshotResult CalendarArchive::takeDatabaseSnapshot(Date now) {
-    const std::filesystem::path live = BackupLocator::liveDBPath();
+CalendarArchive::SnapshotResult CalendarArchive::takeDatabaseSnapshot(Date now, const std::filesystem::path& live) {
     for (int attempt = 1;; ++attempt) {
         // A failure to copy the live file won't mend in two seconds, unlike a copy taken while
         // the calendars were being written.

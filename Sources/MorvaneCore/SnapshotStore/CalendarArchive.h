@@ -109,14 +109,15 @@ public:
     // Makes the event store, when the calendars have to be read through it.
     using EventStoreMaker = std::function<std::shared_ptr<EKEventStore>()>;
 
-    // A restore point of `now`: from the live database when its folder can be read, else through
-    // the event store when calendar access is granted (`eventStore` is called only then), else
+    // A restore point of `now`: from the live database when it is the live calendars' and its
+    // folder can be read (BackupLocator::readableLiveDatabase), else through the event store
+    // when calendar access is granted (`eventStore` is called only then), else
     // RestoreError "Morvane needs Calendar access (...) to take snapshots.". Creates the folder.
     SnapshotResult takeSnapshot(Date now, const EventStoreMaker& eventStore);
-    // Stages the live database and files it unless the newest entry has the same fingerprint.
+    // Stages the database `live` and files it unless the newest entry has the same fingerprint.
     // An attempt that fails after staging is tried again on a fresh copy, up to four in all; the
     // last one's error is thrown. A failure to stage is thrown at once. Nothing stays staged.
-    SnapshotResult takeDatabaseSnapshot(Date now);
+    SnapshotResult takeDatabaseSnapshot(Date now, const std::filesystem::path& live);
     // Captures the event store once and files the document ("ek:" fingerprint, format
     // "eventkit") unless the newest entry has the same fingerprint.
     SnapshotResult takeEventKitSnapshot(Date now, EKEventStore& store);

@@ -2,6 +2,7 @@
 // the span of a fetch), forwarding the rest to the store behind it.
 #include "MorvanePlatform/EventKit.h"
 
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/EventStore/LocalStore.h"
 #include "MorvanePlatform/Files.h"
@@ -35,7 +36,20 @@ std::shared_ptr<EKEvent> EKEvent::eventWithEventStore(EKEventStore&) {
     return event;
 }
 
-EKEventStore::EKEventStore() : EKEventStore(defaultDatabasePath()) {}
+EKEventStore::EKEventStore() {
+    AccountList list;
+    try {
+        list = accounts::load();
+    } catch (const AccountsError& error) {
+        throw EventStoreError(error.description());
+    }
+    if (const auto* live = list.liveAccount()) {
+        // The account's store is built by its own constructor; this one takes it over.
+        impl_ = std::move(EKEventStore(*live).impl_);
+        return;
+    }
+    impl_ = std::make_unique<LocalStore>(defaultDatabasePath());
+}
 EKEventStore::EKEventStore(const fs::path& databasePath) : impl_(std::make_unique<LocalStore>(databasePath)) {}
 EKEventStore::~EKEventStore() = default;
 

@@ -4,6 +4,7 @@
 #include "MorvaneCore/LiveCalendars/CurrentEvents.h"
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
@@ -192,6 +193,35 @@ TEST_F(TakingSnapshotsTest, WithoutTheDatabaseTheEventStoreIsCapturedAndWithoutA
     EXPECT_EQ(testing::errorText<RestoreError>([&] { archive.takeSnapshot(Date{clock->now() + 120}, eventStore); }),
               "Morvane needs Calendar access (System Settings → Privacy & Security → Calendars) to take snapshots.");
     EXPECT_EQ(made, 2);
+}
+
+TEST_F(TakingSnapshotsTest, WithAnAccountLiveTheAccountIsCapturedAndTheLocalDatabaseIsLeftAlone) {
+    {
+        EKEventStore local;
+        testing::saveEvent(local, "Local only", utc(2025, 8, 1, 16), utc(2025, 8, 1, 17));
+    }
+    // The account's calendars stand in a store of their own; the local database stays readable.
+    const auto account = user.root().path() / "account" / "Calendar.sqlitedb";
+    {
+        EKEventStore store(account);
+        testing::saveEvent(store, "Dentist", utc(2025, 8, 1, 16), utc(2025, 8, 1, 17));
+        testing::saveEvent(store, "Standup", utc(2025, 8, 4, 16), utc(2025, 8, 4, 17));
+    }
+    AccountList list;
+    list.accounts.push_back({"work", "https://dav.example.com/", "jane", "secret", std::nullopt, false});
+    list.live = "work";
+    accounts::save(list);
+    const auto eventStore = [&] { return std::make_shared<EKEventStore>(account); };
+
+    ASSERT_TRUE(BackupLocator::canReadLiveDatabase());
+    EXPECT_EQ(BackupLocator::readableLiveDatabase(), std::nullopt);
+    const auto saved = archive.takeSnapshot(Date{clock.now()}, eventStore);
+    EXPECT_EQ(saved.entry.format, "eventkit");
+    EXPECT_EQ(saved.entry.eventCount, 2);
+    const auto live = BackupLocator::liveIndex(eventStore);
+    ASSERT_TRUE(live.has_value());
+    EXPECT_TRUE(live->hasEquivalent("Dentist", Date{utc(2025, 8, 1, 16)}));
+    EXPECT_FALSE(live->hasEquivalent("Local only", Date{utc(2025, 8, 1, 16)}));
 }
 
 TEST_F(TakingSnapshotsTest, AFailingWriteLeavesTheIndexWholeAndEveryListedFileThere) {
