@@ -245,7 +245,8 @@ std::vector<Command> commands() {
                  ->type_name("DATE")
                  ->required();
              command.add_flag("--json", options->json, "Print as JSON");
-             command.add_option("--html", options->html, "Also draw the range as one self-contained HTML page in FILE");
+             command.add_option("--html", options->html, "Also draw the range as one self-contained HTML page in FILE")
+                 ->type_name("FILE");
              return [options](std::ostream& out, std::ostream& err) { return runTimeline(*options, out, err); };
          }},
         {"timemachine", "Copy Time Machine backups into the imports store, as the helper does",

@@ -44,7 +44,7 @@ cases=(
     "morvane plan x 1 --into ${label:0:3}|$(printf '%q' "$label")"
     "morvane compare |$(printf '%q' "$backup")"
     "morvane timeline ${backup%%:*}:|$(printf '%q' "${backup#*:}")"
-    "morvane timeline $(printf '%q' "$backup") |--help"$'\n'"--from"$'\n'"--to"$'\n'"--json"
+    "morvane timeline $(printf '%q' "$backup") |--help"$'\n'"--from"$'\n'"--to"$'\n'"--json"$'\n'"--html"
     "morvane restore x --yes --o|--occurrence"
 )
 for row in "${cases[@]}"; do

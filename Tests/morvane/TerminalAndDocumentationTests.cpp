@@ -62,7 +62,7 @@ TEST(DocumentationTest, SynopsesShowPositionalsThenRequiredThenOptionalOptions) 
         {"", "morvane COMMAND [--color WHEN]"},
         {"plan", "morvane plan BACKUP ID... [--into CALENDAR] [--json]"},
         {"restore", "morvane restore BACKUP [ID...] [--occurrence ITEM_ID] [--into CALENDAR] [--yes] [--json]"},
-        {"timeline", "morvane timeline BACKUP --from DATE --to DATE [--json]"},
+        {"timeline", "morvane timeline BACKUP --from DATE --to DATE [--json] [--html FILE]"},
         {"copies", "morvane copies COMMAND"},
         {"copies enable", "morvane copies enable --folder FOLDER"},
         // Options only for the completions stay out of sight.

@@ -215,7 +215,7 @@ TEST_F(TakingSnapshotsTest, WithAnAccountLiveTheAccountIsCapturedAndTheLocalData
 
     ASSERT_TRUE(BackupLocator::canReadLiveDatabase());
     EXPECT_EQ(BackupLocator::readableLiveDatabase(), std::nullopt);
-    const auto saved = archive.takeSnapshot(Date{clock.now()}, eventStore);
+    const auto saved = archive.takeSnapshot(Date{clock->now()}, eventStore);
     EXPECT_EQ(saved.entry.format, "eventkit");
     EXPECT_EQ(saved.entry.eventCount, 2);
     const auto live = BackupLocator::liveIndex(eventStore);
