@@ -5,10 +5,12 @@
 #include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/EventStore/LocalStore.h"
+#include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserFolders.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace morvane {
 namespace {
@@ -24,6 +26,17 @@ public:
 };
 
 } // namespace
+
+void checkSavable(const EKEvent& event) {
+    if (!event.startDate) throw EventStoreError("No start date has been set.");
+    if (!event.endDate) throw EventStoreError("No end date has been set.");
+    if (!std::isfinite(*event.startDate) || !std::isfinite(*event.endDate) || *event.endDate < *event.startDate) {
+        throw EventStoreError("The start date must be before the end date.");
+    }
+    for (const auto& rule : event.recurrenceRules) {
+        if (!recurrence::isValid(rule)) throw EventStoreError("The recurrence rule is invalid.");
+    }
+}
 
 CalendarPermission& CalendarPermission::system() {
     static FullAccess permission;

@@ -9,6 +9,16 @@
 
 namespace morvane {
 
+// What every kind of store means by an event overlapping a span: an event of no length counts
+// at its start.
+inline bool overlaps(double start, double end, double spanStart, double spanEnd) {
+    return start < spanEnd && (end > spanStart || start >= spanStart);
+}
+
+// Refuses an event no store may save: without both dates, ending before it starts, or with a
+// rule that can't be expanded. Throws EventStoreError.
+void checkSavable(const EKEvent& event);
+
 // What an event store does, behind the platform's EKEventStore, which forwards to one of these:
 // the local event store (LocalStore.h) today; another kind of account can stand beside it. Each
 // member keeps the contract of the EKEventStore member of the same name, threads included.

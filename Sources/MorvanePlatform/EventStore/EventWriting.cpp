@@ -14,17 +14,6 @@ using namespace localStore;
 
 namespace {
 
-void checkSavable(const EKEvent& event) {
-    if (!event.startDate) throw EventStoreError("No start date has been set.");
-    if (!event.endDate) throw EventStoreError("No end date has been set.");
-    if (!std::isfinite(*event.startDate) || !std::isfinite(*event.endDate) || *event.endDate < *event.startDate) {
-        throw EventStoreError("The start date must be before the end date.");
-    }
-    for (const auto& rule : event.recurrenceRules) {
-        if (!recurrence::isValid(rule)) throw EventStoreError("The recurrence rule is invalid.");
-    }
-}
-
 // What an event saved whole (a single event or a series from its first occurrence) now is: a
 // series remembers its first start as stored, in its own zone's wall clock.
 Saved savedWhole(std::int64_t row, std::string uid, const EKEvent& event) {

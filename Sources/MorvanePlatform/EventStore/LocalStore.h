@@ -139,11 +139,6 @@ void writeWindow(sqlite3* handle, const CacheWindow& window);
 
 inline std::int64_t keyOf(double stored) { return std::llround(stored); }
 
-inline bool overlaps(double start, double end, double spanStart, double spanEnd) {
-    // An event of no length counts at its start.
-    return start < spanEnd && (end > spanStart || start >= spanStart);
-}
-
 } // namespace localStore
 
 // The live calendars in a database of the operating system's schema.
@@ -319,7 +314,7 @@ void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, const Ite
                            const double start = zones.moment(master.zone, stored);
                            const double end =
                                master.zone ? stored + duration : zones.current.moment(wallClock + duration);
-                           if (localStore::overlaps(start, end, spanStart, spanEnd)) visit(stored, start, end);
+                           if (overlaps(start, end, spanStart, spanEnd)) visit(stored, start, end);
                            return true;
                        });
 }

@@ -24,22 +24,6 @@ constexpr double secondsPerDay = 86400;
 // Wider than any zone's offset, so that expanding on the wall clock misses no occurrence.
 constexpr double padding = 2 * secondsPerDay;
 
-bool overlaps(double start, double end, double spanStart, double spanEnd) {
-    // An event of no length counts at its start.
-    return start < spanEnd && (end > spanStart || start >= spanStart);
-}
-
-void checkSavable(const EKEvent& event) {
-    if (!event.startDate) throw EventStoreError("No start date has been set.");
-    if (!event.endDate) throw EventStoreError("No end date has been set.");
-    if (!std::isfinite(*event.startDate) || !std::isfinite(*event.endDate) || *event.endDate < *event.startDate) {
-        throw EventStoreError("The start date must be before the end date.");
-    }
-    for (const auto& rule : event.recurrenceRules) {
-        if (!recurrence::isValid(rule)) throw EventStoreError("The recurrence rule is invalid.");
-    }
-}
-
 bool isSeries(const caldav::SeriesResource& series) { return series.master && series.rule; }
 
 std::string titleOf(const caldav::SeriesResource& series) {
