@@ -6,7 +6,9 @@
 #include "morvane/PlanCommand.h"
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
+#include <optional>
 #include <ostream>
 #include <unistd.h>
 
@@ -21,6 +23,28 @@ bool confirmed(std::size_t count, std::ostream& prompt) {
     return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes";
 }
 
+// Asks before `count` events are written; gives the exit status when nothing may be written
+// (no terminal to ask, or the answer was no), nothing when the restore may go on. With JSON the
+// question goes to standard error, after what `showForJSON` prints there, so that the document
+// on standard output stays whole.
+std::optional<int> askBeforeWriting(RestoreEngine& engine, std::size_t count, bool json, std::ostream& out,
+                                    std::ostream& err, const std::function<void(std::ostream&)>& showForJSON) {
+    if (isatty(STDIN_FILENO) == 0) {
+        engine.close();
+        err << "morvane: restore asks before writing, and there is no terminal to ask; pass --yes to "
+               "restore without asking. Nothing was restored.\n";
+        return exitUsage;
+    }
+    auto& shown = json ? err : out;
+    if (json) showForJSON(shown);
+    if (!confirmed(count, shown)) {
+        engine.close();
+        shown << "Nothing was restored.\n";
+        return exitSuccess;
+    }
+    return std::nullopt;
+}
+
 void printOutcome(const RestoreEngine::RestoreOutcome& outcome, std::ostream& out) {
     out << "[" << outcome.id << "] " << outcome.title << ": "
         << (outcome.succeeded ? "Restored" : "Failed: " + outcome.message.value_or("")) << '\n';
@@ -31,18 +55,8 @@ void printOutcome(const RestoreEngine::RestoreOutcome& outcome, std::ostream& ou
 int restoreOccurrence(RestoreEngine& engine, const RestoreOptions& options, const std::optional<std::string>& into,
                       std::ostream& out, std::ostream& err) {
     if (!options.yes) {
-        if (isatty(STDIN_FILENO) == 0) {
-            engine.close();
-            err << "morvane: restore asks before writing, and there is no terminal to ask; pass --yes to "
-                   "restore without asking. Nothing was restored.\n";
-            return exitUsage;
-        }
-        auto& shown = options.json ? err : out;
-        if (!confirmed(1, shown)) {
-            engine.close();
-            shown << "Nothing was restored.\n";
-            return exitSuccess;
-        }
+        if (const auto declined = askBeforeWriting(engine, 1, options.json, out, err, [](std::ostream&) {}))
+            return *declined;
     }
     const auto outcome = engine.restoreAsSingleEvent(*options.occurrence, into);
     engine.close();
@@ -89,23 +103,12 @@ int runRestore(const RestoreOptions& options, std::ostream& out, std::ostream& e
             printPlan(plan, out);
     }
     if (restorable > 0 && !options.yes) {
-        if (isatty(STDIN_FILENO) == 0) {
-            engine.close();
-            err << "morvane: restore asks before writing, and there is no terminal to ask; pass --yes to "
-                   "restore without asking. Nothing was restored.\n";
-            return exitUsage;
-        }
-        // With JSON the plans and the question go to standard error, so that the document stays whole.
-        auto& shown = options.json ? err : out;
-        if (options.json) {
+        const auto showPlans = [&](std::ostream& shown) {
             for (const auto& plan : plans)
                 printPlan(plan, shown);
-        }
-        if (!confirmed(restorable, shown)) {
-            engine.close();
-            shown << "Nothing was restored.\n";
-            return exitSuccess;
-        }
+        };
+        if (const auto declined = askBeforeWriting(engine, restorable, options.json, out, err, showPlans))
+            return *declined;
     }
 
     const auto outcomes =
