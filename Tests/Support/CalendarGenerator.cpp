@@ -62,6 +62,9 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
 
     GeneratedCalendar made;
     std::map<std::string, ZoneOffsets> zoneOffsets;
+    // The cache holds true moments: a floating occurrence at its wall-clock reading in the
+    // cache's zone.
+    ZoneOffsets cacheZone("America/Los_Angeles");
     for (std::int64_t index = 0; index < events; ++index) {
         const bool allDay = chance(0.15);
         const double start = allDay ? tenYearsFrom2016 + static_cast<double>(pick(3650)) * day
@@ -77,6 +80,7 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
                  .address = chance(0.5) ? SQLValue("Main Street " + std::to_string(pick(200))) : SQLValue(nullptr)});
         }
         const SQLValue zone = allDay ? SQLValue("_float") : SQLValue(zones[static_cast<size_t>(pick(zones.size()))]);
+        const bool floating = std::get<std::string>(zone) == "_float";
         const auto calendar = calendars[static_cast<size_t>(pick(static_cast<std::int64_t>(calendars.size())))];
         const auto item = builder.addItem({
             .calendar = calendar,
@@ -150,7 +154,7 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
                 });
                 moments.erase(moments.begin() + static_cast<std::ptrdiff_t>(moved));
                 if (original >= windowStart && original < windowEnd) {
-                    builder.addOccurrence(detached, original + 3600);
+                    builder.addOccurrence(detached, floating ? cacheZone.moment(original + 3600) : original + 3600);
                     ++made.occurrences;
                 }
                 ++made.detached;
@@ -158,7 +162,7 @@ GeneratedCalendar generateCalendar(CalendarDatabaseBuilder& builder, std::int64_
         }
         for (const double moment : moments) {
             if (moment >= windowStart && moment < windowEnd) {
-                builder.addOccurrence(item, moment);
+                builder.addOccurrence(item, floating ? cacheZone.moment(moment) : moment);
                 ++made.occurrences;
             }
         }
