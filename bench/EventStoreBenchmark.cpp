@@ -1,4 +1,4 @@
-// In-process timings of the local event store: fetching a month and a year from a store of
+// In-process timings of the local event store: fetching two minutes, a month and a year from a store of
 // 100,000 generated events (the test generator's database, opened by the store as found), and
 // expanding ten years of 1,000 repeating events saved through the store.
 #include "MorvanePlatform/EventKit.h"
@@ -54,6 +54,10 @@ BENCHMARK(fetchMonth)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 void fetchYear(benchmark::State& state) { fetch(state, january2025, january2026); }
 BENCHMARK(fetchYear)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// Two minutes, as a look for an equal event at one moment fetches.
+void fetchTwoMinutes(benchmark::State& state) { fetch(state, march2025 + 36000 - 60, march2025 + 36000 + 60); }
+BENCHMARK(fetchTwoMinutes)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // 1,000 series in the shapes people use: daily, weekly on two days, monthly on the last Friday,
 // yearly; a quarter of them floating.

@@ -226,8 +226,11 @@ EKEventStore::LocalStore::eventsMatchingPredicate(const EKEventPredicate& predic
     const double spanEnd = predicate.endDate;
     std::vector<std::shared_ptr<EKEvent>> events;
 
-    // Single events and detached occurrences, by their own dates.
+    // Single events and detached occurrences, by their own dates. The test of `hidden` spelled
+    // out again lets SQLite search the system's index on (hidden, end_date, start_date) instead
+    // of reading every item.
     sqlite::Statement rows(db.get(), std::string(itemColumns) +
+                                         " AND (ci.hidden = 0 OR ci.hidden IS NULL)"
                                          " AND ci.entity_type = 2 AND ci.start_date < ? AND ci.end_date > ?");
     rows.bind(1, spanEnd + storedDatePadding).bind(2, spanStart - storedDatePadding);
     std::vector<ItemRow> detached;
