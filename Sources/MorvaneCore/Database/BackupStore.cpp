@@ -18,6 +18,8 @@ std::optional<StoreType> storeType(std::int64_t value) {
 
 std::string_view BackupEvent::externalIdentifier() const { return seriesKey(uniqueIdentifier); }
 
+OccurrenceSet BackupStore::occurrencesWithin(DateInterval) { return occurrences(); }
+
 std::optional<KeptOccurrences> BackupStore::keptOccurrences(std::int64_t) { return std::nullopt; }
 
 json::Ordered BackupCalendar::json() const {

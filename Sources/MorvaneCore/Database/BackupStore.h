@@ -109,6 +109,10 @@ public:
     virtual std::vector<Date> exceptionDates(std::int64_t master) = 0;
     // The store's occurrence cache; a store without one fails.
     virtual OccurrenceSet occurrences() = 0;
+    // At least the moments of `occurrences` whose occurrence begins within `starts` (a moved one
+    // where it begins now, though counted at its original date), and perhaps more: for a look at
+    // a few weeks of a cache of years. By default the whole set.
+    virtual OccurrenceSet occurrencesWithin(DateInterval starts);
     // The occurrences an event store document kept of a series; nothing for other stores.
     virtual std::optional<KeptOccurrences> keptOccurrences(std::int64_t master);
 };

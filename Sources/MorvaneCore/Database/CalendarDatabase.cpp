@@ -332,7 +332,11 @@ DateInterval CalendarDatabase::occurrenceWindow() {
     return windowOf(properties);
 }
 
-OccurrenceSet CalendarDatabase::occurrences() {
+OccurrenceSet CalendarDatabase::occurrences() { return readOccurrences(std::nullopt); }
+
+OccurrenceSet CalendarDatabase::occurrencesWithin(DateInterval starts) { return readOccurrences(starts); }
+
+OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> starts) {
     auto properties = cacheProperties();
     const auto window = windowOf(properties);
 
@@ -343,7 +347,13 @@ OccurrenceSet CalendarDatabase::occurrences() {
     const auto zone = recorded ? std::move(*recorded) : zones::Zone::current();
 
     OccurrenceSet result{window, {}};
-    db_.query(occurrenceStatement, [&](const SQLiteDB::Row& row) {
+    std::string statement(occurrenceStatement);
+    std::vector<double> bounds;
+    if (starts) {
+        statement += " AND oc.occurrence_date >= ? AND oc.occurrence_date <= ?";
+        bounds = {starts->start.seconds, starts->end.seconds};
+    }
+    db_.query(statement, bounds, [&](const SQLiteDB::Row& row) {
         const auto identifier = row.text(0);
         const auto cached = row.real(3);
         if (!identifier || !cached) return;

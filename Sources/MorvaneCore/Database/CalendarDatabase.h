@@ -63,6 +63,9 @@ public:
     // at its wall-clock reading as UTC). Throws "OccurrenceCache window not recorded in this
     // database." without a usable window.
     OccurrenceSet occurrences() override;
+    // The same, of the cache's rows that begin within `starts` alone, found through the cache's
+    // index on the occurrence date.
+    OccurrenceSet occurrencesWithin(DateInterval starts) override;
 
     // The window of `occurrences` alone, read without the cache's rows; throws as it does.
     DateInterval occurrenceWindow();
@@ -80,6 +83,7 @@ public:
 
 private:
     std::map<std::string, std::string> cacheProperties();
+    OccurrenceSet readOccurrences(std::optional<DateInterval> starts);
     std::map<std::int64_t, RecurrenceRule> recurrenceRules();
     std::map<std::int64_t, std::vector<AlarmSpec>> alarms();
 

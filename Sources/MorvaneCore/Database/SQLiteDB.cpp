@@ -52,13 +52,20 @@ SQLiteError SQLiteDB::failure(std::string_view stage, std::string_view sql) cons
 
 SQLiteDB::~SQLiteDB() = default;
 
-void SQLiteDB::query(std::string_view sql, const std::function<void(const Row&)>& onRow) {
+void SQLiteDB::query(std::string_view sql, const std::function<void(const Row&)>& onRow) { query(sql, {}, onRow); }
+
+void SQLiteDB::query(std::string_view sql, const std::vector<double>& parameters,
+                     const std::function<void(const Row&)>& onRow) {
     sqlite3_stmt* prepared = nullptr;
     if (sqlite3_prepare_v2(handle_.get(), sql.data(), static_cast<int>(sql.size()), &prepared, nullptr) != SQLITE_OK) {
         sqlite3_finalize(prepared);
         throw failure("Prepare", sql);
     }
     const Statement statement(prepared);
+    for (size_t index = 0; index < parameters.size(); ++index) {
+        if (sqlite3_bind_double(prepared, static_cast<int>(index + 1), parameters[index]) != SQLITE_OK)
+            throw failure("Prepare", sql);
+    }
     const Row row(prepared);
     for (;;) {
         const int step = sqlite3_step(prepared);

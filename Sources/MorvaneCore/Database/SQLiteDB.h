@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -61,6 +62,9 @@ public:
     //   a statement that is wrong (the program's fault): "Prepare failed: {message}\n{sql}" or
     //   "Step failed: {message}".
     void query(std::string_view sql, const std::function<void(const Row&)>& onRow);
+    // As above, with `parameters` bound to the statement's `?` in order.
+    void query(std::string_view sql, const std::vector<double>& parameters,
+               const std::function<void(const Row&)>& onRow);
 
     // The file as the user knows it, for messages.
     const std::string& shownAs() const { return shownAs_; }

@@ -125,11 +125,6 @@ void RestoreEngine::loadWithoutComparing(const BackupSource& source) {
     // Held at once, so that a later `close` cleans up even when reading fails.
     opened_.emplace(BackupCatalog::open(source));
     auto events = opened_->store->loadEvents();
-    try {
-        backupOccurrences_ = opened_->store->occurrences();
-    } catch (const Error&) {
-        // A store without an occurrence cache is still a good backup.
-    }
     for (const auto& event : events) {
         events_.emplace(event.rowID, event);
         if (event.masterRowID) detachedByMaster_[*event.masterRowID].push_back(event);
@@ -141,13 +136,20 @@ void RestoreEngine::loadWithoutComparing(const BackupSource& source) {
 Comparison RestoreEngine::compare(bool useEventKit) {
     if (!opened_ || !loadedSource_) throw RestoreError("No backup loaded.");
     CurrentEventSource& current = useEventKit ? ek_ : currentSource();
-    std::optional<OccurrenceSet> occurrences;
-    try {
-        occurrences = opened_->store->occurrences();
-    } catch (const Error&) {
-        // Detached occurrences are still compared.
+    return Comparison::of(*loadedSource_, opened_->location, allEvents_, wholeOccurrences(), current);
+}
+
+const std::optional<OccurrenceSet>& RestoreEngine::wholeOccurrences() {
+    if (!occurrencesRead_ && opened_) {
+        try {
+            backupOccurrences_ = opened_->store->occurrences();
+        } catch (const Error&) {
+            // A store without an occurrence cache is still a good backup: detached occurrences
+            // are still compared.
+        }
+        occurrencesRead_ = true;
     }
-    return Comparison::of(*loadedSource_, opened_->location, allEvents_, occurrences, current);
+    return backupOccurrences_;
 }
 
 CurrentEventSource& RestoreEngine::currentSource() {
@@ -240,6 +242,7 @@ void RestoreEngine::close() {
     events_.clear();
     allEvents_.clear();
     backupOccurrences_.reset();
+    occurrencesRead_ = false;
     loadedSource_.reset();
     detachedByMaster_.clear();
 }

@@ -139,7 +139,7 @@ public:
 
     // The occurrences of a top-level backup event that meet `in`, in the order of the backup's
     // occurrence set; a repeating event of a backup without one has none.
-    std::vector<BackupOccurrence> backupOccurrences(const BackupEvent& event, DateInterval in) const;
+    std::vector<BackupOccurrence> backupOccurrences(const BackupEvent& event, DateInterval in);
     // The live form of a backup event, or of its occurrence at `key`, wherever it now lies.
     std::optional<LiveOccurrence> movedElsewhere(const BackupEvent& event, std::optional<std::int64_t> key,
                                                  DateInterval outside);
@@ -157,11 +157,19 @@ public:
     RestoreOutcome restoreAsSingleEvent(const std::string& itemID, const std::optional<std::string>& into);
 
 private:
+    // The loaded backup's whole occurrence cache, read on first need; none when its store has none.
+    const std::optional<OccurrenceSet>& wholeOccurrences();
+    // The cache rows a timeline of `in` can show, unless the whole cache was read already.
+    std::optional<OccurrenceSet> occurrencesAround(DateInterval in);
+    std::vector<BackupOccurrence> occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event,
+                                                DateInterval in) const;
+
     EventKitSource ek_;
     std::optional<OpenedBackup> opened_;
     std::map<std::int64_t, BackupEvent> events_;
     std::vector<BackupEvent> allEvents_;
     std::optional<OccurrenceSet> backupOccurrences_;
+    bool occurrencesRead_ = false;
     std::optional<BackupSource> loadedSource_;
     std::map<std::int64_t, std::vector<BackupEvent>> detachedByMaster_;
     std::optional<DatabaseSource> liveSource_;

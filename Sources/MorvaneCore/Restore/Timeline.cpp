@@ -2,6 +2,7 @@
 
 #include "MorvaneCore/LiveCalendars/YearByYearFetch.h"
 #include "MorvaneCore/Restore/RestoreEngine.h"
+#include "MorvaneCore/Shared/Errors.h"
 #include "MorvaneCore/Shared/EventKeys.h"
 #include "MorvaneCore/SnapshotStore/EventKitSnapshot.h"
 #include "MorvanePlatform/TextPieces.h"
@@ -61,6 +62,95 @@ struct Current {
     EventSnapshot snapshot;
 };
 
+// An item showing a backup occurrence that is gone: everything from the backup's snapshot.
+TimelineItem deletedItem(std::string id, const EventSnapshot& snapshot, std::optional<std::string> colorHex,
+                         bool repeating) {
+    TimelineItem made;
+    made.id = std::move(id);
+    const auto range = RestoreEngine::displayRange(snapshot);
+    made.title = trimmedTitle(snapshot.title);
+    made.start = range.start;
+    made.end = range.end;
+    made.isAllDay = snapshot.isAllDay;
+    made.location = snapshot.location;
+    made.calendarName = snapshot.calendarName;
+    made.calendarID = snapshot.calendarUUID;
+    made.colorHex = std::move(colorHex);
+    made.state = TimelineItem::State::deleted;
+    made.isRepeating = repeating;
+    return made;
+}
+
+// Where the live store now has occurrences that a timeline's backup lost from its range. A
+// look-up answers as a fetch of the key's own window would: the first live occurrence of the
+// series with that key that meets the window. Instead of one fetch per occurrence, the events of
+// the union of the windows are offered once, keeping only the series asked about.
+class MovedOccurrences {
+public:
+    // `wanted`: series key to the occurrence keys to look for.
+    explicit MovedOccurrences(std::unordered_map<std::string, std::set<std::int64_t>> wanted)
+        : wanted_(std::move(wanted)) {}
+
+    static DateInterval window(std::int64_t key) {
+        const double at = static_cast<double>(key);
+        return {Date{at - movedWindow}, Date{at + movedWindow}};
+    }
+
+    void offer(std::shared_ptr<EKEvent> event) {
+        if (!event->calendarItemExternalIdentifier()) return;
+        const auto series = wanted_.find(liveSeriesKey(*event));
+        if (series == wanted_.end()) return;
+        const auto key = liveOccurrenceKey(*event);
+        if (key && series->second.count(*key) != 0)
+            found_[RestoreEngine::matchKey(series->first, key)].push_back(std::move(event));
+    }
+
+    // Offers the events of every window outside `fetched`, whose events were offered already, a
+    // month at a time: a year of a large store's occurrences is more than is worth holding.
+    void fetch(EKEventStore& store, std::optional<DateInterval> fetched) {
+        std::optional<DateInterval> span;
+        for (const auto& [series, keys] : wanted_) {
+            if (keys.empty()) continue;
+            const auto first = window(*keys.begin());
+            const auto last = window(*keys.rbegin());
+            span = span ? DateInterval{std::min(span->start, first.start), std::max(span->end, last.end)}
+                        : DateInterval{first.start, last.end};
+        }
+        if (!span) return;
+        std::vector<DateInterval> parts{*span};
+        if (fetched) {
+            parts.clear();
+            if (span->start < fetched->start) parts.push_back({span->start, std::min(span->end, fetched->start)});
+            if (span->end > fetched->end) parts.push_back({std::max(span->start, fetched->end), span->end});
+        }
+        constexpr double month = 31 * 86400.0;
+        for (const auto& part : parts) {
+            for (double from = part.start.seconds; from < part.end.seconds; from += month) {
+                fetchYearByYear(store, {Date{from}, Date{std::min(from + month, part.end.seconds)}},
+                                [this](std::shared_ptr<EKEvent> event) { offer(std::move(event)); });
+            }
+        }
+    }
+
+    std::shared_ptr<EKEvent> find(const std::string& series, std::int64_t key) const {
+        const auto candidates = found_.find(RestoreEngine::matchKey(series, key));
+        if (candidates == found_.end()) return nullptr;
+        const auto around = window(key);
+        for (const auto& event : candidates->second) {
+            // The store's own test of an event meeting a fetched span.
+            const double start = event->startDate.value_or(0);
+            const double end = event->endDate.value_or(0);
+            if (start < around.end.seconds && (end > around.start.seconds || start >= around.start.seconds))
+                return event;
+        }
+        return nullptr;
+    }
+
+private:
+    std::unordered_map<std::string, std::set<std::int64_t>> wanted_;
+    std::unordered_map<std::string, std::vector<std::shared_ptr<EKEvent>>> found_;
+};
+
 } // namespace
 
 std::string_view TimelineItem::name(State state) {
@@ -111,16 +201,38 @@ DateInterval RestoreEngine::displayRange(const EventSnapshot& snapshot) {
 }
 
 std::vector<RestoreEngine::BackupOccurrence> RestoreEngine::backupOccurrences(const BackupEvent& event,
-                                                                              DateInterval in) const {
+                                                                              DateInterval in) {
+    return occurrencesIn(wholeOccurrences(), event, in);
+}
+
+std::optional<OccurrenceSet> RestoreEngine::occurrencesAround(DateInterval in) {
+    if (occurrencesRead_ || !opened_) return backupOccurrences_;
+    // An occurrence that begins before the range may last into it: reach back by the longest
+    // repeating event, and a day more either side for floating times read in another zone.
+    double longest = 0;
+    for (const auto& event : allEvents_) {
+        if (event.snapshot.recurrence || event.isDetachedOccurrence())
+            longest = std::max(longest, event.snapshot.end.seconds - event.snapshot.start.seconds);
+    }
+    try {
+        return opened_->store->occurrencesWithin(
+            DateInterval{Date{in.start.seconds - longest - widening}, Date{in.end.seconds + widening}});
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+}
+
+std::vector<RestoreEngine::BackupOccurrence>
+RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event, DateInterval in) const {
     std::vector<BackupOccurrence> found;
     const auto& master = event.snapshot;
     if (!master.recurrence) {
         if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
         return found;
     }
-    if (!backupOccurrences_) return found;
-    const auto keys = backupOccurrences_->dates.find(std::string(event.externalIdentifier()));
-    if (keys == backupOccurrences_->dates.end()) return found;
+    if (!set) return found;
+    const auto keys = set->dates.find(std::string(event.externalIdentifier()));
+    if (keys == set->dates.end()) return found;
 
     const double duration = master.end.seconds - master.start.seconds;
     std::map<std::int64_t, const EventSnapshot*> detached;
@@ -160,14 +272,9 @@ RestoreEngine::movedElsewhere(const BackupEvent& event, std::optional<std::int64
         if (!first) return std::nullopt;
         return LiveOccurrence{first, EventKitSource::snapshot(*first)};
     }
-    const double at = static_cast<double>(*key);
-    for (const auto& found :
-         store.eventsMatchingPredicate(store.predicateForEvents(at - movedWindow, at + movedWindow, std::nullopt))) {
-        if (!found->calendarItemExternalIdentifier() || liveSeriesKey(*found) != series) continue;
-        // The key after "/RID=" when there is one, else the occurrence date: the same reading as
-        // for any live occurrence.
-        if (liveOccurrenceKey(*found) == key) return LiveOccurrence{found, EventKitSource::snapshot(*found)};
-    }
+    MovedOccurrences moved(std::unordered_map<std::string, std::set<std::int64_t>>{{series, {*key}}});
+    moved.fetch(store, std::nullopt);
+    if (auto found = moved.find(series, *key)) return LiveOccurrence{found, EventKitSource::snapshot(*found)};
     return std::nullopt;
 }
 
@@ -221,12 +328,17 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     }
 
     std::unordered_map<std::string, Current> current;
+    std::vector<std::shared_ptr<EKEvent>> elsewhere;
     // The same entries in the order fetched, for a stable list of added items.
     std::vector<std::string> fetchOrder;
     if (!toRead.empty()) {
         fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
-            if (!event->calendar || toRead.count(event->calendar->calendarIdentifier) == 0) return;
             if (!event->calendarItemExternalIdentifier()) return;
+            if (!event->calendar || toRead.count(event->calendar->calendarIdentifier) == 0) {
+                // Where a backup event may have gone, though the timeline doesn't show it there.
+                if (backupSeries.count(liveSeriesKey(*event)) != 0) elsewhere.push_back(std::move(event));
+                return;
+            }
             const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
             const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
             auto snapshot = EventKitSource::snapshot(*event);
@@ -260,49 +372,72 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
         items.push_back(std::move(made));
     };
 
+    // The backup's occurrences in the range; those of a series that the range's live events don't
+    // hold are looked for further away, all in one fetch.
+    std::vector<std::pair<const BackupEvent*, BackupOccurrence>> occurrences;
+    std::unordered_map<std::string, std::set<std::int64_t>> lost;
+    const auto occurrenceSet = occurrencesAround(wide);
     for (const auto& event : allEvents_) {
         if (event.isDetachedOccurrence()) continue;
-        const std::string series(event.externalIdentifier());
-        for (const auto& [key, snapshot] : backupOccurrences(event, wide)) {
-            const auto m = matchKey(series, key);
-            if (const auto live = current.find(m); live != current.end()) {
-                seen.insert(m);
-                fromChanges(m, snapshot, live->second, !key);
-                continue;
-            }
-            if (auto found = movedElsewhere(event, key, wide)) {
-                fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, !key);
-                continue;
-            }
-            const auto t = titleStart(snapshot);
-            if (const auto copy = recreated.find(t);
-                copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
-                seen.insert(copy->second);
-                const auto& live = current.at(copy->second);
-                items.push_back(
-                    item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
-                continue;
-            }
-            if (currentTitleStarts.count(t) != 0) continue;
-
-            TimelineItem deleted;
-            deleted.id = m;
-            const auto range = displayRange(snapshot);
-            deleted.title = trimmedTitle(snapshot.title);
-            deleted.start = range.start;
-            deleted.end = range.end;
-            deleted.isAllDay = snapshot.isAllDay;
-            deleted.location = snapshot.location;
-            deleted.calendarName = snapshot.calendarName;
-            deleted.calendarID = snapshot.calendarUUID;
-            deleted.colorHex = event.calendar.colorHex;
-            deleted.state = State::deleted;
-            deleted.isRepeating = key.has_value();
-            // An occurrence deleted from a series that still lives comes back only on its own.
-            const bool alive = current.count(series) != 0 || ek_.contains(event);
-            if (!alive && !ek_.hasEquivalent(event)) deleted.restoreID = event.rowID;
-            items.push_back(std::move(deleted));
+        for (auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
+            const auto key = occurrence.first;
+            if (key && current.count(matchKey(event.externalIdentifier(), key)) == 0)
+                lost[std::string(event.externalIdentifier())].insert(*key);
+            occurrences.emplace_back(&event, std::move(occurrence));
         }
+    }
+    // Within the range a lost occurrence can only be in a calendar not shown, or a single event
+    // now (an occurrence with its key would have matched); what lies beyond the range is fetched.
+    MovedOccurrences moved(std::move(lost));
+    for (auto& event : elsewhere)
+        moved.offer(std::move(event));
+    for (const auto& [key, entry] : current) {
+        if (key.find('|') == std::string::npos) moved.offer(entry.event);
+    }
+    moved.fetch(store, toRead.empty() ? std::nullopt : std::optional(wide));
+    // By backup row: whether a deleted event can come back whole.
+    std::unordered_map<std::int64_t, bool> wholeRestore;
+
+    for (const auto& [event, occurrence] : occurrences) {
+        const auto& [key, snapshot] = occurrence;
+        const std::string series(event->externalIdentifier());
+        const auto m = matchKey(series, key);
+        if (const auto live = current.find(m); live != current.end()) {
+            seen.insert(m);
+            fromChanges(m, snapshot, live->second, !key);
+            continue;
+        }
+        if (key) {
+            if (auto found = moved.find(series, *key)) {
+                auto foundSnapshot = EventKitSource::snapshot(*found);
+                fromChanges(m, snapshot, Current{std::move(found), std::move(foundSnapshot)}, false);
+                continue;
+            }
+        } else if (auto found = movedElsewhere(*event, key, wide)) {
+            fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, true);
+            continue;
+        }
+        const auto t = titleStart(snapshot);
+        if (const auto copy = recreated.find(t);
+            copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
+            seen.insert(copy->second);
+            const auto& live = current.at(copy->second);
+            items.push_back(
+                item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
+            continue;
+        }
+        if (currentTitleStarts.count(t) != 0) continue;
+
+        auto deleted = deletedItem(m, snapshot, event->calendar.colorHex, key.has_value());
+        // An occurrence deleted from a series that still lives comes back only on its own. The
+        // answer is the event's, so the store is asked once for all its occurrences.
+        auto restorable = wholeRestore.find(event->rowID);
+        if (restorable == wholeRestore.end()) {
+            const bool alive = current.count(series) != 0 || ek_.contains(*event);
+            restorable = wholeRestore.emplace(event->rowID, !alive && !ek_.hasEquivalent(*event)).first;
+        }
+        if (restorable->second) deleted.restoreID = event->rowID;
+        items.push_back(std::move(deleted));
     }
 
     for (const auto& key : fetchOrder) {

@@ -142,6 +142,11 @@ TEST_F(CalendarDatabaseTest, OccurrencesAreKeyedWhereTheSeriesHadThem) {
     const auto set = database.occurrences();
     EXPECT_EQ(set.dates,
               (std::map<std::string, std::set<std::int64_t>>{{"weekly", {2, 999, 2, 604800}}, {"orphan", {77}}}));
+    // A part of the cache is chosen by where occurrences begin now, the moved one by its new date.
+    EXPECT_EQ(database.occurrencesWithin({Date{77}, Date{700000}}).dates,
+              (std::map<std::string, std::set<std::int64_t>>{{"weekly", {999, 604800}}, {"orphan", {77}}}));
+    EXPECT_EQ(database.occurrencesWithin({Date{600000}, Date{610000}}).window, set.window);
+    EXPECT_TRUE(database.occurrencesWithin({Date{600000}, Date{610000}}).dates.empty());
 }
 
 TEST_F(CalendarDatabaseTest, FloatingOccurrencesAreShiftedByTheCacheZone) {
