@@ -341,10 +341,7 @@ TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {
 
     const auto& empty = events[1];
     EXPECT_EQ(empty.rowID, bare);
-    auto nothing = EventSnapshot{};
-    nothing.calendarUUID = "CAL-1";
-    nothing.calendarName = "Work (iCloud)";
-    EXPECT_EQ(empty.snapshot, nothing);
+    EXPECT_EQ(empty.snapshot, (EventSnapshot{.calendarUUID = "CAL-1", .calendarName = "Work (iCloud)"}));
     EXPECT_EQ(empty.uuid, std::nullopt);
     EXPECT_EQ(empty.lastModified, std::nullopt);
     EXPECT_FALSE(empty.hasAttendees);
