@@ -3,6 +3,7 @@
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Database/SQLiteDB.h"
+#include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
 #include "Support/Deadline.h"
@@ -10,7 +11,6 @@
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -166,12 +166,9 @@ TEST_F(CommandLineTest, InspectOfHostilePathsFailsAtOnceWithTheReason) {
         db.query("PRAGMA page_size", [&pageSize](const SQLiteDB::Row& row) { pageSize = *row.integer(0); });
     }
     ASSERT_GT(page, 1);
-    {
-        std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>((page - 1) * pageSize));
-        const std::string garbage(static_cast<size_t>(pageSize), '\x7f');
-        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
-    }
+    auto bytes = files::read(damaged);
+    files::write(damaged, bytes.replace(static_cast<size_t>((page - 1) * pageSize), static_cast<size_t>(pageSize),
+                                        std::string(static_cast<size_t>(pageSize), '\x7f')));
 
     const auto notCalendar = " isn't a calendar database: ";
     const std::vector<std::pair<std::string, std::string>> cases = {

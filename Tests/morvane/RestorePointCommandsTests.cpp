@@ -116,22 +116,19 @@ TEST_F(RestorePointCommandsTest, CopiesAndTheTimerSayWhatIsMissing) {
 
 TEST_F(RestorePointCommandsTest, TwoProgramsAtOnceSaveOneRestorePointBetweenThem) {
     saveOneEvent("Dentist");
-    const auto firstOut = user.root().path() / "first.json";
-    const auto secondOut = user.root().path() / "second.json";
-    const pid_t first = testing::startProgram({"snapshot", "--json"}, user.home(), user.temporary(), firstOut);
-    const pid_t second = testing::startProgram({"snapshot", "--json"}, user.home(), user.temporary(), secondOut);
-    ASSERT_GT(first, 0);
-    ASSERT_GT(second, 0);
-    int firstStatus = -1;
-    int secondStatus = -1;
-    waitpid(first, &firstStatus, 0);
-    waitpid(second, &secondStatus, 0);
-    ASSERT_EQ(firstStatus, 0);
-    ASSERT_EQ(secondStatus, 0);
-
+    std::vector<std::pair<pid_t, fs::path>> programs;
+    for (const char* out : {"first.json", "second.json"}) {
+        const auto path = user.root().path() / out;
+        programs.emplace_back(testing::startProgram({"snapshot", "--json"}, user.home(), user.temporary(), path), path);
+    }
     // One compared after the other had written: it found the same calendars, already saved.
-    const std::multiset<std::string> results = {nlohmann::json::parse(files::read(firstOut))["result"],
-                                                nlohmann::json::parse(files::read(secondOut))["result"]};
+    std::multiset<std::string> results;
+    for (const auto& [pid, out] : programs) {
+        int status = -1;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_EQ(status, 0);
+        results.insert(nlohmann::json::parse(files::read(out))["result"].get<std::string>());
+    }
     EXPECT_EQ(results, (std::multiset<std::string>{"saved", "unchanged"}));
     const auto entries = CalendarArchive::shared()->entries();
     ASSERT_EQ(entries.size(), 1u);
