@@ -7,8 +7,8 @@
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/Trash.h"
 #include "MorvanePlatform/UserDefaults.h"
-#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/FolderBackups.h"
 #include "Support/QueuedMainThread.h"
 
 #include <deque>
@@ -58,24 +58,8 @@ protected:
         fs::create_directories(TimeMachineImports::appStoreContainer());
     }
 
-    // Folder-based backups the recorded tmutil lists, each with a database of `events` events.
-    void backups(const std::vector<std::pair<std::string, int>>& stamps) {
-        std::string listing;
-        for (const auto& [stamp, events] : stamps) {
-            const auto folder = user.root().path() / "Backups.backupdb" / stamp;
-            if (!fs::exists(folder) && events >= 0) {
-                testing::CalendarDatabaseBuilder db(folder / std::string(BackupLocator::relativeDBPath));
-                const auto calendar = db.addCalendar({.store = db.addStore({})});
-                for (int i = 0; i < events; ++i)
-                    db.addItem({.calendar = calendar});
-                db.close();
-            } else if (events < 0) {
-                // A backup whose database is damaged.
-                fs::create_directories(folder / std::string(BackupLocator::relativeDBPath));
-            }
-            listing += folder.string() + "\n";
-        }
-        tools->answer("/usr/bin/tmutil listbackups", {0, listing});
+    void backups(const std::vector<testing::FolderBackup>& list) {
+        testing::folderBackups(*tools, user.root().path() / "Backups.backupdb", BackupLocator::relativeDBPath, list);
     }
 
     bool settled() { return !model->phase().isBusy(); }
@@ -211,27 +195,37 @@ protected:
     testing::Installed<ScriptedShell> shell;
 };
 
-TEST_F(HelperRemovalTest, CancellingChangesNothing) {
+TEST_F(HelperRemovalTest, CancellingChangesNothingAndConfirmingWithoutTheCheckboxKeepsTheRestorePoints) {
     restorePoints(1);
     const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
     ASSERT_TRUE(fs::exists(preferences()));
 
     model->confirmRemove();
 
-    ASSERT_EQ(shell->alerts.size(), 1u);
-    const Alert& question = shell->alerts[0];
-    EXPECT_EQ(question.message, "Remove the Time Machine Helper?");
-    EXPECT_EQ(question.informativeText, "It moves to the Trash. Morvane keeps working with its own snapshots.");
-    EXPECT_EQ(question.buttons, (std::vector<std::string>{"Remove Helper", "Cancel"}));
-    EXPECT_TRUE(question.firstButtonDestructive);
-    EXPECT_EQ(question.checkbox, "Also delete the 1 Time Machine restore point it brought into Morvane");
-
-    EXPECT_TRUE(fs::exists(staged.file()));
-    EXPECT_TRUE(fs::exists(bundlePath));
-    EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
-    EXPECT_TRUE(fs::exists(preferences()));
+    EXPECT_EQ(
+        shell->alerts,
+        (std::vector<Alert>{{.message = "Remove the Time Machine Helper?",
+                             .informativeText = "It moves to the Trash. Morvane keeps working with its own snapshots.",
+                             .buttons = {"Remove Helper", "Cancel"},
+                             .firstButtonDestructive = true,
+                             .checkbox = "Also delete the 1 Time Machine restore point it brought into Morvane"}}));
+    for (const auto& kept : {staged.file(), bundlePath, model->archive()->directory() / "index.json", preferences()})
+        EXPECT_TRUE(fs::exists(kept)) << kept;
     EXPECT_EQ(shell->windowsClosed, 0);
     EXPECT_FALSE(shell->exitStatus);
+
+    shell->answers = {{.button = 0, .checkboxOn = false}, {.button = 1}};
+    model->confirmRemove();
+    EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
+    EXPECT_TRUE(fs::exists(trashed()));
+    EXPECT_TRUE(workspace->openedURLs().empty());
+    EXPECT_EQ(shell->exitStatus, 0);
+
+    // Without restore points there is no checkbox to offer.
+    fs::remove_all(model->archive()->directory());
+    shell->answers = {{.button = 1}};
+    model->confirmRemove();
+    EXPECT_FALSE(shell->alerts.back().checkbox);
 }
 
 TEST_F(HelperRemovalTest, ConfirmingWithTheCheckboxDeletesTheRestorePointsAndTrashesTheHelper) {
@@ -251,37 +245,18 @@ TEST_F(HelperRemovalTest, ConfirmingWithTheCheckboxDeletesTheRestorePointsAndTra
     const auto info = files::read(user.home() / ".local/share/Trash/info/MorvaneHelper.trashinfo");
     EXPECT_TRUE(info.starts_with("[Trash Info]\nPath=" + bundlePath.string() + "\nDeletionDate=")) << info;
 
-    const Alert& done = shell->alerts[1];
-    EXPECT_EQ(done.message, "The Time Machine Helper was moved to the Trash");
-    EXPECT_EQ(done.informativeText,
-              "macOS keeps its entry under Full Disk Access until you remove it: in Privacy & Security → Full Disk "
-              "Access, select Morvane Time Machine Helper and click −.");
-    EXPECT_EQ(done.buttons, (std::vector<std::string>{"Open Privacy & Security", "Done"}));
-    EXPECT_FALSE(done.checkbox);
+    EXPECT_EQ(
+        shell->alerts[1],
+        (Alert{.message = "The Time Machine Helper was moved to the Trash",
+               .informativeText = "macOS keeps its entry under Full Disk Access until you remove it: in Privacy & "
+                                  "Security → Full Disk Access, select Morvane Time Machine Helper and click −.",
+               .buttons = {"Open Privacy & Security", "Done"}}));
     EXPECT_EQ(workspace->openedURLs(), (std::vector<std::string>{privacySettingsURL}));
     EXPECT_TRUE(workspace->revealed().empty());
 
     EXPECT_FALSE(fs::exists(preferences()));
     EXPECT_EQ(shell->windowsClosed, 1);
     EXPECT_EQ(shell->exitStatus, 0);
-}
-
-TEST_F(HelperRemovalTest, ConfirmingWithoutTheCheckboxKeepsTheRestorePoints) {
-    restorePoints(2);
-    shell->answers = {{.button = 0, .checkboxOn = false}, {.button = 1}};
-
-    model->confirmRemove();
-
-    EXPECT_TRUE(fs::exists(model->archive()->directory() / "index.json"));
-    EXPECT_TRUE(fs::exists(trashed()));
-    EXPECT_TRUE(workspace->openedURLs().empty());
-    EXPECT_EQ(shell->exitStatus, 0);
-
-    // Without restore points there is no checkbox to offer.
-    fs::remove_all(model->archive()->directory());
-    shell->answers = {{.button = 1}};
-    model->confirmRemove();
-    EXPECT_FALSE(shell->alerts.back().checkbox);
 }
 
 TEST_F(HelperRemovalTest, AFailedMoveToTheTrashRevealsTheHelperAndStillEnds) {

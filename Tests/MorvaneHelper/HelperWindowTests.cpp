@@ -6,8 +6,8 @@
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvaneHelper/HelperApplication.h"
 #include "MorvaneHelper/QtMainThread.h"
-#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/FolderBackups.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -178,20 +178,9 @@ TEST_F(HelperWindowTest, MainStates) {
 }
 
 TEST_F(HelperWindowTest, WalksThroughTheStepsAndImportsFolderBackups) {
-    std::string listing;
-    int events = 0;
-    for (const auto* stamp : {"2024-03-01-101500", "2024-03-02-101500"}) {
-        const auto folder = user.root().path() / "Backups.backupdb" / stamp;
-        testing::CalendarDatabaseBuilder db(folder / std::string(BackupLocator::relativeDBPath));
-        const auto calendar = db.addCalendar({.store = db.addStore({})});
-        // Different content each day, so that each becomes a restore point of its own.
-        for (int i = 0; i <= events; ++i)
-            db.addItem({.calendar = calendar});
-        ++events;
-        db.close();
-        listing += folder.string() + "\n";
-    }
-    tools->answer("/usr/bin/tmutil listbackups", {0, listing});
+    // Different content each day, so that each becomes a restore point of its own.
+    testing::folderBackups(*tools, user.root().path() / "Backups.backupdb", BackupLocator::relativeDBPath,
+                           {{"2024-03-01-101500", 1}, {"2024-03-02-101500", 2}});
 
     view->show();
     ASSERT_TRUE(waitFor([&] { return !model->phase().isBusy(); }));

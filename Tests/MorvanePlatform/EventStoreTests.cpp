@@ -40,19 +40,43 @@ std::string wallClock(double moment, const char* zone = testing::pinnedZone) {
     return text;
 }
 
-std::string dbCount(const fs::path& path, const std::string& sql) {
+// Runs `sql` on a read-only connection of its own, giving `visit` each row: what the file holds
+// for any other reader.
+void eachRow(const fs::path& path, const std::string& sql, const std::function<void(sqlite3_stmt*)>& visit) {
     sqlite3* db = nullptr;
     sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
     sqlite3_stmt* statement = nullptr;
-    std::string result;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-        const auto* text = sqlite3_column_text(statement, 0);
-        result = text ? reinterpret_cast<const char*>(text) : "NULL";
-    }
+    sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
+    while (sqlite3_step(statement) == SQLITE_ROW)
+        visit(statement);
     sqlite3_finalize(statement);
     sqlite3_close(db);
+}
+
+std::string columnText(sqlite3_stmt* row, int column) {
+    const auto* text = sqlite3_column_text(row, column);
+    return text ? reinterpret_cast<const char*>(text) : "NULL";
+}
+
+// The first column of the first row of `sql`.
+std::string dbCount(const fs::path& path, const std::string& sql) {
+    std::string result;
+    eachRow(path, sql, [&](sqlite3_stmt* row) { result = result.empty() ? columnText(row, 0) : result; });
     return result;
+}
+
+// Every row of every table, each value with its type.
+std::string allRows(const fs::path& path) {
+    std::string rows;
+    eachRow(path, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name", [&](sqlite3_stmt* table) {
+        rows += columnText(table, 0) + "\n";
+        eachRow(path, "SELECT * FROM \"" + columnText(table, 0) + "\" ORDER BY ROWID", [&](sqlite3_stmt* row) {
+            for (int column = 0; column < sqlite3_column_count(row); ++column)
+                rows += std::to_string(sqlite3_column_type(row, column)) + ":" + columnText(row, column) + "\x1f";
+            rows += "\n";
+        });
+    });
+    return rows;
 }
 
 class EventStoreTest : public ::testing::Test {
@@ -367,37 +391,6 @@ TEST_F(EventStoreTest, TheOccurrenceCacheFollowsTheClockIntoANewYear) {
 
 using testing::FailingNthStep;
 
-// SHA-256 over every row of every table, read through a connection of its own: what the file
-// holds for any other reader.
-std::string rowsFingerprint(const fs::path& path) {
-    sqlite3* db = nullptr;
-    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
-    auto rows = [db](const std::string& sql, const std::function<void(sqlite3_stmt*)>& visit) {
-        sqlite3_stmt* statement = nullptr;
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr);
-        while (sqlite3_step(statement) == SQLITE_ROW)
-            visit(statement);
-        sqlite3_finalize(statement);
-    };
-    std::vector<std::string> tables;
-    rows("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name",
-         [&](sqlite3_stmt* row) { tables.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(row, 0))); });
-    SHA256 hash;
-    for (const auto& table : tables) {
-        hash.update(table + "\n");
-        rows("SELECT * FROM \"" + table + "\" ORDER BY ROWID", [&](sqlite3_stmt* row) {
-            for (int column = 0; column < sqlite3_column_count(row); ++column) {
-                const auto* text = sqlite3_column_text(row, column);
-                hash.update(std::to_string(sqlite3_column_type(row, column)) + ":" +
-                            (text ? reinterpret_cast<const char*>(text) : "") + "\x1f");
-            }
-            hash.update("\n");
-        });
-    }
-    sqlite3_close(db);
-    return SHA256::hex(hash.finish());
-}
-
 TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
     auto event = [this](EKEventStore& in, const std::string& title, double start) {
         return newEvent(title, start, start + 3600, std::string(testing::pinnedZone), &in);
@@ -469,7 +462,7 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
         const auto path = user.home() / (name + ".sqlitedb");
         EKEventStore faulty(path);
         fill(faulty);
-        const auto before = rowsFingerprint(path);
+        const auto before = allRows(path);
         int n = 1;
         for (;; ++n) {
             const auto write = prepare(faulty);
@@ -483,9 +476,9 @@ TEST_F(EventStoreTest, AWriteThatFailsAtAnyStepLeavesNothingOfItselfBehind) {
             // Whatever the failed write left pending would reach the file now. The next round
             // reads and writes through the same store: it still works.
             faulty.commit();
-            ASSERT_EQ(rowsFingerprint(path), before) << "call " << n;
+            ASSERT_EQ(allRows(path), before) << "call " << n;
         }
-        EXPECT_NE(rowsFingerprint(path), before);
+        EXPECT_NE(allRows(path), before);
         EXPECT_GT(n, 1);
     }
 }

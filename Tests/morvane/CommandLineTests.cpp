@@ -3,6 +3,7 @@
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Database/SQLiteDB.h"
+#include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
 #include "Support/CalendarGenerator.h"
 #include "Support/Deadline.h"
@@ -10,7 +11,6 @@
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -20,6 +20,9 @@
 namespace morvane {
 namespace {
 
+using testing::HasSubstr;
+using testing::holds;
+using ::testing::Not;
 using testing::runCommandLine;
 
 class CommandLineTest : public ::testing::Test {
@@ -87,25 +90,23 @@ TEST_F(CommandLineTest, InspectReportsWhatADatabaseHoldsFromAStagedCopy) {
     ASSERT_EQ(result.status, 0) << result.err;
     const auto report = nlohmann::json::parse(result.out);
     EXPECT_EQ(report["fingerprint"].get<std::string>().size(), 64u);
-    EXPECT_EQ(report["eventCount"], 1);
+    EXPECT_TRUE(holds(report, {{"eventCount", 1}}));
     EXPECT_EQ(report["calendars"][0]["displayName"], "Calendar (On My Mac)");
     EXPECT_EQ(report["occurrenceWindow"]["start"], "2024-02-19T01:46:40Z");
     ASSERT_EQ(report["events"].size(), 2u);
-    const auto& standup = report["events"][0];
-    EXPECT_EQ(standup["title"], "Standup");
-    EXPECT_EQ(standup["start"], 730944000.0);
-    EXPECT_EQ(standup["recurrence"], "FREQ=DAILY");
-    EXPECT_EQ(standup["alarms"], nlohmann::json::array({"15m before"}));
-    EXPECT_EQ(standup["exceptionDates"], nlohmann::json::array({731116800.0}));
-    EXPECT_EQ(standup["masterRowID"], nullptr);
-    EXPECT_EQ(report["events"][1]["masterRowID"], 1);
-    EXPECT_EQ(report["events"][1]["originalDate"], 731030400.0);
+    EXPECT_TRUE(holds(report["events"][0], {{"title", "Standup"},
+                                            {"start", 730944000.0},
+                                            {"recurrence", "FREQ=DAILY"},
+                                            {"alarms", {"15m before"}},
+                                            {"exceptionDates", {731116800.0}},
+                                            {"masterRowID", nullptr}}));
+    EXPECT_TRUE(holds(report["events"][1], {{"masterRowID", 1}, {"originalDate", 731030400.0}}));
     // Only a staged copy was opened, and it is gone.
     EXPECT_TRUE(std::filesystem::is_empty(user.temporary()));
 
     const auto text = runCommandLine({"inspect", file.c_str()});
     EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("Events: 1\n"), std::string::npos) << text.out;
+    EXPECT_THAT(text.out, HasSubstr("Events: 1\n"));
 }
 
 TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles) {
@@ -119,8 +120,8 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     const auto document = runCommandLine({"inspect", calevents.c_str()});
     ASSERT_EQ(document.status, 0) << document.err;
     EXPECT_TRUE(document.out.starts_with("Fingerprint: ek:")) << document.out;
-    EXPECT_NE(document.out.find("Events: 1\n"), std::string::npos) << document.out;
-    EXPECT_NE(document.out.find("  1  Calendar (On My Mac)  (store type 0)\n"), std::string::npos) << document.out;
+    EXPECT_THAT(document.out, HasSubstr("Events: 1\n"));
+    EXPECT_THAT(document.out, HasSubstr("  1  Calendar (On My Mac)  (store type 0)\n"));
 
     root.write("ics/home/displayname", "Home");
     root.write("ics/home/walk.ics", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:walk\r\nDTSTART:20240301T090000Z\r\n"
@@ -132,9 +133,7 @@ TEST_F(CommandLineTest, InspectReadsEventStoreRestorePointsAndFoldersOfIcsFiles)
     const auto archive = runCommandLine({"inspect", (root.path() / "ics").c_str(), "--events", "--json"});
     ASSERT_EQ(archive.status, 0) << archive.err;
     const auto report = nlohmann::json::parse(archive.out);
-    EXPECT_EQ(report["fingerprint"], nullptr);
-    EXPECT_EQ(report["eventCount"], 1);
-    EXPECT_EQ(report["occurrenceWindow"], nullptr);
+    EXPECT_TRUE(holds(report, {{"fingerprint", nullptr}, {"eventCount", 1}, {"occurrenceWindow", nullptr}}));
     EXPECT_EQ(report["calendars"][0]["displayName"], "Home (archive)");
     EXPECT_EQ(report["events"][0]["uniqueIdentifier"], "walk");
     EXPECT_EQ(report["unreadableFiles"], nlohmann::json::array({latin1.string()}));
@@ -167,12 +166,9 @@ TEST_F(CommandLineTest, InspectOfHostilePathsFailsAtOnceWithTheReason) {
         db.query("PRAGMA page_size", [&pageSize](const SQLiteDB::Row& row) { pageSize = *row.integer(0); });
     }
     ASSERT_GT(page, 1);
-    {
-        std::fstream file(damaged, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>((page - 1) * pageSize));
-        const std::string garbage(static_cast<size_t>(pageSize), '\x7f');
-        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
-    }
+    auto bytes = files::read(damaged);
+    files::write(damaged, bytes.replace(static_cast<size_t>((page - 1) * pageSize), static_cast<size_t>(pageSize),
+                                        std::string(static_cast<size_t>(pageSize), '\x7f')));
 
     const auto notCalendar = " isn't a calendar database: ";
     const std::vector<std::pair<std::string, std::string>> cases = {
@@ -202,7 +198,7 @@ TEST_F(CommandLineTest, InspectOfHostilePathsFailsAtOnceWithTheReason) {
     }
     const auto empty = runCommandLine({"inspect", ""});
     EXPECT_EQ(empty.status, cli::exitUsage);
-    EXPECT_NE(empty.err.find("can't be empty"), std::string::npos) << empty.err;
+    EXPECT_THAT(empty.err, HasSubstr("can't be empty"));
 }
 
 TEST_F(CommandLineTest, AnythingThrownOutOfACommandEndsItWithOneLineAndStatusOne) {
@@ -240,7 +236,7 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestName) {
 
     const auto unrelated = runCommandLine({"frobnicate"});
     EXPECT_EQ(unrelated.status, cli::exitUsage);
-    EXPECT_EQ(unrelated.err.find("Did you mean"), std::string::npos);
+    EXPECT_THAT(unrelated.err, Not(HasSubstr("Did you mean")));
 
     EXPECT_EQ(runCommandLine({}).status, cli::exitUsage);
     EXPECT_EQ(runCommandLine({"backups", "--jsn"}).status, cli::exitUsage);
@@ -254,7 +250,7 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestName) {
 
     const auto help = runCommandLine({"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("backups"), std::string::npos);
+    EXPECT_THAT(help.out, HasSubstr("backups"));
 }
 
 } // namespace

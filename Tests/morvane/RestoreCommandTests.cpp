@@ -17,18 +17,14 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using testing::HasSubstr;
+using testing::holds;
+using testing::restorePoint;
 using testing::runCommandLine;
 using testing::utc;
 
 class RestoreCommandTest : public ::testing::Test {
 protected:
-    // A restore point of the calendars as they are, by its id in the list of backups.
-    static std::string restorePoint() {
-        EXPECT_EQ(runCommandLine({"snapshot", "--quiet"}).status, 0);
-        const auto listed = json::parse(runCommandLine({"backups", "--json", "--no-time-machine"}).out);
-        return listed["sources"].back()["id"];
-    }
-
     static std::string liveFingerprint() {
         const auto copy = BackupLocator::stageCopy(BackupLocator::liveDBPath());
         return CalendarDatabase(copy.file()).contentFingerprint();
@@ -63,35 +59,32 @@ TEST_F(RestoreCommandTest, ASeriesComesBackWithItsDeletedAndEditedOccurrencesAnd
     // Every row of the backup asked for: the edited occurrence and an id it doesn't have give no plan.
     const auto plan = runCommandLine({"plan", backup.c_str(), "1", "2", "3", "99", "--json"});
     ASSERT_EQ(plan.status, 0) << plan.err;
-    EXPECT_NE(plan.err.find("Ignored (not an event of this backup, or an edited occurrence, not a series): "),
-              std::string::npos)
-        << plan.err;
-    EXPECT_NE(plan.err.find(", 99\n"), std::string::npos) << plan.err;
+    EXPECT_THAT(plan.err, HasSubstr("Ignored (not an event of this backup, or an edited occurrence, not a series): "));
+    EXPECT_THAT(plan.err, HasSubstr(", 99\n"));
     const auto plans = json::parse(plan.out);
     ASSERT_EQ(plans.size(), 2u);
-    EXPECT_EQ(std::to_string(plans[0]["id"].get<std::int64_t>()), id);
-    EXPECT_EQ(plans[0]["title"], "Choir");
-    EXPECT_EQ(plans[0]["startText"], "2024-03-14 10:00");
-    EXPECT_EQ(plans[0]["targetName"], "Calendar (On My Mac)");
-    EXPECT_EQ(plans[0]["recurrence"], "FREQ=WEEKLY;COUNT=6");
-    EXPECT_EQ(plans[0]["deletedOccurrences"], 2);
-    EXPECT_EQ(plans[0]["editedOccurrences"], 1);
-    EXPECT_EQ(plans[0]["problems"], json::array());
-    EXPECT_EQ(plans[1]["title"], "Dentist");
-    EXPECT_EQ(plans[1]["problems"], json::array({"Still exists."}));
+    EXPECT_TRUE(holds(plans[0], {{"id", std::stoll(id)},
+                                 {"title", "Choir"},
+                                 {"startText", "2024-03-14 10:00"},
+                                 {"targetName", "Calendar (On My Mac)"},
+                                 {"recurrence", "FREQ=WEEKLY;COUNT=6"},
+                                 {"deletedOccurrences", 2},
+                                 {"editedOccurrences", 1},
+                                 {"problems", json::array()}}));
+    EXPECT_TRUE(holds(plans[1], {{"title", "Dentist"}, {"problems", {"Still exists."}}}));
     const auto dentistID = std::to_string(plans[1]["id"].get<std::int64_t>());
 
     // No terminal to ask and no --yes: nothing is written.
     const auto untouched = liveFingerprint();
     const auto refused = runCommandLine({"restore", backup.c_str(), id.c_str()});
     EXPECT_EQ(refused.status, 2);
-    EXPECT_NE(refused.err.find("pass --yes"), std::string::npos) << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("pass --yes"));
     EXPECT_EQ(liveFingerprint(), untouched);
 
     const auto restored = runCommandLine({"restore", backup.c_str(), id.c_str(), dentistID.c_str(), "--yes"});
     ASSERT_EQ(restored.status, 0) << restored.err;
-    EXPECT_NE(restored.out.find("[" + id + "] Choir: Restored\n"), std::string::npos) << restored.out;
-    EXPECT_NE(restored.out.find("] Dentist: Skipped\n    Still exists.\n"), std::string::npos) << restored.out;
+    EXPECT_THAT(restored.out, HasSubstr("[" + id + "] Choir: Restored\n"));
+    EXPECT_THAT(restored.out, HasSubstr("] Dentist: Skipped\n    Still exists.\n"));
 
     // The live calendars show what they showed before; the restorer's own tests check the rows.
     const auto after =
@@ -120,9 +113,8 @@ TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndALockedCalendarFailsTheEv
 
     const auto unknown = runCommandLine({"restore", backup.c_str(), "1", "--into", "Nowhere", "--yes"});
     EXPECT_EQ(unknown.status, 2);
-    EXPECT_NE(unknown.err.find("  Calendar (On My Mac)  " + store.defaultCalendarForNewEvents()->calendarIdentifier),
-              std::string::npos)
-        << unknown.err;
+    EXPECT_THAT(unknown.err,
+                HasSubstr("  Calendar (On My Mac)  " + store.defaultCalendarForNewEvents()->calendarIdentifier));
 
     sqlite3* writer = nullptr;
     ASSERT_EQ(sqlite3_open(BackupLocator::liveDBPath().c_str(), &writer), SQLITE_OK);
@@ -131,8 +123,8 @@ TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndALockedCalendarFailsTheEv
     sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
     sqlite3_close(writer);
     EXPECT_EQ(locked.status, 1);
-    EXPECT_NE(locked.out.find("[1] Dentist: Failed: "), std::string::npos) << locked.out;
-    EXPECT_NE(locked.out.find("locked"), std::string::npos) << locked.out;
+    EXPECT_THAT(locked.out, HasSubstr("[1] Dentist: Failed: "));
+    EXPECT_THAT(locked.out, HasSubstr("locked"));
     EXPECT_EQ(files::read(backup.substr(backup.find(':') + 1)), backupBytes);
 
     const auto restored =

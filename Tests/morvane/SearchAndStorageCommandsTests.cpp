@@ -15,6 +15,8 @@ namespace morvane {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::holds;
 using testing::utc;
 
 class SearchAndStorageCommandsTest : public ::testing::Test {
@@ -45,16 +47,11 @@ TEST_F(SearchAndStorageCommandsTest, SearchFindsADeletedEventInTheRestorePointsA
     const auto json = testing::runCommandLine({"search", "review", "--no-time-machine", "--json"});
     ASSERT_EQ(json.status, 0) << json.err;
     const auto document = nlohmann::json::parse(json.out);
-    EXPECT_EQ(document["searched"], 2);
-    EXPECT_EQ(document["total"], 2);
-    EXPECT_EQ(document["unreadable"], nlohmann::json::array());
+    EXPECT_TRUE(holds(document, {{"searched", 2}, {"total", 2}, {"unreadable", nlohmann::json::array()}}));
     ASSERT_EQ(document["results"].size(), 1u);
     const auto& result = document["results"][0];
-    EXPECT_EQ(result["backupCount"], 2);
-    EXPECT_EQ(result["existsNow"], true);
-    EXPECT_EQ(result["id"], result["entry"]["uid"]);
-    EXPECT_EQ(result["entry"]["start"], "2024-06-04T16:00:00Z");
-    EXPECT_TRUE(result["entry"]["location"].is_null());
+    EXPECT_TRUE(holds(result, {{"backupCount", 2}, {"existsNow", true}, {"id", result["entry"]["uid"]}}));
+    EXPECT_TRUE(holds(result["entry"], {{"start", "2024-06-04T16:00:00Z"}, {"location", nullptr}}));
     EXPECT_EQ(result["source"]["kind"], "appSnapshot");
 
     const auto listed = testing::runCommandLine({"backups", "--summaries", "--no-time-machine"});
@@ -87,7 +84,7 @@ TEST_F(SearchAndStorageCommandsTest, StorageMeasuresAndUninstallRemovesOnlyWhatI
                                               "timeMachineImportBytes", "timeMachineImports"}));
     EXPECT_EQ(sizes["snapshots"], 1); // what each number counts, the uninstaller's tests check
     const auto text = testing::runCommandLine({"storage"});
-    EXPECT_NE(text.out.find("Restore points: 1 restore point, "), std::string::npos) << text.out;
+    EXPECT_THAT(text.out, HasSubstr("Restore points: 1 restore point, "));
 
     const auto unconfirmed = testing::runCommandLine({"uninstall"});
     EXPECT_EQ(unconfirmed.status, 2) << "no terminal to ask on";
@@ -99,7 +96,7 @@ TEST_F(SearchAndStorageCommandsTest, StorageMeasuresAndUninstallRemovesOnlyWhatI
 
     const auto everything = testing::runCommandLine({"uninstall", "--restore-points", "--yes"});
     ASSERT_EQ(everything.status, 0) << everything.err;
-    EXPECT_NE(everything.out.find("Restore points: 1 restore point"), std::string::npos) << everything.out;
+    EXPECT_THAT(everything.out, HasSubstr("Restore points: 1 restore point"));
     EXPECT_FALSE(fs::exists(CalendarArchive::shared()->directory().parent_path()));
     EXPECT_EQ(files::read(BackupLocator::liveDBPath()), live);
 }

@@ -53,7 +53,7 @@ TEST(TerminalOutputTest, ColorIsAnOptionOfTheProgramBeforeOrAfterTheCommand) {
     }
     const auto wrong = runCommandLine({"--color", "sometimes", "calendars"});
     EXPECT_EQ(wrong.status, cli::exitUsage);
-    EXPECT_NE(wrong.err.find("sometimes"), std::string::npos) << wrong.err;
+    EXPECT_THAT(wrong.err, testing::HasSubstr("sometimes"));
 }
 
 TEST(DocumentationTest, SynopsesShowPositionalsThenRequiredThenOptionalOptions) {

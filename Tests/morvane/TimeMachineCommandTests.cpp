@@ -4,8 +4,8 @@
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
 #include "MorvanePlatform/Files.h"
 #include "RunCommandLine.h"
-#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/Fakes.h"
+#include "Support/FolderBackups.h"
 #include "morvane/CommandLine.h"
 
 #include <gtest/gtest.h>
@@ -22,29 +22,9 @@ protected:
     void SetUp() override { fs::create_directories(fs::path(BackupLocator::liveDBPath()).parent_path()); }
     void TearDown() override { BackupLocator::removeAllStagedCopies(); }
 
-    // Dated backup folders as Time Machine writes them, each holding a whole volume; `events`
-    // below zero makes the database unreadable. `live` leaves the write-ahead log beside it.
-    void backups(const std::vector<std::tuple<std::string, int, bool>>& list) {
-        std::string listing;
-        for (const auto& [stamp, events, live] : list) {
-            const auto folder = user.root().path() / "Backups.backupdb" / "Jane's Mac" / stamp;
-            const auto database = folder / "Macintosh HD/Users/jane" / std::string(BackupLocator::relativeDBPath);
-            if (!fs::exists(database)) {
-                if (events < 0) {
-                    user.root().write(database.lexically_relative(user.root().path()), std::string(4096, 'x'));
-                } else {
-                    testing::CalendarDatabaseBuilder db(database,
-                                                        live ? testing::CalendarDatabaseBuilder::Journal::wal
-                                                             : testing::CalendarDatabaseBuilder::Journal::rollback);
-                    const auto calendar = db.addCalendar({.store = db.addStore({})});
-                    for (int i = 0; i < events; ++i)
-                        db.addItem({.calendar = calendar, .summary = "E" + std::to_string(i)});
-                    db.close(/*keepLog=*/live);
-                }
-            }
-            listing += folder.string() + "\n";
-        }
-        tools->answer("/usr/bin/tmutil listbackups", {0, listing});
+    void backups(const std::vector<testing::FolderBackup>& list) {
+        testing::folderBackups(*tools, user.root().path() / "Backups.backupdb/Jane's Mac",
+                               fs::path("Macintosh HD/Users/jane") / BackupLocator::relativeDBPath, list);
     }
 
     fs::path store() const { return TimeMachineImports::forAppStoreEdition()->directory(); }
@@ -55,7 +35,7 @@ protected:
 };
 
 TEST_F(TimeMachineCommandTest, PendingListsTheLatestBackupOfEachDayOldestFirst) {
-    backups({{"2024-03-02-090000", 1, false}, {"2024-03-01-170000", 1, false}, {"2024-03-02-180000", 1, false}});
+    backups({{"2024-03-02-090000"}, {"2024-03-01-170000"}, {"2024-03-02-180000"}});
     const auto result = testing::runCommandLine({"timemachine", "pending", "--json"});
     ASSERT_EQ(result.status, 0) << result.err;
     const auto document = nlohmann::json::parse(result.out);
@@ -65,7 +45,7 @@ TEST_F(TimeMachineCommandTest, PendingListsTheLatestBackupOfEachDayOldestFirst) 
 }
 
 TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNew) {
-    backups({{"2024-03-01-101500", 2, false}, {"2024-03-02-101500", 3, true}, {"2024-03-03-101500", 3, false}});
+    backups({{"2024-03-01-101500", 2}, {"2024-03-02-101500", 3, true}, {"2024-03-03-101500", 3}});
     const auto first = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(first.status, 0) << first.err;
     EXPECT_EQ(first.out, "Found 3 backups to copy (one per day), March 1, 2024 to March 3, 2024. This can take a few "
@@ -99,13 +79,11 @@ TEST_F(TimeMachineCommandTest, ImportFilesEveryBackupAndASecondRunFindsNothingNe
 }
 
 TEST_F(TimeMachineCommandTest, AnUnreadableBackupFailsTheRunAndIsTriedAgainNextTime) {
-    backups({{"2024-03-01-101500", -1, false}});
+    backups({{"2024-03-01-101500", -1}});
     const auto first = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(first.status, cli::exitFailure);
-    EXPECT_NE(first.out.find("The backups couldn't be read.\n1 backup couldn't be read. Is the backup disk still "
-                             "connected? Click Import Backups to try it again.\n"),
-              std::string::npos)
-        << first.out;
+    EXPECT_THAT(first.out, testing::HasSubstr("The backups couldn't be read.\n1 backup couldn't be read. Is the "
+                                              "backup disk still connected? Click Import Backups to try it again.\n"));
     EXPECT_EQ(log->lines().size(), 1u);
     EXPECT_TRUE(fs::is_empty(user.temporary()));
 
@@ -116,10 +94,10 @@ TEST_F(TimeMachineCommandTest, AnUnreadableBackupFailsTheRunAndIsTriedAgainNextT
 
 TEST_F(TimeMachineCommandTest, WithoutAccessToTheCalendarsNothingIsImported) {
     fs::remove_all(fs::path(BackupLocator::liveDBPath()).parent_path());
-    backups({{"2024-03-01-101500", 1, false}});
+    backups({{"2024-03-01-101500"}});
     const auto result = testing::runCommandLine({"timemachine", "import"});
     EXPECT_EQ(result.status, cli::exitFailure);
-    EXPECT_NE(result.err.find("Full Disk Access"), std::string::npos);
+    EXPECT_THAT(result.err, testing::HasSubstr("Full Disk Access"));
     EXPECT_EQ(tools->count("/usr/bin/tmutil"), 0u);
 }
 

@@ -14,17 +14,13 @@ namespace morvane {
 namespace {
 
 using nlohmann::json;
+using testing::HasSubstr;
+using testing::restorePoint;
 using testing::runCommandLine;
 using testing::utc;
 
 class TimelineCommandTest : public ::testing::Test {
 protected:
-    static std::string restorePoint() {
-        EXPECT_EQ(runCommandLine({"snapshot", "--quiet"}).status, 0);
-        const auto listed = json::parse(runCommandLine({"backups", "--json", "--no-time-machine"}).out);
-        return listed["sources"].back()["id"];
-    }
-
     testing::TemporaryUser user;
     testing::Installed<testing::FixedClock> clock{utc(2024, 6, 1, 12)};
     EKEventStore store;
@@ -47,13 +43,11 @@ TEST_F(TimelineCommandTest, ShowsALostOccurrenceThatRestoreBringsBack) {
     const auto before = runCommandLine(
         {"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--html", page.c_str()});
     ASSERT_EQ(before.status, 0) << before.err;
-    EXPECT_NE(before.out.find("2 unchanged, 1 deleted, 0 changed (0 moved), 0 added\nThe page is in " + page.string() +
-                              ".\n"),
-              std::string::npos)
-        << before.out;
+    EXPECT_THAT(before.out, HasSubstr("2 unchanged, 1 deleted, 0 changed (0 moved), 0 added\nThe page is in " +
+                                      page.string() + ".\n"));
     EXPECT_EQ(std::filesystem::status(page).permissions(),
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-    EXPECT_NE(files::read(page).find("data-state=\"deleted\""), std::string::npos);
+    EXPECT_THAT(files::read(page), HasSubstr("data-state=\"deleted\""));
     const auto items = json::parse(
         runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--json"}).out);
     std::string lost;
@@ -68,7 +62,7 @@ TEST_F(TimelineCommandTest, ShowsALostOccurrenceThatRestoreBringsBack) {
     const auto restored = runCommandLine({"restore", backup.c_str(), "--occurrence", lost.c_str(), "--yes"});
     EXPECT_EQ(restored.status, 0) << restored.out << restored.err;
     const auto after = runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06"});
-    EXPECT_NE(after.out.find("3 unchanged, 0 deleted"), std::string::npos) << after.out;
+    EXPECT_THAT(after.out, HasSubstr("3 unchanged, 0 deleted"));
     EXPECT_EQ(runCommandLine({"restore", backup.c_str(), "--occurrence", "nobody", "--yes"}).status, 1);
 }
 

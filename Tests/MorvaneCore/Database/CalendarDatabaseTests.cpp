@@ -13,7 +13,6 @@
 #include "Support/TemporaryDirectory.h"
 
 #include <algorithm>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace morvane {
@@ -186,12 +185,8 @@ TEST_F(CalendarDatabaseTest, IntegrityCheckPassesAHealthyCopyAndReportsDamage) {
     open().verifyIntegrity();
 
     // Damage pages in the middle of the file, where the index and table pages lie.
-    {
-        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(fs::file_size(path) / 2));
-        const std::string garbage(8192, '\x7f');
-        file.write(garbage.data(), static_cast<std::streamsize>(garbage.size()));
-    }
+    auto bytes = files::read(path);
+    files::write(path, bytes.replace(bytes.size() / 2, 8192, std::string(8192, '\x7f')));
     // Everything the check said is reported, its rows run together without anything between.
     std::vector<std::string> complaints;
     SQLiteDB(path.string()).query("PRAGMA quick_check", [&](const SQLiteDB::Row& row) {
@@ -346,10 +341,7 @@ TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {
 
     const auto& empty = events[1];
     EXPECT_EQ(empty.rowID, bare);
-    auto nothing = EventSnapshot{};
-    nothing.calendarUUID = "CAL-1";
-    nothing.calendarName = "Work (iCloud)";
-    EXPECT_EQ(empty.snapshot, nothing);
+    EXPECT_EQ(empty.snapshot, (EventSnapshot{.calendarUUID = "CAL-1", .calendarName = "Work (iCloud)"}));
     EXPECT_EQ(empty.uuid, std::nullopt);
     EXPECT_EQ(empty.lastModified, std::nullopt);
     EXPECT_FALSE(empty.hasAttendees);

@@ -7,9 +7,9 @@
 #include "MorvaneCore/Shared/DateFormatting.h"
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
-#include "Support/CalendarDatabaseBuilder.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
+#include "Support/FolderBackups.h"
 #include "Support/Mapped.h"
 
 #include <chrono>
@@ -30,14 +30,10 @@ protected:
 
     // A folder-based backup: {root}/Backups.backupdb/Mac/{stamp}/Macintosh HD/Users/jane/...
     std::string backup(const std::string& stamp, int events = 1) {
-        const auto folder = user.root().path() / "Backups.backupdb" / "Mac" / stamp;
-        testing::CalendarDatabaseBuilder db(folder / "Macintosh HD" / "Users" / "jane" /
-                                            std::string(BackupLocator::relativeDBPath));
-        const auto calendar = db.addCalendar({.store = db.addStore({})});
-        for (int i = 0; i < events; ++i)
-            db.addItem({.calendar = calendar});
-        db.close();
-        return folder.string();
+        return testing::writeFolderBackup(user.root().path() / "Backups.backupdb/Mac",
+                                          fs::path("Macintosh HD/Users/jane") / BackupLocator::relativeDBPath,
+                                          {stamp, events})
+            .string();
     }
 
     void listBackups(const std::vector<std::string>& stamps, const std::vector<std::string>& local = {}) {
