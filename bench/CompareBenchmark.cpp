@@ -8,7 +8,7 @@
 #include "MorvaneCore/Comparison/Differ.h"
 #include "MorvaneCore/Database/CalendarDatabase.h"
 #include "Support/CalendarGenerator.h"
-#include "Support/LaterCalendar.h"
+#include "LaterCalendar.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>

@@ -2,7 +2,7 @@
 //   derive-calendar DB BACKUP [COUNT] [SEED]     through the local event store, keeping the
 //                                                earlier state in BACKUP (see deriveThroughStore)
 //   derive-calendar --direct DB FRACTION [SEED]  written straight into DB (see deriveDirectly)
-#include "Support/LaterCalendar.h"
+#include "LaterCalendar.h"
 
 #include <cstdlib>
 #include <iostream>

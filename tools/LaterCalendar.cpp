@@ -1,4 +1,4 @@
-#include "Support/LaterCalendar.h"
+#include "LaterCalendar.h"
 
 #include "MorvanePlatform/Clock.h"
 #include "MorvanePlatform/EventKit.h"
