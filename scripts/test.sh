@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-sources=$(git ls-files -- 'Sources/*.cpp' 'Sources/*.h' 'Tests/*.cpp' 'Tests/*.h' 'bench/*.cpp' 'fuzz/*.cpp' 2>/dev/null || true)
+sources=$(git ls-files -- 'Sources/*.cpp' 'Sources/*.h' 'Tests/*.cpp' 'Tests/*.h' 'bench/*.cpp' 'fuzz/*.cpp' 'tools/*.cpp' 'tools/*.h' 2>/dev/null || true)
 if [ -n "$sources" ]; then
     # shellcheck disable=SC2086
     clang-format --dry-run --Werror $sources
