@@ -7,21 +7,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=build/bench/bin
-work=build/bench/data/compare
-mkdir -p "$work"
 export TZ=America/Los_Angeles
 
 for events in 10000 100000; do
-    backup=$work/backup-$events.sqlitedb
-    home=$work/home-$events
-    live="$home/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb"
-    if [ ! -f "$live" ]; then
-        rm -f "$backup"
-        "$bin/generate-calendar" "$backup" "$events" 42
-        mkdir -p "$(dirname "$live")"
-        cp "$backup" "$live"
-        "$bin/derive-calendar" --direct "$live" 0.01 7
-    fi
+    source bench/compare-data.sh
     echo "== $events events"
     HOME=$home "$bin/morvane" compare "$backup" | sed -n 2,3p
     HOME=$home hyperfine --warmup 1 --runs 5 --style basic -n "morvane compare ($events)" \

@@ -8,21 +8,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bin=build/bench/bin
-work=build/bench/data/compare
-mkdir -p "$work"
 export TZ=America/Los_Angeles
 
 events=${EVENTS:-100000}
-backup=$work/backup-$events.sqlitedb
-home=$work/home-$events
-live="$home/Library/Group Containers/group.com.apple.calendar/Calendar.sqlitedb"
-if [ ! -f "$live" ]; then
-    rm -f "$backup"
-    "$bin/generate-calendar" "$backup" "$events" 42
-    mkdir -p "$(dirname "$live")"
-    cp "$backup" "$live"
-    "$bin/derive-calendar" --direct "$live" 0.01 7
-fi
+source bench/compare-data.sh
 for range in "month 2025-03-01 2025-04-01" "year 2025-01-01 2026-01-01"; do
     read -r name from to <<< "$range"
     echo "== $events events, one $name ($from to $to)"
