@@ -229,7 +229,18 @@ bool expandPlainly(const EKRecurrenceRule& rule, double startWallClock, std::opt
     // Monthly on the start's day of the month, yearly on its date; a month without that day has
     // no occurrence.
     const auto first = civilDate(startDay);
-    for (std::int64_t step = 0; step < stepLimit; ++step) {
+    std::int64_t step = 0;
+    if (count == 0 && from > startWallClock) {
+        // Straight to the period before the one that holds `from`, as for weeks above.
+        const auto target = civilDate(static_cast<std::int64_t>(std::floor(from / secondsPerDay)));
+        const std::int64_t months = (static_cast<int>(target.year()) - static_cast<int>(first.year())) * 12 +
+                                    (static_cast<std::int64_t>(static_cast<unsigned>(target.month())) -
+                                     static_cast<std::int64_t>(static_cast<unsigned>(first.month())));
+        const std::int64_t periods =
+            (rule.frequency == EKRecurrenceFrequency::monthly ? months : months / 12) / interval;
+        step = std::max<std::int64_t>(0, periods - 1);
+    }
+    for (std::int64_t steps = 0; steps < stepLimit; ++step, ++steps) {
         std::chrono::year_month_day date = first;
         if (rule.frequency == EKRecurrenceFrequency::monthly) {
             const auto month =
