@@ -107,7 +107,30 @@ SeriesIndex& EKEventStore::LocalStore::seriesIndex() {
     while (detached.step())
         built.detached[detached.integer(0)].insert(keyOf(detached.real(1)));
     index = std::move(built);
+    index->plan();
     return *index;
+}
+
+void SeriesIndex::plan() {
+    static const std::unordered_set<std::int64_t> none;
+    Zones zones;
+    plans.clear();
+    plans.reserve(masters.size());
+    for (const auto& master : masters) {
+        Plan made;
+        made.rule = &rules.at(master.rowID);
+        const auto deletedKeys = exceptions.find(master.rowID);
+        made.deleted = deletedKeys == exceptions.end() ? &none : &deletedKeys->second;
+        const auto movedKeys = detached.find(master.rowID);
+        made.moved = movedKeys == detached.end() ? &none : &movedKeys->second;
+        if (master.zone) {
+            auto& zone = zones.of(master.zone);
+            made.startWallClock = zone.wallClock(master.start);
+            const auto& end = made.rule->recurrenceEnd;
+            if (end && end->occurrenceCount <= 0 && end->endDate) made.untilWallClock = zone.wallClock(*end->endDate);
+        }
+        plans.push_back(made);
+    }
 }
 
 // What the index holds of one series, read afresh: writes touch one series, and reading it
@@ -132,6 +155,7 @@ SeriesIndex EKEventStore::LocalStore::seriesOf(std::int64_t row) {
     detached.bind(1, row);
     while (detached.step())
         one.detached[row].insert(keyOf(detached.real(0)));
+    one.plan();
     return one;
 }
 
@@ -255,10 +279,11 @@ EKEventStore::LocalStore::eventsMatchingPredicate(const EKEventPredicate& predic
             makeDetached(row, masterRow, zones, storedAlarms(series, row.rowID), &series.rules.at(masterRow.rowID)));
     }
 
-    for (const auto& master : series.masters) {
+    for (size_t masterIndex = 0; masterIndex < series.masters.size(); ++masterIndex) {
+        const auto& master = series.masters[masterIndex];
         if (!isWanted(master.calendarRow) || master.start >= spanEnd + storedDatePadding) continue;
         std::shared_ptr<EKEvent> model;
-        expandSeries(series, master, zones, spanStart, spanEnd, [&](double stored, double start, double end) {
+        expandSeries(series, masterIndex, zones, spanStart, spanEnd, [&](double stored, double start, double end) {
             if (!model)
                 model = makeEvent(master, zones, storedAlarms(series, master.rowID), &series.rules.at(master.rowID));
             auto occurrence = std::make_shared<EKEvent>(*model);

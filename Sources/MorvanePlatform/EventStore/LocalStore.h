@@ -76,6 +76,13 @@ struct AlarmRow {
 
 // What the store knows of each series, rebuilt whenever the database changed.
 struct SeriesIndex {
+    // Moved, never copied: its plans point into its own maps.
+    SeriesIndex() = default;
+    SeriesIndex(SeriesIndex&&) = default;
+    SeriesIndex& operator=(SeriesIndex&&) = default;
+    SeriesIndex(const SeriesIndex&) = delete;
+    SeriesIndex& operator=(const SeriesIndex&) = delete;
+
     std::vector<ItemRow> masters;
     std::unordered_map<std::int64_t, size_t> masterByRow;
     std::unordered_map<std::int64_t, EKRecurrenceRule> rules;
@@ -83,6 +90,21 @@ struct SeriesIndex {
     // Occurrence keys that don't show as plain occurrences: deleted ones and detached ones.
     std::unordered_map<std::int64_t, std::unordered_set<std::int64_t>> exceptions;
     std::unordered_map<std::int64_t, std::unordered_set<std::int64_t>> detached;
+
+    // What expanding a master needs beyond its row, looked up once for the index instead of once
+    // per fetch: a fetch of two minutes from a large store is mostly this, series by series.
+    struct Plan {
+        const EKRecurrenceRule* rule = nullptr;
+        // Never null: an empty set when the series has none.
+        const std::unordered_set<std::int64_t>* deleted = nullptr;
+        const std::unordered_set<std::int64_t>* moved = nullptr;
+        // Of a zoned series, as wall clocks of its zone: its start, and its rule's end date.
+        std::optional<double> startWallClock;
+        std::optional<double> untilWallClock;
+    };
+    // One per master, in the same order; made by `plan` once the maps above are complete.
+    std::vector<Plan> plans;
+    void plan();
 };
 
 // The zone an item's dates are counted in, cached by name for one operation.
@@ -231,7 +253,7 @@ private:
                                           const std::vector<AlarmRow>& alarms, const EKRecurrenceRule* rule);
     static const std::vector<AlarmRow>& storedAlarms(const SeriesIndex& series, std::int64_t row);
     template <typename Visit>
-    void expandSeries(const SeriesIndex& series, const ItemRow& master, Zones& zones, double spanStart, double spanEnd,
+    void expandSeries(const SeriesIndex& series, size_t masterIndex, Zones& zones, double spanStart, double spanEnd,
                       Visit&& visit);
     std::shared_ptr<EKCalendarItem> itemOf(const ItemRow& row);
     std::vector<ItemRow> itemsWhere(std::string_view condition,
@@ -285,30 +307,30 @@ private:
 // Calls `visit` with each plain occurrence of a series whose span meets [spanStart, spanEnd):
 // its stored original date and its moments.
 template <typename Visit>
-void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, const ItemRow& master, Zones& zones,
+void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, size_t masterIndex, Zones& zones,
                                             double spanStart, double spanEnd, Visit&& visit) {
     using localStore::storedDatePadding;
+    const auto& master = series.masters[masterIndex];
+    const auto& plan = series.plans[masterIndex];
     // A series that begins where no date can be told has no occurrence that can: expanding it
     // from there would walk up to the span a step at a time.
     if (!(master.start >= earliestRepresentable && master.start < latestRepresentable)) return;
-    const auto& rule = series.rules.at(master.rowID);
-    auto& zone = zones.of(master.zone);
+    const auto& rule = *plan.rule;
     const double duration = std::max(0.0, master.end - master.start);
     std::optional<double> untilWallClock;
     if (rule.recurrenceEnd && rule.recurrenceEnd->occurrenceCount <= 0 && rule.recurrenceEnd->endDate) {
         if (*rule.recurrenceEnd->endDate < spanStart - duration - storedDatePadding) return;
-        untilWallClock = zone.wallClock(*rule.recurrenceEnd->endDate);
+        // A floating series ends by the zone the machine is in now.
+        untilWallClock = master.zone ? plan.untilWallClock : zones.current.wallClock(*rule.recurrenceEnd->endDate);
     }
-    static const std::unordered_set<std::int64_t> none;
-    const auto exceptions = series.exceptions.find(master.rowID);
-    const auto& deleted = exceptions == series.exceptions.end() ? none : exceptions->second;
-    const auto detachedKeys = series.detached.find(master.rowID);
-    const auto& moved = detachedKeys == series.detached.end() ? none : detachedKeys->second;
+    const auto& deleted = *plan.deleted;
+    const auto& moved = *plan.moved;
+    ZoneOffsets* zone = nullptr;
 
-    const double startWallClock = master.zone ? zone.wallClock(master.start) : master.start;
-    recurrence::expand(rule, startWallClock, untilWallClock, spanStart - duration - storedDatePadding,
-                       spanEnd + storedDatePadding, [&](double wallClock) {
-                           const double stored = master.zone ? zone.moment(wallClock) : wallClock;
+    recurrence::expand(rule, plan.startWallClock.value_or(master.start), untilWallClock,
+                       spanStart - duration - storedDatePadding, spanEnd + storedDatePadding, [&](double wallClock) {
+                           if (!zone) zone = &zones.of(master.zone);
+                           const double stored = master.zone ? zone->moment(wallClock) : wallClock;
                            const auto key = localStore::keyOf(stored);
                            if (deleted.count(key) > 0 || moved.count(key) > 0) return true;
                            const double start = zones.moment(master.zone, stored);

@@ -88,13 +88,14 @@ std::vector<CacheRow> EKEventStore::LocalStore::cacheRowsOf(const SeriesIndex& s
     const auto calendar = calendarByRow.find(item.calendarRow);
     const std::int64_t store = calendar == calendarByRow.end() ? 0 : calendar->second->storeRowID_;
     auto inWindow = [&](double moment) { return moment >= window.start && moment < window.end; };
-    if (series.masterByRow.count(item.rowID) == 0) {
+    const auto master = series.masterByRow.find(item.rowID);
+    if (master == series.masterByRow.end()) {
         const double start = zones.moment(item.zone, item.start);
         if (inWindow(start))
             rows.push_back({item.rowID, item.calendarRow, store, start, start, zones.moment(item.zone, item.end)});
         return rows;
     }
-    expandSeries(series, item, zones, window.start, window.end, [&](double, double start, double end) {
+    expandSeries(series, master->second, zones, window.start, window.end, [&](double, double start, double end) {
         if (inWindow(start)) rows.push_back({item.rowID, item.calendarRow, store, start, start, end});
     });
     for (const auto& detached : itemsWhere("ci.orig_item_id = ? AND ci.orig_date IS NOT NULL", {item.rowID})) {
