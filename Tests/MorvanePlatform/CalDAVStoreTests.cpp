@@ -1,5 +1,6 @@
 #include "MorvanePlatform/EventKit.h"
 
+#include "MorvanePlatform/EventStore/CalDAV/Collections.h"
 #include "MorvanePlatform/EventStore/CalDAV/Multistatus.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -26,10 +28,12 @@ using testing::Radicale;
 using testing::utc;
 
 // A loopback server that answers each request with the next of its canned answers and counts
-// what it was asked, for the answers a real server won't give.
+// what it was asked, for the answers a real server won't give. With `stallAtEnd`, the last
+// answer's connection is held open, silent, until the client gives up.
 class ScriptedServer {
 public:
-    explicit ScriptedServer(std::vector<std::string> answers) : answers_(std::move(answers)) {
+    explicit ScriptedServer(std::vector<std::string> answers, bool stallAtEnd = false)
+        : answers_(std::move(answers)), stallAtEnd_(stallAtEnd) {
         listener_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -42,6 +46,7 @@ public:
         thread_ = std::thread([this] { serve(); });
     }
     ~ScriptedServer() {
+        if (const int stalled = stalled_; stalled >= 0) shutdown(stalled, SHUT_RDWR);
         shutdown(listener_, SHUT_RDWR);
         close(listener_);
         thread_.join();
@@ -83,6 +88,12 @@ private:
             }
             ++requests_;
             (void)!write(connection, reply.data(), reply.size());
+            if (stallAtEnd_ && &reply == &answers_.back()) {
+                stalled_ = connection;
+                while (read(connection, buffer, sizeof buffer) > 0) {
+                }
+                stalled_ = -1;
+            }
             close(connection);
         }
         // Past its script the server is gone: connections are refused.
@@ -90,6 +101,8 @@ private:
     }
 
     std::vector<std::string> answers_;
+    const bool stallAtEnd_;
+    std::atomic<int> stalled_{-1};
     int listener_ = -1;
     int port_ = 0;
     std::atomic<int> requests_{0};
@@ -461,6 +474,27 @@ TEST(CalDAVStoreRefusals, WrongPasswordRedirectsPlainHTTPAndMalformedAnswersFail
                 testing::errorText([&] { EKEventStore again(accountAt(url)); });
         }
         EXPECT_EQ(server.requests(), test.requests);
+    }
+}
+
+TEST(CalDAVStoreRefusals, AServerThatStopsAnsweringFailsTheFetchWithinTheTimeOut) {
+    const std::vector<std::pair<const char*, std::string>> cases = {
+        {"silent after the request", ""},
+        {"headers, then nothing", "HTTP/1.1 207 Multi-Status\r\nContent-Length: 4000\r\n\r\n<D:multistatus "
+                                  "xmlns:D=\"DAV:\"><D:response>"},
+    };
+    for (const auto& [name, answer] : cases) {
+        SCOPED_TRACE(name);
+        ScriptedServer server({answer}, true);
+        caldav::HttpClient client(accountAt(server.url()), {std::chrono::seconds(1), std::chrono::seconds(1)});
+        const auto began = std::chrono::steady_clock::now();
+        const auto text =
+            testing::errorText([&] { caldav::fetchResources(client, "/cal/", [](caldav::FetchedResource&) {}); });
+        const auto origin = server.url().substr(0, server.url().size() - 1);
+        EXPECT_EQ(text, "The server of \"scripted\" (" + origin + ") stopped answering REPORT " + origin +
+                            "/cal/: nothing came for 1 second.");
+        // Well short of the default time-outs.
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(8));
     }
 }
 
