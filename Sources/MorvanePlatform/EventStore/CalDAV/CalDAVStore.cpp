@@ -354,7 +354,12 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
         auto* resource = resourceAt(event.rowID_);
         if (!resource) throw EventStoreError("The event isn't in the event store.");
         if (resource->calendar != calendarID) {
-            throw EventStoreError("An event can't move to another calendar of this account.");
+            // A restore into another calendar makes a new event there, so nothing needs a move,
+            // which would be two writes on two collections that can't be taken back as one.
+            const auto from = calendarWithIdentifier(resource->calendar);
+            throw EventStoreError("An event of the account \"" + client.account().name + "\" can't move from \"" +
+                                  (from ? from->title : resource->calendar) + "\" to \"" + calendar->title +
+                                  "\"; save a new event in \"" + calendar->title + "\" instead.");
         }
         uid = resource->series.uid;
         savedID = resource->id;
