@@ -541,27 +541,42 @@ TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatI
 }
 
 TEST(CalDAVStoreRefusals, AResourceThatCantBeReadIsSkippedAndLoggedAndTheRestRead) {
-    testing::Installed<testing::RecordingSystemLog> log;
-    auto answers = oneCalendarDiscovery();
+    // Past the reader's limit, as escaped text and as a CDATA section, which libxml2 holds whole.
+    const std::string huge =
+        vcalendar("BEGIN:VEVENT\r\nUID:huge\r\nDTSTART:20240102T100000Z\r\nDESCRIPTION:" +
+                  std::string(caldav::MultistatusReader::defaultTextLimit, 'x') + "\r\nEND:VEVENT\r\n");
+    const struct {
+        const char* name;
+        std::string data;
+        std::string reason;
+    } cases[] = {
+        {"no start", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:No start\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
+         "it can't be read as iCalendar (an event has no usable DTSTART)"},
+        {"over the limit", huge, "it is larger than 10 MB"},
+        {"over the limit in CDATA", "<![CDATA[" + huge + "]]>", "it is larger than 10 MB"},
+    };
     const auto good = vcalendar("BEGIN:VEVENT\r\nUID:good\r\nSUMMARY:Fine\r\nDTSTART:20240102T100000Z\r\n"
                                 "DTEND:20240102T110000Z\r\nEND:VEVENT\r\n");
-    answers.push_back(ScriptedServer::answer(
-        "207 Multi-Status",
-        multistatus("<D:response><D:href>/cal/bad.ics</D:href><D:propstat><D:prop><D:getetag>\"1\"</D:getetag>"
-                    "<C:calendar-data>BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:No start\r\nEND:VEVENT\r\n"
-                    "END:VCALENDAR\r\n</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>"
-                    "</D:response><D:response><D:href>/cal/good.ics</D:href><D:propstat><D:prop><D:getetag>\"2\""
-                    "</D:getetag><C:calendar-data>" +
-                    good +
-                    "</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>"
-                    "</D:response>")));
-    ScriptedServer server(answers);
-    EKEventStore store(accountAt(server.url()));
-    const auto events = store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 1, 1), utc(2024, 1, 3), {}));
-    ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events.front()->title, "Fine");
-    EXPECT_EQ(log->lines(), std::vector<std::string>{"Skipped /cal/bad.ics of the account \"scripted\": it can't be "
-                                                     "read as iCalendar (an event has no usable DTSTART)."});
+    const auto response = [](const std::string& href, const std::string& data) {
+        return "<D:response><D:href>" + href + "</D:href><D:propstat><D:prop><D:getetag>\"1\"</D:getetag>" +
+               "<C:calendar-data>" + data + "</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status>" +
+               "</D:propstat></D:response>";
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        testing::Installed<testing::RecordingSystemLog> log;
+        auto answers = oneCalendarDiscovery();
+        answers.push_back(ScriptedServer::answer(
+            "207 Multi-Status", multistatus(response("/cal/bad.ics", test.data) + response("/cal/good.ics", good))));
+        ScriptedServer server(answers);
+        EKEventStore store(accountAt(server.url()));
+        const auto events =
+            store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 1, 1), utc(2024, 1, 3), {}));
+        ASSERT_EQ(events.size(), 1U);
+        EXPECT_EQ(events.front()->title, "Fine");
+        EXPECT_EQ(log->lines(),
+                  std::vector<std::string>{"Skipped /cal/bad.ics of the account \"scripted\": " + test.reason + "."});
+    }
 }
 
 } // namespace
