@@ -5,6 +5,7 @@
 #include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/EventKit.h"
 #include "MorvanePlatform/Files.h"
+#include "MorvanePlatform/TerminalEcho.h"
 #include "morvane/CommandLine.h"
 
 #include <algorithm>
@@ -14,7 +15,6 @@
 #include <optional>
 #include <ostream>
 #include <sys/stat.h>
-#include <termios.h>
 #include <unistd.h>
 #include <variant>
 
@@ -107,24 +107,21 @@ std::variant<std::string, Complaint> passwordFromTerminal(const std::string& pro
     if (::isatty(STDIN_FILENO) == 0)
         return Complaint{exitFailure, "morvane: standard input isn't a terminal, so the password can't be typed; "
                                       "give it in a file of mode 600 with --password-file FILE.\n"};
-    termios saved{};
-    if (::tcgetattr(STDIN_FILENO, &saved) != 0)
-        return Complaint{exitFailure, "morvane: can't read from the terminal: " + errnoText(errno) + ".\n"};
-    termios silent = saved;
-    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    silent.c_lflag |= ICANON;
     err << prompt << std::flush;
-    if (::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) != 0)
-        return Complaint{exitFailure, "morvane: can't turn the terminal's echo off: " + errnoText(errno) + ".\n"};
     std::string password;
-    char c = 0;
-    for (;;) {
-        const auto count = ::read(STDIN_FILENO, &c, 1);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0 || c == '\n') break;
-        password.push_back(c);
+    try {
+        const EchoOff silent(STDIN_FILENO);
+        char c = 0;
+        for (;;) {
+            const auto count = ::read(STDIN_FILENO, &c, 1);
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0 || c == '\n') break;
+            password.push_back(c);
+        }
+    } catch (const PlatformError& error) {
+        err << '\n';
+        return Complaint{exitFailure, "morvane: " + error.description() + "\n"};
     }
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     err << '\n';
     password = withoutLineEnd(std::move(password));
     if (password.empty()) return Complaint{exitFailure, "morvane: no password was typed; nothing was saved.\n"};

@@ -1,11 +1,13 @@
 #include "morvane/UninstallCommand.h"
 
 #include "MorvaneCore/Uninstall/Uninstaller.h"
+#include "MorvanePlatform/Accounts.h"
 #include "morvane/CommandLine.h"
 #include "morvane/StorageCommand.h"
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 #include <ostream>
 #include <string>
@@ -33,6 +35,9 @@ int runUninstall(const UninstallOptions& options, std::ostream& out, std::ostrea
     out << "To be removed:\n";
     printSizes(Uninstaller::sizes(), options.restorePoints, options.copies, "  ", out);
     out << "  Working copies and snapshot mounts left by this program\n";
+    std::error_code ignored;
+    if (std::filesystem::exists(accounts::file(), ignored))
+        out << "  The CalDAV accounts and their passwords (" << accounts::file().string() << ")\n";
     if (!options.restorePoints) out << "Restore points stay (--restore-points removes them).\n";
     out << "Copying to the shared folder will be off. Your calendars stay as they are.\n";
     if (!options.yes && !confirmed(out)) {

@@ -1,5 +1,6 @@
 #include "MorvanePlatform/EventKit.h"
 
+#include "MorvanePlatform/EventStore/CalDAV/Collections.h"
 #include "MorvanePlatform/EventStore/CalDAV/Multistatus.h"
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -26,10 +28,12 @@ using testing::Radicale;
 using testing::utc;
 
 // A loopback server that answers each request with the next of its canned answers and counts
-// what it was asked, for the answers a real server won't give.
+// what it was asked, for the answers a real server won't give. With `stallAtEnd`, the last
+// answer's connection is held open, silent, until the client gives up.
 class ScriptedServer {
 public:
-    explicit ScriptedServer(std::vector<std::string> answers) : answers_(std::move(answers)) {
+    explicit ScriptedServer(std::vector<std::string> answers, bool stallAtEnd = false)
+        : answers_(std::move(answers)), stallAtEnd_(stallAtEnd) {
         listener_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -42,6 +46,7 @@ public:
         thread_ = std::thread([this] { serve(); });
     }
     ~ScriptedServer() {
+        if (const int stalled = stalled_; stalled >= 0) shutdown(stalled, SHUT_RDWR);
         shutdown(listener_, SHUT_RDWR);
         close(listener_);
         thread_.join();
@@ -83,6 +88,12 @@ private:
             }
             ++requests_;
             (void)!write(connection, reply.data(), reply.size());
+            if (stallAtEnd_ && &reply == &answers_.back()) {
+                stalled_ = connection;
+                while (read(connection, buffer, sizeof buffer) > 0) {
+                }
+                stalled_ = -1;
+            }
             close(connection);
         }
         // Past its script the server is gone: connections are refused.
@@ -90,6 +101,8 @@ private:
     }
 
     std::vector<std::string> answers_;
+    const bool stallAtEnd_;
+    std::atomic<int> stalled_{-1};
     int listener_ = -1;
     int port_ = 0;
     std::atomic<int> requests_{0};
@@ -464,6 +477,27 @@ TEST(CalDAVStoreRefusals, WrongPasswordRedirectsPlainHTTPAndMalformedAnswersFail
     }
 }
 
+TEST(CalDAVStoreRefusals, AServerThatStopsAnsweringFailsTheFetchWithinTheTimeOut) {
+    const std::vector<std::pair<const char*, std::string>> cases = {
+        {"silent after the request", ""},
+        {"headers, then nothing", "HTTP/1.1 207 Multi-Status\r\nContent-Length: 4000\r\n\r\n<D:multistatus "
+                                  "xmlns:D=\"DAV:\"><D:response>"},
+    };
+    for (const auto& [name, answer] : cases) {
+        SCOPED_TRACE(name);
+        ScriptedServer server({answer}, true);
+        caldav::HttpClient client(accountAt(server.url()), {std::chrono::seconds(1), std::chrono::seconds(1)});
+        const auto began = std::chrono::steady_clock::now();
+        const auto text =
+            testing::errorText([&] { caldav::fetchResources(client, "/cal/", [](caldav::FetchedResource&) {}); });
+        const auto origin = server.url().substr(0, server.url().size() - 1);
+        EXPECT_EQ(text, "The server of \"scripted\" (" + origin + ") stopped answering REPORT " + origin +
+                            "/cal/: nothing came for 1 second.");
+        // Well short of the default time-outs.
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(8));
+    }
+}
+
 // Two new events committed at once; the second write fails. The first is taken back, or the
 // failure names it.
 TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatIsLeft) {
@@ -507,27 +541,42 @@ TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatI
 }
 
 TEST(CalDAVStoreRefusals, AResourceThatCantBeReadIsSkippedAndLoggedAndTheRestRead) {
-    testing::Installed<testing::RecordingSystemLog> log;
-    auto answers = oneCalendarDiscovery();
+    // Past the reader's limit, as escaped text and as a CDATA section, which libxml2 holds whole.
+    const std::string huge =
+        vcalendar("BEGIN:VEVENT\r\nUID:huge\r\nDTSTART:20240102T100000Z\r\nDESCRIPTION:" +
+                  std::string(caldav::MultistatusReader::defaultTextLimit, 'x') + "\r\nEND:VEVENT\r\n");
+    const struct {
+        const char* name;
+        std::string data;
+        std::string reason;
+    } cases[] = {
+        {"no start", "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:No start\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n",
+         "it can't be read as iCalendar (an event has no usable DTSTART)"},
+        {"over the limit", huge, "it is larger than 10 MB"},
+        {"over the limit in CDATA", "<![CDATA[" + huge + "]]>", "it is larger than 10 MB"},
+    };
     const auto good = vcalendar("BEGIN:VEVENT\r\nUID:good\r\nSUMMARY:Fine\r\nDTSTART:20240102T100000Z\r\n"
                                 "DTEND:20240102T110000Z\r\nEND:VEVENT\r\n");
-    answers.push_back(ScriptedServer::answer(
-        "207 Multi-Status",
-        multistatus("<D:response><D:href>/cal/bad.ics</D:href><D:propstat><D:prop><D:getetag>\"1\"</D:getetag>"
-                    "<C:calendar-data>BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:No start\r\nEND:VEVENT\r\n"
-                    "END:VCALENDAR\r\n</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>"
-                    "</D:response><D:response><D:href>/cal/good.ics</D:href><D:propstat><D:prop><D:getetag>\"2\""
-                    "</D:getetag><C:calendar-data>" +
-                    good +
-                    "</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>"
-                    "</D:response>")));
-    ScriptedServer server(answers);
-    EKEventStore store(accountAt(server.url()));
-    const auto events = store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 1, 1), utc(2024, 1, 3), {}));
-    ASSERT_EQ(events.size(), 1U);
-    EXPECT_EQ(events.front()->title, "Fine");
-    EXPECT_EQ(log->lines(), std::vector<std::string>{"Skipped /cal/bad.ics of the account \"scripted\": it can't be "
-                                                     "read as iCalendar (an event has no usable DTSTART)."});
+    const auto response = [](const std::string& href, const std::string& data) {
+        return "<D:response><D:href>" + href + "</D:href><D:propstat><D:prop><D:getetag>\"1\"</D:getetag>" +
+               "<C:calendar-data>" + data + "</C:calendar-data></D:prop><D:status>HTTP/1.1 200 OK</D:status>" +
+               "</D:propstat></D:response>";
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        testing::Installed<testing::RecordingSystemLog> log;
+        auto answers = oneCalendarDiscovery();
+        answers.push_back(ScriptedServer::answer(
+            "207 Multi-Status", multistatus(response("/cal/bad.ics", test.data) + response("/cal/good.ics", good))));
+        ScriptedServer server(answers);
+        EKEventStore store(accountAt(server.url()));
+        const auto events =
+            store.eventsMatchingPredicate(store.predicateForEvents(utc(2024, 1, 1), utc(2024, 1, 3), {}));
+        ASSERT_EQ(events.size(), 1U);
+        EXPECT_EQ(events.front()->title, "Fine");
+        EXPECT_EQ(log->lines(),
+                  std::vector<std::string>{"Skipped /cal/bad.ics of the account \"scripted\": " + test.reason + "."});
+    }
 }
 
 } // namespace

@@ -60,6 +60,16 @@ TEST_F(AccountsCommandTest, ListUseAndRemoveChooseTheLiveStore) {
     EXPECT_EQ(run({"accounts", "use", "local"}).out, "The live calendars are the local ones.\n");
 }
 
+TEST_F(AccountsCommandTest, UninstallSaysItTakesTheAccountsAndTheirPasswordsAndDoes) {
+    const auto removed = run({"uninstall", "--yes"});
+    EXPECT_EQ(removed.status, 0) << removed.err;
+    EXPECT_NE(removed.out.find("The CalDAV accounts and their passwords (" + accounts::file().string() + ")"),
+              std::string::npos)
+        << removed.out;
+    EXPECT_FALSE(fs::exists(accounts::file()));
+    EXPECT_EQ(run({"uninstall", "--yes"}).out.find("CalDAV accounts"), std::string::npos) << "none left to name";
+}
+
 TEST_F(AccountsCommandTest, BadInputIsRefusedAndLeavesTheAccountsAsTheyWere) {
     const auto loose = user.root().path() / "loose";
     files::write(loose, secret);

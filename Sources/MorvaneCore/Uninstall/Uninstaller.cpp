@@ -6,6 +6,7 @@
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
 #include "MorvaneCore/SnapshotStore/ICloudBackup.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/Bundle.h"
 #include "MorvanePlatform/DiskUsage.h"
 #include "MorvanePlatform/Error.h"
@@ -85,6 +86,8 @@ std::vector<std::string> removeData(bool snapshots, bool iCloudCopies) {
     SnapshotMount::unmountAll();
     BackupLocator::removeAllStagedCopies();
     remove(BackupCache::shared().directory(), "Backup cache", failures);
+    // The accounts file holds passwords: it never outlives the program, whatever else stays.
+    remove(accounts::file(), "CalDAV accounts", failures);
 
     if (snapshots) {
         const auto store = CalendarArchive::shared()->directory();

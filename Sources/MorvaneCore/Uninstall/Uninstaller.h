@@ -39,11 +39,11 @@ std::int64_t size(const std::filesystem::path& folder);
 Sizes sizes();
 
 // Unmounts every snapshot and removes every staged copy of this process, then removes the backup
-// cache; with `snapshots`, the restore points and the Time Machine imports too, and the product's
-// folder in Application Support when nothing but dot-files is left in it; with `iCloudCopies`,
-// this computer's copies. Copying to the shared folder is turned off in every case. Goes on after
-// each failure and gives one text per failure, "{label}: {description}", empty when all went well;
-// a folder that doesn't exist is no failure. Never throws.
+// cache and the CalDAV accounts file with its passwords (the local calendars are live again); with `snapshots`, the
+// restore points and the Time Machine imports too, and the product's folder in Application Support when nothing but
+// dot-files is left in it; with `iCloudCopies`, this computer's copies. Copying to the shared folder is turned off in
+// every case. Goes on after each failure and gives one text per failure, "{label}: {description}", empty when all went
+// well; a folder that doesn't exist is no failure. Never throws.
 std::vector<std::string> removeData(bool snapshots, bool iCloudCopies);
 
 // Forgets the running application's settings and deletes its preferences file

@@ -5,6 +5,7 @@
 #include "MorvaneCore/SnapshotStore/CalendarArchive.h"
 #include "MorvaneCore/SnapshotStore/ICloudBackup.h"
 #include "MorvaneCore/SnapshotStore/TimeMachineImports.h"
+#include "MorvanePlatform/Accounts.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/UserDefaults.h"
 #include "Support/Fakes.h"
@@ -61,7 +62,7 @@ TEST_F(UninstallerTest, MeasuresAllocatedSpaceHiddenFilesIncluded) {
     EXPECT_EQ(Uninstaller::size(snapshots / "index.json"), 0) << "a file is no folder";
 }
 
-TEST_F(UninstallerTest, AlwaysTakesTheCacheStagedCopiesAndCopyingAwayAndTheStoresOnlyWhenAsked) {
+TEST_F(UninstallerTest, AlwaysTakesTheCacheStagedCopiesAccountsAndCopyingAwayAndTheStoresOnlyWhenAsked) {
     EXPECT_TRUE(Uninstaller::removeData(true, true).empty()) << "nothing on the disk is no failure";
 
     store(*CalendarArchive::shared(), "2024-06-01-120000", 100);
@@ -69,8 +70,10 @@ TEST_F(UninstallerTest, AlwaysTakesTheCacheStagedCopiesAndCopyingAwayAndTheStore
     files::write(cache / "copy.calsnap", "c");
     const auto staged = BackupLocator::stageData("data", "Calendar.sqlitedb");
     UserDefaults::current().setBool(std::string(ICloudBackup::enabledKey), true);
+    accounts::save({{{"work", "https://dav.example.com/", "jane", "pw", std::nullopt, false}}, "work"});
 
     EXPECT_TRUE(Uninstaller::removeData(false, false).empty());
+    EXPECT_FALSE(fs::exists(accounts::file())) << "passwords never stay behind";
     EXPECT_FALSE(fs::exists(cache));
     EXPECT_TRUE(BackupLocator::stagedFolders().empty());
     EXPECT_FALSE(fs::exists(staged.file()));

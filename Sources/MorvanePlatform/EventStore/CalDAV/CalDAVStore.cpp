@@ -2,6 +2,7 @@
 
 #include "MorvanePlatform/CalendarDates.h"
 #include "MorvanePlatform/EventStore/CalDAV/Collections.h"
+#include "MorvanePlatform/EventStore/CalDAV/Multistatus.h"
 #include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
 #include "MorvanePlatform/EventStore/ZoneOffsets.h"
 #include "MorvanePlatform/Files.h"
@@ -95,14 +96,20 @@ EKEventStore::CalDAVStore::CalendarState& EKEventStore::CalDAVStore::loaded(cons
     std::vector<std::int64_t> ids;
     std::map<std::int64_t, Resource> read;
     caldav::fetchResources(client, calendarIdentifier, [&](caldav::FetchedResource& fetched) {
+        // One unreadable resource doesn't hide the calendar's others.
+        const auto skip = [&](const std::string& reason) {
+            SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
+                                       "\": " + reason + ".");
+        };
+        if (fetched.oversized) {
+            return skip("it is larger than " + std::to_string(caldav::MultistatusReader::defaultTextLimit >> 20) +
+                        " MB");
+        }
         Resource resource;
         try {
             resource.series = caldav::readResource(fetched.text);
         } catch (const EventStoreError& error) {
-            // One unreadable resource doesn't hide the calendar's others.
-            SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
-                                       "\": it can't be read as iCalendar (" + error.description() + ").");
-            return;
+            return skip("it can't be read as iCalendar (" + error.description() + ")");
         }
         resource.id = idOf(fetched.href);
         resource.calendar = calendarIdentifier;
@@ -354,7 +361,11 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
         auto* resource = resourceAt(event.rowID_);
         if (!resource) throw EventStoreError("The event isn't in the event store.");
         if (resource->calendar != calendarID) {
-            throw EventStoreError("An event can't move to another calendar of this account.");
+            // A restore into another calendar makes a new event there: nothing here needs a move.
+            const auto from = calendarWithIdentifier(resource->calendar);
+            throw EventStoreError("An event of the account \"" + client.account().name + "\" can't move from \"" +
+                                  (from ? from->title : resource->calendar) + "\" to \"" + calendar->title +
+                                  "\"; save a new event in \"" + calendar->title + "\" instead.");
         }
         uid = resource->series.uid;
         savedID = resource->id;

@@ -147,6 +147,7 @@ void fetchResources(HttpClient& client, const std::string& calendarHref,
         resource.href = pathOf(client.absolute(response.href));
         if (const auto* etag = response.property(davNamespace, "getetag")) resource.etag = etag->trimmedText();
         resource.text = data->text;
+        resource.oversized = response.oversized;
         each(resource);
     });
     const std::string body = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"

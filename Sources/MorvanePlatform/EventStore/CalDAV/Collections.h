@@ -29,11 +29,14 @@ std::vector<CalendarCollection> discoverCalendars(HttpClient& client);
 struct FetchedResource {
     std::string href;
     std::string etag;
+    // Empty for a resource over the size limit.
     std::string text;
+    bool oversized = false;
 };
 
 // Every event resource of a calendar (a calendar-query REPORT), handed to `each` one at a time
-// as the answer streams in. Throws EventStoreError for a refused request or a malformed answer.
+// as the answer streams in; one over MultistatusReader's text limit comes without its text,
+// marked oversized. Throws EventStoreError for a refused request or a malformed answer.
 void fetchResources(HttpClient& client, const std::string& calendarHref,
                     const std::function<void(FetchedResource&)>& each);
 

@@ -57,7 +57,29 @@ struct Transfer {
     HttpResponse* response = nullptr;
     std::string* location = nullptr;
     std::exception_ptr failure;
+    // The last time a byte moved either way, to end a transfer that stalls.
+    std::chrono::seconds stallLimit{0};
+    std::chrono::steady_clock::time_point lastMoved = std::chrono::steady_clock::now();
+    curl_off_t received = 0;
+    curl_off_t sent = 0;
+    bool stalled = false;
 };
+
+// libcurl's own low-speed check averages over several seconds, so a stall would be noticed only
+// seconds after its limit; this one counts from the last byte.
+int checkProgress(void* context, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+    auto& transfer = *static_cast<Transfer*>(context);
+    const auto now = std::chrono::steady_clock::now();
+    if (received != transfer.received || sent != transfer.sent) {
+        transfer.received = received;
+        transfer.sent = sent;
+        transfer.lastMoved = now;
+        return 0;
+    }
+    if (now - transfer.lastMoved < transfer.stallLimit) return 0;
+    transfer.stalled = true;
+    return 1;
+}
 
 size_t receiveBody(char* data, size_t size, size_t count, void* context) {
     auto& transfer = *static_cast<Transfer*>(context);
@@ -103,6 +125,10 @@ size_t receiveHeader(char* data, size_t size, size_t count, void* context) {
     return size * count;
 }
 
+std::string secondsText(std::chrono::seconds seconds) {
+    return std::to_string(seconds.count()) + (seconds.count() == 1 ? " second" : " seconds");
+}
+
 } // namespace
 
 std::string originOf(const std::string& url) {
@@ -115,7 +141,8 @@ std::string originOf(const std::string& url) {
     return scheme + "://" + host + ":" + port;
 }
 
-HttpClient::HttpClient(CalDAVAccount account) : account_(std::move(account)) {
+HttpClient::HttpClient(CalDAVAccount account, HttpTimeOuts timeOuts)
+    : account_(std::move(account)), timeOuts_(timeOuts) {
     initializeCurl();
     const std::unique_ptr<CURLU, UrlFree> parsed(curl_url());
     if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, account_.url.c_str(), 0) != CURLUE_OK) {
@@ -195,7 +222,8 @@ HttpResponse HttpClient::sendOnce(const std::string& method, const std::string& 
                                   const std::vector<std::string>& headers, const std::string& body,
                                   const std::function<void(std::string_view)>& sink, std::string& location) {
     HttpResponse response;
-    Transfer transfer{handle_, &sink, &response, &location, nullptr};
+    Transfer transfer{handle_, &sink, &response, &location};
+    transfer.stallLimit = timeOuts_.stall;
     curl_easy_reset(handle_);
     std::unique_ptr<curl_slist, ListFree> list;
     for (const auto& header : headers) {
@@ -211,9 +239,12 @@ HttpResponse HttpClient::sendOnce(const std::string& method, const std::string& 
     curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorText);
-    curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT, 10L);
-    curl_easy_setopt(handle_, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(handle_, CURLOPT_LOW_SPEED_TIME, 30L);
+    curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT, static_cast<long>(timeOuts_.connect.count()));
+    // A stall is no byte either way for the stall time; a slow but steady answer (a large
+    // calendar) has no overall limit.
+    curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle_, CURLOPT_XFERINFOFUNCTION, checkProgress);
+    curl_easy_setopt(handle_, CURLOPT_XFERINFODATA, &transfer);
     curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(handle_, CURLOPT_SSL_VERIFYHOST, 2L);
     if (account_.caFile) {
@@ -239,6 +270,14 @@ HttpResponse HttpClient::sendOnce(const std::string& method, const std::string& 
     curl_easy_setopt(handle_, CURLOPT_HEADERDATA, &transfer);
     const auto result = curl_easy_perform(handle_);
     if (transfer.failure) std::rethrow_exception(transfer.failure);
+    if (result == CURLE_OPERATION_TIMEDOUT) {
+        throw EventStoreError("The server of \"" + account_.name + "\" (" + origin_ + ") couldn't be reached for " +
+                              method + " " + url + " within " + secondsText(timeOuts_.connect) + ".");
+    }
+    if (transfer.stalled) {
+        throw EventStoreError("The server of \"" + account_.name + "\" (" + origin_ + ") stopped answering " + method +
+                              " " + url + ": nothing came for " + secondsText(timeOuts_.stall) + ".");
+    }
     if (result != CURLE_OK) {
         const std::string reason = errorText[0] != '\0' ? errorText : curl_easy_strerror(result);
         throw EventStoreError("The server of \"" + account_.name + "\" couldn't be reached for " + method + " " + url +

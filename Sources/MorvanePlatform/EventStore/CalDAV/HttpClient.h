@@ -2,6 +2,7 @@
 
 #include "MorvanePlatform/CalDAVAccount.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -18,20 +19,26 @@ struct HttpResponse {
     std::string etag;
 };
 
+struct HttpTimeOuts {
+    std::chrono::seconds connect{10};
+    // How long a request may go without a byte in either direction.
+    std::chrono::seconds stall{30};
+};
+
 // HTTP for one account, over libcurl: TLS certificates always verified (the account's certificate
 // authority trusted besides the system's), credentials sent with the first request and never put
 // into a URL or a message, redirects followed only on the same scheme, host and port. Plain HTTP
 // is for this machine's loopback unless the account allows it, with a warning in the system log.
 // Connections are kept between requests. One thread at a time.
 //
-// Failures throw EventStoreError: a server that can't be reached or stops answering (ten seconds
-// to connect, thirty without progress), a refused password (401, at once and without retrying),
-// a redirect elsewhere. Other statuses are the caller's to judge.
+// Failures throw EventStoreError: a server that can't be reached or stops answering (within the
+// time-outs), a refused password (401, at once and without retrying), a redirect elsewhere. Other
+// statuses are the caller's to judge.
 class HttpClient {
 public:
     // Throws EventStoreError for a URL that isn't http(s), carries credentials, or is plain HTTP
-    // to another host without the account's leave.
-    explicit HttpClient(CalDAVAccount account);
+    // to another host without the account's leave. Time-outs other than the defaults are for tests.
+    explicit HttpClient(CalDAVAccount account, HttpTimeOuts timeOuts = {});
     ~HttpClient();
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
@@ -53,6 +60,7 @@ private:
                           std::string& location);
 
     const CalDAVAccount account_;
+    const HttpTimeOuts timeOuts_;
     std::string origin_;
     CURL* handle_ = nullptr;
 };

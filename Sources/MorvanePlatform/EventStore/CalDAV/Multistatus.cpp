@@ -1,6 +1,11 @@
 // A SAX reader over libxml2's push parser: elements inside a <response> are built into a small
 // tree, which is handed on and dropped when the response ends. Entities aren't substituted and
 // nothing is fetched from the network, so a hostile answer can't expand or reach out.
+//
+// libxml2's own ten-megabyte limits are lifted (XML_PARSE_HUGE) so that one large event doesn't
+// fail a whole calendar; the reader bounds memory itself instead: a response's text by
+// `textLimit`, and what the parser holds unread (a CDATA section is kept whole until its end) by
+// `heldLimit`.
 #include "MorvanePlatform/EventStore/CalDAV/Multistatus.h"
 
 #include "MorvanePlatform/EventKit.h"
@@ -51,6 +56,12 @@ struct MultistatusReader::State {
     bool sawMultistatus = false;
     // The open elements of the current response, outermost first; empty outside one.
     std::vector<XmlElement> open;
+    size_t textLimit = 0;
+    // Text kept of the current response, and whether some was dropped.
+    size_t textKept = 0;
+    bool oversized = false;
+    // The depth in `open` of the element whose text is being dropped; 0 when none is.
+    size_t droppedDepth = 0;
     std::exception_ptr failure;
 
     [[noreturn]] void fail(const std::string& reason) const {
@@ -117,6 +128,7 @@ void endElement(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
     auto& state = *static_cast<State*>(context);
     --state.depth;
     if (state.failure || state.open.empty()) return;
+    if (state.open.size() == state.droppedDepth) state.droppedDepth = 0;
     auto element = std::move(state.open.back());
     state.open.pop_back();
     if (!state.open.empty()) {
@@ -125,6 +137,9 @@ void endElement(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
     }
     try {
         auto response = responseOf(element);
+        response.oversized = state.oversized;
+        state.textKept = 0;
+        state.oversized = false;
         state.onResponse(response);
     } catch (...) {
         state.failure = std::current_exception();
@@ -134,18 +149,31 @@ void endElement(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
 
 void characters(void* context, const xmlChar* characters, int length) {
     auto& state = *static_cast<State*>(context);
-    if (state.failure || state.open.empty()) return;
-    state.open.back().text.append(reinterpret_cast<const char*>(characters), static_cast<size_t>(length));
+    if (state.failure || state.open.empty() || state.open.size() == state.droppedDepth) return;
+    auto& text = state.open.back().text;
+    if (state.textKept + static_cast<size_t>(length) > state.textLimit) {
+        // Only this element's text goes: the response's other parts (its href, its status) still
+        // say what it was.
+        state.oversized = true;
+        state.droppedDepth = state.open.size();
+        state.textKept -= text.size();
+        std::string().swap(text);
+        return;
+    }
+    state.textKept += static_cast<size_t>(length);
+    text.append(reinterpret_cast<const char*>(characters), static_cast<size_t>(length));
 }
 
 void quiet(void*, const char*, ...) {}
 
 } // namespace
 
-MultistatusReader::MultistatusReader(std::string request, std::function<void(DavResponse&)> onResponse)
+MultistatusReader::MultistatusReader(std::string request, std::function<void(DavResponse&)> onResponse,
+                                     size_t textLimit)
     : state_(std::make_unique<State>()) {
     state_->request = std::move(request);
     state_->onResponse = std::move(onResponse);
+    state_->textLimit = textLimit;
     static xmlSAXHandler handler = [] {
         xmlSAXHandler sax{};
         sax.initialized = XML_SAX2_MAGIC;
@@ -159,7 +187,7 @@ MultistatusReader::MultistatusReader(std::string request, std::function<void(Dav
     }();
     state_->parser = xmlCreatePushParserCtxt(&handler, state_.get(), nullptr, 0, nullptr);
     if (state_->parser == nullptr) state_->fail("the XML parser couldn't be started");
-    xmlCtxtUseOptions(state_->parser, XML_PARSE_NONET | XML_PARSE_NOWARNING | XML_PARSE_NOERROR);
+    xmlCtxtUseOptions(state_->parser, XML_PARSE_NONET | XML_PARSE_NOWARNING | XML_PARSE_NOERROR | XML_PARSE_HUGE);
 }
 
 MultistatusReader::~MultistatusReader() {
@@ -193,6 +221,11 @@ void MultistatusReader::feed(std::string_view bytes) {
         const auto piece = bytes.substr(0, chunk);
         check(*state_, xmlParseChunk(state_->parser, piece.data(), static_cast<int>(piece.size()), 0));
         bytes.remove_prefix(piece.size());
+        const auto* input = state_->parser->input;
+        if (input != nullptr && input->cur != nullptr && static_cast<size_t>(input->end - input->cur) > heldLimit) {
+            state_->fail("one response holds more than " + std::to_string(heldLimit >> 20) +
+                         " MB that can't be read piece by piece");
+        }
     }
 }
 

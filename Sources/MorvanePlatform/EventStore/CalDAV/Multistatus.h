@@ -37,17 +37,25 @@ struct XmlElement {
 struct DavResponse {
     std::string href;
     std::vector<XmlElement> properties;
+    // Text over the reader's limit was left out: the element that grew too long is empty.
+    bool oversized = false;
 
     const XmlElement* property(std::string_view space, std::string_view name) const;
 };
 
 // Reads a 207 Multi-Status answer as it arrives, handing each <response> to `onResponse` as
 // soon as it is complete, so that only one response at a time is held however long the answer.
-// Throws EventStoreError naming `request` when the answer isn't well-formed XML or isn't a
-// multistatus; an exception from `onResponse` comes out of `feed`.
+// A response's text beyond `textLimit` bytes is dropped and the response marked oversized.
+// Throws EventStoreError naming `request` when the answer isn't well-formed XML, isn't a
+// multistatus, or makes the parser hold more than `heldLimit` unread bytes (a CDATA section
+// can't be read piece by piece); an exception from `onResponse` comes out of `feed`.
 class MultistatusReader {
 public:
-    MultistatusReader(std::string request, std::function<void(DavResponse&)> onResponse);
+    static constexpr size_t defaultTextLimit = size_t{10} << 20;
+    static constexpr size_t heldLimit = size_t{64} << 20;
+
+    MultistatusReader(std::string request, std::function<void(DavResponse&)> onResponse,
+                      size_t textLimit = defaultTextLimit);
     ~MultistatusReader();
     MultistatusReader(const MultistatusReader&) = delete;
     MultistatusReader& operator=(const MultistatusReader&) = delete;
