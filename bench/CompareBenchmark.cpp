@@ -4,11 +4,11 @@
 // the event store would take hours at 100,000 events). The live database lies in a home folder
 // of its own, so `liveIndex` stages and reads it as it would a user's; the current zone is Los
 // Angeles, the generator's.
+#include "LaterCalendar.h"
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Comparison/Differ.h"
 #include "MorvaneCore/Database/CalendarDatabase.h"
 #include "Support/CalendarGenerator.h"
-#include "LaterCalendar.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
