@@ -159,7 +159,7 @@ public:
 private:
     // The loaded backup's whole occurrence cache, read on first need; none when its store has none.
     const std::optional<OccurrenceSet>& wholeOccurrences();
-    // The cache rows a timeline of `in` can show, unless the whole cache was read already.
+    // The cache rows a timeline of `in` can show; none without a loaded backup or a cache.
     std::optional<OccurrenceSet> occurrencesAround(DateInterval in);
     std::vector<BackupOccurrence> occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event,
                                                 DateInterval in) const;

@@ -206,7 +206,7 @@ std::vector<RestoreEngine::BackupOccurrence> RestoreEngine::backupOccurrences(co
 }
 
 std::optional<OccurrenceSet> RestoreEngine::occurrencesAround(DateInterval in) {
-    if (occurrencesRead_ || !opened_) return backupOccurrences_;
+    if (!opened_) return std::nullopt;
     // An occurrence that begins before the range may last into it: reach back by the longest
     // repeating event, and a day more either side for floating times read in another zone.
     double longest = 0;
@@ -376,7 +376,10 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     // hold are looked for further away, all in one fetch.
     std::vector<std::pair<const BackupEvent*, BackupOccurrence>> occurrences;
     std::unordered_map<std::string, std::set<std::int64_t>> lost;
-    const auto occurrenceSet = occurrencesAround(wide);
+    // The whole cache when a comparison has read it already, else only what the range needs.
+    std::optional<OccurrenceSet> ranged;
+    if (!occurrencesRead_) ranged = occurrencesAround(wide);
+    const auto& occurrenceSet = occurrencesRead_ ? backupOccurrences_ : ranged;
     for (const auto& event : allEvents_) {
         if (event.isDetachedOccurrence()) continue;
         for (auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
