@@ -5,6 +5,7 @@
 #include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/Radicale.h"
+#include "Support/SavedEvents.h"
 #include "Support/UTC.h"
 
 #include <algorithm>
@@ -327,12 +328,8 @@ TEST_F(CalDAVStoreTest, SavesAndRemovalsReachTheServerAndReadBackInAFreshStore) 
 
 TEST_F(CalDAVStoreTest, PendingWritesWaitForCommitAndResetDropsThem) {
     auto store = open();
-    auto event = EKEvent::eventWithEventStore(*store);
-    event->title = "Draft";
-    event->calendar = store->calendarWithIdentifier(calendar);
-    event->startDate = utc(2024, 6, 1, 10);
-    event->endDate = utc(2024, 6, 1, 11);
-    store->saveEvent(*event, EKSpan::thisEvent, false);
+    testing::saveEvent(*store, "Draft", utc(2024, 6, 1, 10), utc(2024, 6, 1, 11), std::nullopt, std::nullopt,
+                       store->calendarWithIdentifier(calendar), false);
     EXPECT_EQ(eventsIn(*store, utc(2024, 6, 1), utc(2024, 6, 2)),
               std::vector<std::string>{at("Draft", utc(2024, 6, 1, 10))});
     EXPECT_TRUE(eventsIn(*open(), utc(2024, 6, 1), utc(2024, 6, 2)).empty());
@@ -348,12 +345,8 @@ TEST_F(CalDAVStoreTest, AChangeMadeElsewhereSinceTheReadIsNeverOverwritten) {
     auto master = std::dynamic_pointer_cast<EKEvent>(store->calendarItemWithIdentifier(calendar + "weekly-1.ics"));
     ASSERT_TRUE(master);
     // A new event goes first, so that the failure has something to take back.
-    auto created = EKEvent::eventWithEventStore(*store);
-    created->title = "New";
-    created->calendar = store->calendarWithIdentifier(calendar);
-    created->startDate = utc(2024, 3, 5, 10);
-    created->endDate = utc(2024, 3, 5, 11);
-    store->saveEvent(*created, EKSpan::thisEvent, false);
+    testing::saveEvent(*store, "New", utc(2024, 3, 5, 10), utc(2024, 3, 5, 11), std::nullopt, std::nullopt,
+                       store->calendarWithIdentifier(calendar), false);
     master->title = "Renamed here";
     store->saveEvent(*master, EKSpan::futureEvents, false);
 
@@ -369,12 +362,8 @@ TEST_F(CalDAVStoreTest, AChangeMadeElsewhereSinceTheReadIsNeverOverwritten) {
 
 TEST_F(CalDAVStoreTest, AServerThatStopsFailsTheCommitAndKeepsWhatItHeld) {
     auto store = open();
-    auto event = EKEvent::eventWithEventStore(*store);
-    event->title = "Unsent";
-    event->calendar = store->calendarWithIdentifier(calendar);
-    event->startDate = utc(2024, 7, 1, 10);
-    event->endDate = utc(2024, 7, 1, 11);
-    store->saveEvent(*event, EKSpan::thisEvent, false);
+    testing::saveEvent(*store, "Unsent", utc(2024, 7, 1, 10), utc(2024, 7, 1, 11), std::nullopt, std::nullopt,
+                       store->calendarWithIdentifier(calendar), false);
     server().stop();
     const auto text = testing::errorText([&] { store->commit(); });
     server().start();
@@ -524,13 +513,8 @@ TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatI
         EKEventStore store(accountAt(server.url()));
         std::vector<std::shared_ptr<EKEvent>> events;
         for (const char* title : {"First", "Second"}) {
-            auto event = EKEvent::eventWithEventStore(store);
-            event->title = title;
-            event->calendar = store.calendarWithIdentifier("/cal/");
-            event->startDate = utc(2024, 1, 2, 10);
-            event->endDate = utc(2024, 1, 2, 11);
-            store.saveEvent(*event, EKSpan::thisEvent, false);
-            events.push_back(event);
+            events.push_back(testing::saveEvent(store, title, utc(2024, 1, 2, 10), utc(2024, 1, 2, 11), std::nullopt,
+                                                std::nullopt, store.calendarWithIdentifier("/cal/"), false));
         }
         const auto text = testing::errorText([&] { store.commit(); });
         EXPECT_EQ(text.substr(0, test.expectedStart.size()), test.expectedStart);

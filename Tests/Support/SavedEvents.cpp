@@ -6,7 +6,7 @@ namespace morvane::testing {
 
 std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title, double start, double end,
                                    std::optional<std::string> zone, std::optional<EKRecurrenceRule> rule,
-                                   std::shared_ptr<const EKCalendar> calendar) {
+                                   std::shared_ptr<const EKCalendar> calendar, bool commit) {
     auto event = EKEvent::eventWithEventStore(store);
     event->title = title;
     event->startDate = start;
@@ -14,7 +14,7 @@ std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title
     event->timeZone = std::move(zone);
     event->calendar = calendar ? std::move(calendar) : store.defaultCalendarForNewEvents();
     if (rule) event->recurrenceRules = {*rule};
-    store.saveEvent(*event, EKSpan::futureEvents, true);
+    store.saveEvent(*event, EKSpan::futureEvents, commit);
     return event;
 }
 

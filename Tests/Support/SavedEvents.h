@@ -9,12 +9,13 @@
 
 namespace morvane::testing {
 
-// Saves and commits a timed event in `calendar` (the store's default when absent), a series when
-// `rule` is given, zoned in the pinned zone unless told otherwise (absent is floating).
+// Saves a timed event in `calendar` (the store's default when absent), a series when `rule` is
+// given, zoned in the pinned zone unless told otherwise (absent is floating); commits it unless
+// `commit` is false.
 std::shared_ptr<EKEvent> saveEvent(EKEventStore& store, const std::string& title, double start, double end,
                                    std::optional<std::string> zone = std::string(pinnedZone),
                                    std::optional<EKRecurrenceRule> rule = std::nullopt,
-                                   std::shared_ptr<const EKCalendar> calendar = nullptr);
+                                   std::shared_ptr<const EKCalendar> calendar = nullptr, bool commit = true);
 
 // A rule of `frequency` that ends after `count` occurrences.
 inline EKRecurrenceRule repeating(EKRecurrenceFrequency frequency, int count) {
