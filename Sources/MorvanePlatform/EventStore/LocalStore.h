@@ -107,25 +107,7 @@ struct SeriesIndex {
     void plan();
 };
 
-// The zone an item's dates are counted in, cached by name for one operation.
-struct Zones {
-    ZoneOffsets current = ZoneOffsets::current();
-    std::map<std::string, ZoneOffsets> named;
-
-    ZoneOffsets& of(const std::optional<std::string>& zone) {
-        if (!zone) return current;
-        auto found = named.find(*zone);
-        if (found == named.end()) found = named.emplace(*zone, ZoneOffsets(*zone)).first;
-        return found->second;
-    }
-    // The moment of a stored date.
-    double moment(const std::optional<std::string>& zone, double stored) {
-        return zone ? stored : current.moment(stored);
-    }
-    double stored(const std::optional<std::string>& zone, double moment) {
-        return zone ? moment : current.wallClock(moment);
-    }
-};
+using Zones = ZoneCache;
 
 struct CacheWindow {
     double start = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,28 @@ private:
     double validFrom_ = 1;
     double validTo_ = 0;
     int offset_ = 0;
+};
+
+// Zones by name, with the machine's own, for one operation or one store's life: ICU's zones are
+// costly to make, and each remembers the offsets it last looked up.
+struct ZoneCache {
+    ZoneOffsets current = ZoneOffsets::current();
+    std::map<std::string, ZoneOffsets, std::less<>> named;
+
+    // The machine's zone for a floating or all-day date.
+    ZoneOffsets& of(const std::optional<std::string>& zone) {
+        if (!zone) return current;
+        auto found = named.find(*zone);
+        if (found == named.end()) found = named.emplace(*zone, ZoneOffsets(*zone)).first;
+        return found->second;
+    }
+    // The moment of a stored date: a zoned date's own, a floating one's wall clock here.
+    double moment(const std::optional<std::string>& zone, double stored) {
+        return zone ? stored : current.moment(stored);
+    }
+    double stored(const std::optional<std::string>& zone, double moment) {
+        return zone ? moment : current.wallClock(moment);
+    }
 };
 
 } // namespace morvane

@@ -1,15 +1,14 @@
 #include "MorvanePlatform/EventStore/CalDAV/CalDAVStore.h"
 
 #include "MorvanePlatform/CalendarDates.h"
-#include "MorvanePlatform/EventStore/CalDAV/Collections.h"
 #include "MorvanePlatform/EventStore/CalDAV/Multistatus.h"
 #include "MorvanePlatform/EventStore/RecurrenceExpansion.h"
-#include "MorvanePlatform/EventStore/ZoneOffsets.h"
 #include "MorvanePlatform/Files.h"
 #include "MorvanePlatform/SystemLog.h"
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <set>
 
 namespace morvane {
@@ -44,6 +43,25 @@ std::string fileNameFor(const std::string& uid) {
 }
 
 } // namespace
+
+void EKEventStore::CalDAVStore::Resource::hold(caldav::SeriesResource read) {
+    series = std::move(read);
+    reachStart = std::numeric_limits<double>::infinity();
+    reachEnd = -reachStart;
+    const auto reach = [&](double start, double end) {
+        reachStart = std::min(reachStart, start);
+        reachEnd = std::max(reachEnd, end);
+    };
+    for (const auto& fields : series.overrides)
+        reach(fields.start, fields.end);
+    if (!series.master) return;
+    const auto& master = *series.master;
+    if (!series.rule) return reach(master.start, master.end);
+    const auto& end = series.rule->recurrenceEnd;
+    const bool until = end && end->occurrenceCount <= 0 && end->endDate;
+    reach(master.start,
+          until ? *end->endDate + std::max(0.0, master.end - master.start) : std::numeric_limits<double>::infinity());
+}
 
 EKEventStore::CalDAVStore::CalDAVStore(const CalDAVAccount& account) : client(account) {
     auto made = std::make_shared<EKSource>();
@@ -90,41 +108,75 @@ std::int64_t EKEventStore::CalDAVStore::idOf(const std::string& href) {
     return at->second;
 }
 
+std::optional<EKEventStore::CalDAVStore::Resource>
+EKEventStore::CalDAVStore::readFetched(caldav::FetchedResource& fetched, const std::string& calendar,
+                                       ZoneCache& zones) {
+    // One unreadable resource doesn't hide the calendar's others.
+    const auto skip = [&](const std::string& reason) {
+        SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
+                                   "\": " + reason + ".");
+        return std::nullopt;
+    };
+    if (fetched.oversized) {
+        return skip("it is larger than " + std::to_string(caldav::MultistatusReader::defaultTextLimit >> 20) + " MB");
+    }
+    Resource resource;
+    try {
+        resource.hold(caldav::readResource(fetched.text, zones));
+    } catch (const EventStoreError& error) {
+        return skip("it can't be read as iCalendar (" + error.description() + ")");
+    }
+    resource.id = idOf(fetched.href);
+    resource.calendar = calendar;
+    resource.href = std::move(fetched.href);
+    resource.etag = std::move(fetched.etag);
+    resource.serverText = std::move(fetched.text);
+    resource.onServer = true;
+    return resource;
+}
+
 EKEventStore::CalDAVStore::CalendarState& EKEventStore::CalDAVStore::loaded(const std::string& calendarIdentifier) {
     auto& state = states.at(calendarIdentifier);
     if (state.loaded) return state;
     std::vector<std::int64_t> ids;
     std::map<std::int64_t, Resource> read;
+    ZoneCache zones;
     caldav::fetchResources(client, calendarIdentifier, [&](caldav::FetchedResource& fetched) {
-        // One unreadable resource doesn't hide the calendar's others.
-        const auto skip = [&](const std::string& reason) {
-            SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
-                                       "\": " + reason + ".");
-        };
-        if (fetched.oversized) {
-            return skip("it is larger than " + std::to_string(caldav::MultistatusReader::defaultTextLimit >> 20) +
-                        " MB");
+        if (auto resource = readFetched(fetched, calendarIdentifier, zones)) {
+            ids.push_back(resource->id);
+            read.emplace(resource->id, std::move(*resource));
         }
-        Resource resource;
-        try {
-            resource.series = caldav::readResource(fetched.text);
-        } catch (const EventStoreError& error) {
-            return skip("it can't be read as iCalendar (" + error.description() + ")");
-        }
-        resource.id = idOf(fetched.href);
-        resource.calendar = calendarIdentifier;
-        resource.href = std::move(fetched.href);
-        resource.etag = std::move(fetched.etag);
-        resource.serverText = std::move(fetched.text);
-        resource.onServer = true;
-        ids.push_back(resource.id);
-        read.emplace(resource.id, std::move(resource));
     });
-    for (auto& [id, resource] : read)
+    // A new event saved before the calendar was read is the server's only once committed.
+    for (const auto id : state.resources) {
+        const auto found = resources.find(id);
+        if (found != resources.end() && !found->second.onServer && read.count(id) == 0) ids.push_back(id);
+    }
+    for (auto& [id, resource] : read) {
+        reread.erase(id);
+        // A write waiting for commit was made from what was read before.
+        const auto held = resources.find(id);
+        if (held != resources.end() && (held->second.pendingText || held->second.pendingRemoval)) continue;
         resources.insert_or_assign(id, std::move(resource));
+    }
     state.resources = std::move(ids);
     state.loaded = true;
     return state;
+}
+
+EKEventStore::CalDAVStore::Resource* EKEventStore::CalDAVStore::fetchedAlone(const std::string& href,
+                                                                             const std::string& calendar) {
+    const auto known = idByHref.find(href);
+    if (known != idByHref.end() && (resources.count(known->second) > 0 || reread.count(known->second) > 0))
+        return resourceAt(known->second);
+    auto fetched = caldav::fetchResource(client, href);
+    if (!fetched) return nullptr;
+    ZoneCache zones;
+    auto resource = readFetched(*fetched, calendar, zones);
+    if (!resource) return nullptr;
+    const auto id = resource->id;
+    // Not among the calendar's resources until the calendar is read; then it is listed there.
+    return &resources.insert_or_assign(id, std::move(*resource)).first->second;
 }
 
 void EKEventStore::CalDAVStore::loadAll() {
@@ -133,19 +185,23 @@ void EKEventStore::CalDAVStore::loadAll() {
 }
 
 EKEventStore::CalDAVStore::Resource* EKEventStore::CalDAVStore::resourceAt(std::int64_t id) {
-    const auto found = resources.find(id);
-    if (found == resources.end() || found->second.pendingRemoval) return nullptr;
-    return &found->second;
+    if (const auto found = resources.find(id); found != resources.end())
+        return found->second.pendingRemoval ? nullptr : &found->second;
+    const auto again = reread.find(id);
+    if (again == reread.end()) return nullptr;
+    const auto [calendar, href] = again->second;
+    reread.erase(again);
+    return fetchedAlone(href, calendar);
 }
 
-std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeEvent(const Resource& resource,
-                                                              const EventFields& fields) const {
+std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeEvent(const Resource& resource, const EventFields& fields,
+                                                              ZoneCache& zones) const {
     auto event = std::make_shared<EKEvent>();
     event->title = fields.title;
     if (const auto state = states.find(resource.calendar); state != states.end())
         event->calendar = state->second.calendar;
-    event->startDate = caldav::momentOf(fields.zone, fields.start);
-    event->endDate = caldav::momentOf(fields.zone, fields.end);
+    event->startDate = zones.moment(fields.zone, fields.start);
+    event->endDate = zones.moment(fields.zone, fields.end);
     event->allDay = fields.allDay;
     event->timeZone = fields.zone;
     event->location = fields.location;
@@ -166,45 +222,45 @@ std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeEvent(const Resource& re
     return event;
 }
 
-std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeDetached(const Resource& resource,
-                                                                 const EventFields& fields) const {
-    auto event = makeEvent(resource, fields);
+std::shared_ptr<EKEvent> EKEventStore::CalDAVStore::makeDetached(const Resource& resource, const EventFields& fields,
+                                                                 ZoneCache& zones) const {
+    auto event = makeEvent(resource, fields, zones);
     const double original = fields.recurrenceID.value_or(fields.start);
     const auto& master = resource.series.master;
     const std::string uid = resource.series.uid + "/RID=" + std::to_string(occurrenceKey(original));
     event->externalIdentifier_ = uid;
     event->eventIdentifier_ = resource.calendar + ":" + uid;
     event->originalStored_ = original;
-    event->occurrenceDate_ = caldav::momentOf(master ? master->zone : fields.zone, original);
+    event->occurrenceDate_ = zones.moment(master ? master->zone : fields.zone, original);
     event->detached_ = true;
     event->masterRowID_ = resource.id;
     return event;
 }
 
 void EKEventStore::CalDAVStore::appendEvents(const Resource& resource, double spanStart, double spanEnd,
-                                             std::vector<std::shared_ptr<EKEvent>>& events) const {
+                                             ZoneCache& zones, std::vector<std::shared_ptr<EKEvent>>& events) const {
+    // Stored dates lie within a day of their moments, whatever the zone.
+    if (resource.reachEnd < spanStart - padding || resource.reachStart > spanEnd + padding) return;
     const auto& series = resource.series;
     for (const auto& fields : series.overrides) {
-        const double start = caldav::momentOf(fields.zone, fields.start);
-        const double end = caldav::momentOf(fields.zone, fields.end);
-        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeDetached(resource, fields));
+        const double start = zones.moment(fields.zone, fields.start);
+        const double end = zones.moment(fields.zone, fields.end);
+        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeDetached(resource, fields, zones));
     }
     if (!series.master) return;
     const auto& master = *series.master;
     if (!series.rule) {
-        const double start = caldav::momentOf(master.zone, master.start);
-        const double end = caldav::momentOf(master.zone, master.end);
-        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeEvent(resource, master));
+        const double start = zones.moment(master.zone, master.start);
+        const double end = zones.moment(master.zone, master.end);
+        if (overlaps(start, end, spanStart, spanEnd)) events.push_back(makeEvent(resource, master, zones));
         return;
     }
     // A series is expanded on the wall clock of its zone, as the local store expands it.
     if (!(master.start >= earliestRepresentable && master.start < latestRepresentable)) return;
     if (master.start >= spanEnd + padding) return;
     const auto& rule = *series.rule;
-    auto current = ZoneOffsets::current();
-    std::optional<ZoneOffsets> named;
-    if (master.zone) named.emplace(*master.zone);
-    auto& zone = named ? *named : current;
+    auto& current = zones.current;
+    auto& zone = zones.of(master.zone);
     const double duration = std::max(0.0, master.end - master.start);
     std::optional<double> untilWallClock;
     if (rule.recurrenceEnd && rule.recurrenceEnd->occurrenceCount <= 0 && rule.recurrenceEnd->endDate) {
@@ -225,7 +281,7 @@ void EKEventStore::CalDAVStore::appendEvents(const Resource& resource, double sp
                            const double start = master.zone ? stored : current.moment(stored);
                            const double end = master.zone ? stored + duration : current.moment(wallClock + duration);
                            if (!overlaps(start, end, spanStart, spanEnd)) return true;
-                           if (!model) model = makeEvent(resource, master);
+                           if (!model) model = makeEvent(resource, master, zones);
                            auto occurrence = std::make_shared<EKEvent>(*model);
                            occurrence->startDate = start;
                            occurrence->endDate = end;
@@ -241,6 +297,7 @@ void EKEventStore::CalDAVStore::appendEvents(const Resource& resource, double sp
 std::vector<std::shared_ptr<EKEvent>>
 EKEventStore::CalDAVStore::eventsMatchingPredicate(const EKEventPredicate& predicate) {
     std::vector<std::shared_ptr<EKEvent>> events;
+    ZoneCache zones;
     for (const auto& calendar : calendars) {
         const auto& identifier = calendar->calendarIdentifier;
         if (predicate.calendarIdentifiers &&
@@ -250,17 +307,17 @@ EKEventStore::CalDAVStore::eventsMatchingPredicate(const EKEventPredicate& predi
         }
         for (const auto id : loaded(identifier).resources) {
             if (const auto* resource = resourceAt(id)) {
-                appendEvents(*resource, predicate.startDate, predicate.endDate, events);
+                appendEvents(*resource, predicate.startDate, predicate.endDate, zones, events);
             }
         }
     }
     return events;
 }
 
-std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::itemOf(const Resource& resource) const {
+std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::itemOf(const Resource& resource, ZoneCache& zones) const {
     const auto& series = resource.series;
-    if (series.master) return makeEvent(resource, *series.master);
-    if (!series.overrides.empty()) return makeDetached(resource, series.overrides.front());
+    if (series.master) return makeEvent(resource, *series.master, zones);
+    if (!series.overrides.empty()) return makeDetached(resource, series.overrides.front(), zones);
     return nullptr;
 }
 
@@ -268,11 +325,15 @@ std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::calendarItemWithIdent
     for (const auto& calendar : calendars) {
         const auto& prefix = calendar->calendarIdentifier;
         if (identifier.size() <= prefix.size() || identifier.compare(0, prefix.size(), prefix) != 0) continue;
-        loaded(prefix);
-        const auto id = idByHref.find(identifier);
-        if (id == idByHref.end()) return nullptr;
-        const auto* resource = resourceAt(id->second);
-        return resource ? itemOf(*resource) : nullptr;
+        const Resource* resource = nullptr;
+        if (states.at(prefix).loaded) {
+            const auto id = idByHref.find(identifier);
+            if (id != idByHref.end()) resource = resourceAt(id->second);
+        } else {
+            resource = fetchedAlone(identifier, prefix);
+        }
+        ZoneCache zones;
+        return resource ? itemOf(*resource, zones) : nullptr;
     }
     return nullptr;
 }
@@ -283,15 +344,16 @@ EKEventStore::CalDAVStore::calendarItemsWithExternalIdentifier(const std::string
     const auto marker = identifier.find("/RID=");
     const std::string uid = identifier.substr(0, marker);
     std::vector<std::shared_ptr<EKCalendarItem>> items;
+    ZoneCache zones;
     for (const auto& calendar : calendars) {
         for (const auto id : states.at(calendar->calendarIdentifier).resources) {
             const auto* resource = resourceAt(id);
             if (!resource || resource->series.uid != uid) continue;
             if (marker == std::string::npos && resource->series.master) {
-                items.push_back(makeEvent(*resource, *resource->series.master));
+                items.push_back(makeEvent(*resource, *resource->series.master, zones));
             }
             for (const auto& fields : resource->series.overrides) {
-                auto detached = makeDetached(*resource, fields);
+                auto detached = makeDetached(*resource, fields, zones);
                 if (marker == std::string::npos || detached->externalIdentifier_ == identifier) {
                     items.push_back(std::move(detached));
                 }
@@ -319,7 +381,7 @@ void EKEventStore::CalDAVStore::stage(Resource& resource, std::optional<std::str
         resources.erase(resource.id);
         return;
     }
-    if (text) resource.series = caldav::readResource(*text);
+    if (text) resource.hold(caldav::readResource(*text));
     resource.pendingText = std::move(text);
     resource.pendingRemoval = removal;
     if (std::find(pendingOrder.begin(), pendingOrder.end(), resource.id) == pendingOrder.end()) {
@@ -330,7 +392,7 @@ void EKEventStore::CalDAVStore::stage(Resource& resource, std::optional<std::str
 std::int64_t EKEventStore::CalDAVStore::createResource(const std::string& calendar, const std::string& uid,
                                                        const std::string& text) {
     Resource resource;
-    resource.series = caldav::readResource(text);
+    resource.hold(caldav::readResource(text));
     resource.href = calendar + fileNameFor(uid);
     resource.id = idOf(resource.href);
     resource.calendar = calendar;
@@ -346,7 +408,8 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
     checkSavable(event);
     const auto calendar = writableCalendar(event.calendar);
     const auto& calendarID = calendar->calendarIdentifier;
-    loaded(calendarID);
+    // A new event needs nothing of its calendar's; one read before a reset is looked for again.
+    if (event.rowID_ != 0 && !resourceAt(event.rowID_)) loaded(calendarID);
     // What the event becomes: its resource, its UID and whether it is now an override.
     std::int64_t savedID = 0;
     std::string uid;
@@ -419,7 +482,7 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
         event.originalStored_ =
             event.recurrenceRules.empty() || !newSeries
                 ? std::nullopt
-                : std::optional(caldav::storedOf(event.allDay ? std::nullopt : event.timeZone, *event.startDate));
+                : std::optional(ZoneCache().stored(event.allDay ? std::nullopt : event.timeZone, *event.startDate));
         event.occurrenceDate_ = event.startDate;
         event.externalIdentifier_ = uid;
     }
@@ -549,12 +612,14 @@ void EKEventStore::CalDAVStore::commit() {
         resource.pendingText.reset();
         resource.etag = newETags[id];
         resource.onServer = true;
+        resource.written = true;
     }
     pendingOrder.clear();
 }
 
 void EKEventStore::CalDAVStore::dropResources() {
     resources.clear();
+    reread.clear();
     pendingOrder.clear();
     for (auto& [identifier, state] : states) {
         state.loaded = false;
@@ -562,7 +627,22 @@ void EKEventStore::CalDAVStore::dropResources() {
     }
 }
 
-void EKEventStore::CalDAVStore::reset() { dropResources(); }
+void EKEventStore::CalDAVStore::reset() {
+    pendingOrder.clear();
+    for (auto at = resources.begin(); at != resources.end();) {
+        const auto& resource = at->second;
+        if (!resource.written && !resource.pendingText && !resource.pendingRemoval) {
+            ++at;
+            continue;
+        }
+        if (resource.onServer) {
+            reread[at->first] = {resource.calendar, resource.href};
+        } else {
+            std::erase(states.at(resource.calendar).resources, at->first);
+        }
+        at = resources.erase(at);
+    }
+}
 
 void EKEventStore::CalDAVStore::refreshSourcesIfNecessary() {
     discover();

@@ -2,9 +2,11 @@
 
 // The CalDAV account's store: its private header, for its own file only.
 #include "MorvanePlatform/EventKit.h"
+#include "MorvanePlatform/EventStore/CalDAV/Collections.h"
 #include "MorvanePlatform/EventStore/CalDAV/HttpClient.h"
 #include "MorvanePlatform/EventStore/CalDAV/ICalendarResource.h"
 #include "MorvanePlatform/EventStore/EventStoreImplementation.h"
+#include "MorvanePlatform/EventStore/ZoneOffsets.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -12,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace morvane {
@@ -25,7 +28,11 @@ namespace morvane {
 // text it replaced) and says what, if anything, is left.
 //
 // Item identifiers are the resources' paths on the server; there is no database, so
-// `databasePath` is empty.
+// `databasePath` is empty. Looking up an item by its identifier in a calendar not yet fetched
+// reads that one resource, and saving a new event doesn't fetch its calendar; `reset` drops
+// pending writes and forgets what this store wrote, to be read again when next used, while what
+// it only read stays until `refreshSourcesIfNecessary`. A restore so costs what it writes, not
+// the size of the account.
 class EKEventStore::CalDAVStore final : public EKEventStore::Implementation {
 public:
     // Finds the account's calendars. Throws EventStoreError.
@@ -57,8 +64,16 @@ private:
         // A write waiting for `commit`: new text, or the resource's removal.
         std::optional<std::string> pendingText;
         bool pendingRemoval = false;
+        // Written by this store since the last `reset`.
+        bool written = false;
         // The resource as this store sees it: with its pending write.
         caldav::SeriesResource series;
+        // The stored dates every occurrence lies within, so that a fetch passes over a resource
+        // outside its span without converting a date.
+        double reachStart = 0;
+        double reachEnd = 0;
+
+        void hold(caldav::SeriesResource read);
 
         const std::string& text() const { return pendingText ? *pendingText : serverText; }
     };
@@ -70,17 +85,22 @@ private:
 
     void discover();
     CalendarState& loaded(const std::string& calendarIdentifier);
+    std::optional<Resource> readFetched(caldav::FetchedResource& fetched, const std::string& calendar,
+                                        ZoneCache& zones);
+    Resource* fetchedAlone(const std::string& href, const std::string& calendar);
     void loadAll();
     Resource* resourceAt(std::int64_t id);
     std::int64_t idOf(const std::string& href);
     void stage(Resource& resource, std::optional<std::string> text, bool removal);
     std::int64_t createResource(const std::string& calendar, const std::string& uid, const std::string& text);
     std::shared_ptr<const EKCalendar> writableCalendar(const std::shared_ptr<const EKCalendar>& calendar);
-    std::shared_ptr<EKEvent> makeEvent(const Resource& resource, const caldav::EventFields& fields) const;
-    std::shared_ptr<EKEvent> makeDetached(const Resource& resource, const caldav::EventFields& fields) const;
-    void appendEvents(const Resource& resource, double spanStart, double spanEnd,
+    std::shared_ptr<EKEvent> makeEvent(const Resource& resource, const caldav::EventFields& fields,
+                                       ZoneCache& zones) const;
+    std::shared_ptr<EKEvent> makeDetached(const Resource& resource, const caldav::EventFields& fields,
+                                          ZoneCache& zones) const;
+    void appendEvents(const Resource& resource, double spanStart, double spanEnd, ZoneCache& zones,
                       std::vector<std::shared_ptr<EKEvent>>& events) const;
-    std::shared_ptr<EKCalendarItem> itemOf(const Resource& resource) const;
+    std::shared_ptr<EKCalendarItem> itemOf(const Resource& resource, ZoneCache& zones) const;
     void dropResources();
 
     static inline const std::filesystem::path noPath;
@@ -94,6 +114,8 @@ private:
     std::map<std::string, std::int64_t> idByHref;
     std::int64_t nextID = 1;
     std::vector<std::int64_t> pendingOrder;
+    // Resources forgotten by `reset`, to be read again when next used: their calendars and paths.
+    std::map<std::int64_t, std::pair<std::string, std::string>> reread;
 };
 
 } // namespace morvane

@@ -164,6 +164,28 @@ void fetchResources(HttpClient& client, const std::string& calendarHref,
     reader.finish();
 }
 
+std::optional<FetchedResource> fetchResource(HttpClient& client, const std::string& href) {
+    const auto url = client.absolute(href);
+    FetchedResource resource;
+    resource.href = pathOf(url);
+    const auto response = client.send("GET", url, {}, {}, [&](std::string_view bytes) {
+        if (resource.oversized) return;
+        if (resource.text.size() + bytes.size() > MultistatusReader::defaultTextLimit) {
+            resource.oversized = true;
+            resource.text.clear();
+            return;
+        }
+        resource.text += bytes;
+    });
+    if (response.status == 404 || response.status == 410) return std::nullopt;
+    if (response.status != 200) {
+        throw EventStoreError("The server of \"" + client.account().name + "\" answered GET " + url + " with HTTP " +
+                              std::to_string(response.status) + ".");
+    }
+    resource.etag = response.etag;
+    return resource;
+}
+
 std::string fetchETag(HttpClient& client, const std::string& href) {
     const auto responses = propfind(client, client.absolute(href), "0", "<D:getetag/>");
     if (responses.empty()) return {};

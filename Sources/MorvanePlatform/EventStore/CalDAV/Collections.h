@@ -40,6 +40,10 @@ struct FetchedResource {
 void fetchResources(HttpClient& client, const std::string& calendarHref,
                     const std::function<void(FetchedResource&)>& each);
 
+// One resource by its path (a GET), marked oversized past MultistatusReader's text limit;
+// absent when the server doesn't hold it. Throws EventStoreError for another refusal.
+std::optional<FetchedResource> fetchResource(HttpClient& client, const std::string& href);
+
 // The ETag of one resource, for a server that didn't give it with a write; empty when none.
 std::string fetchETag(HttpClient& client, const std::string& href);
 

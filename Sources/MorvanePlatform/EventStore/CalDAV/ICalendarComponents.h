@@ -26,18 +26,7 @@ using Component = std::unique_ptr<icalcomponent, ComponentFree>;
 // Errors are reported by return values, never by aborting.
 void quietLibical();
 
-// Zones by name for one reading or edit: ICU's are costly to make.
-struct Zones {
-    std::map<std::string, ZoneOffsets> named;
-    ZoneOffsets current = ZoneOffsets::current();
-
-    ZoneOffsets& of(const std::optional<std::string>& zone) {
-        if (!zone) return current;
-        auto found = named.find(*zone);
-        if (found == named.end()) found = named.emplace(*zone, ZoneOffsets(*zone)).first;
-        return found->second;
-    }
-};
+using Zones = ZoneCache;
 
 time_t unixSeconds(double wallClock);
 

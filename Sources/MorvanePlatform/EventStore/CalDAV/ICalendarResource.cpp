@@ -252,17 +252,13 @@ std::pair<icalcomponent*, std::vector<icalcomponent*>> eventsOf(icalcomponent* c
 
 using namespace detail;
 
-double momentOf(const std::optional<std::string>& zone, double stored) {
-    return zone ? stored : ZoneOffsets::current().moment(stored);
-}
-
-double storedOf(const std::optional<std::string>& zone, double moment) {
-    return zone ? moment : ZoneOffsets::current().wallClock(moment);
-}
-
 SeriesResource readResource(const std::string& text) {
-    const auto calendar = parse(text);
     Zones zones;
+    return readResource(text, zones);
+}
+
+SeriesResource readResource(const std::string& text, ZoneCache& zones) {
+    const auto calendar = parse(text);
     SeriesResource resource;
     resource.uid = uidOf(calendar.get());
     const auto [master, overrides] = eventsOf(calendar.get(), resource.uid);

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace morvane {
+struct ZoneCache;
+}
+
 // The iCalendar text of a CalDAV resource, through libical both ways: one series (a master with
 // its rule and exception dates, and its overrides) or one single event per resource. Writing
 // edits the resource's own text, so that what the store doesn't model (attendees, categories,
@@ -51,14 +55,11 @@ struct SeriesResource {
 
 inline std::int64_t occurrenceKey(double stored) { return std::llround(stored); }
 
-// The moment of a stored date.
-double momentOf(const std::optional<std::string>& zone, double stored);
-// The stored date of an event's moment.
-double storedOf(const std::optional<std::string>& zone, double moment);
-
 // Reads a resource. Throws EventStoreError with the reason when libical can't read it or it
 // holds no VEVENT.
 SeriesResource readResource(const std::string& text);
+// The same with the caller's zones, for reading many resources.
+SeriesResource readResource(const std::string& text, ZoneCache& zones);
 
 // A resource's text being rewritten. Every member throws EventStoreError for text that can't be
 // read.

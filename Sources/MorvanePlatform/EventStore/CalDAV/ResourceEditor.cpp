@@ -277,7 +277,7 @@ void ResourceEditor::endBefore(double original) {
     auto fields = readFields(master, zones);
     auto rule = readRule(master, fields, zones);
     if (!rule) return;
-    rule->recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithEndDate(momentOf(clock.zone, original) - 1);
+    rule->recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithEndDate(zones.moment(clock.zone, original) - 1);
     removeProperties(master, ICAL_RRULE_PROPERTY);
     EventDates dates{clock.zone, fields.start, fields.end};
     icalcomponent_add_property(master, ruleProperty(*rule, dates, clock.allDay, zones));
