@@ -216,6 +216,16 @@ TEST_F(CalDAVStoreTest, CalendarsCarryTitleColourAndWhetherTheUserMayWrite) {
     event->endDate = utc(2024, 5, 2);
     EXPECT_EQ(testing::errorText([&] { store->saveEvent(*event, EKSpan::thisEvent, true); }),
               "The calendar is read-only.");
+
+    // An event doesn't move between calendars: that would be a removal here and a write there.
+    const auto work = testing::saveEvent(*store, "Review", utc(2024, 5, 1, 10), utc(2024, 5, 1, 11), std::nullopt,
+                                         std::nullopt, store->calendarWithIdentifier("/ann/coloured/"));
+    const auto other = store->calendarWithIdentifier(calendar);
+    work->calendar = other;
+    EXPECT_EQ(testing::errorText([&] { store->saveEvent(*work, EKSpan::thisEvent, true); }),
+              "An event of the account \"test\" can't move from \"Work\" to \"" + other->title +
+                  "\"; save a new event in \"" + other->title + "\" instead.");
+    server().remove(work->calendarItemIdentifier());
 }
 
 TEST_F(CalDAVStoreTest, AWeeklySeriesReadsWithItsExceptionDateAndItsMovedOccurrence) {
