@@ -546,6 +546,19 @@ TEST(CalDAVStoreRefusals, ACommitThatFailsPartWayTakesBackWhatItWroteOrSaysWhatI
     }
 }
 
+// Items are looked up alone by their paths, until reading the calendar once costs less.
+TEST(CalDAVStoreRefusals, ManyLookUpsOfItemsReadTheCalendarOnceInstead) {
+    auto answers = oneCalendarDiscovery();
+    for (int i = 0; i < 16; ++i)
+        answers.push_back(ScriptedServer::answer("404 Not Found", ""));
+    answers.push_back(ScriptedServer::answer("207 Multi-Status", multistatus("")));
+    ScriptedServer server(answers);
+    EKEventStore store(accountAt(server.url()));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(store.calendarItemWithIdentifier("/cal/" + std::to_string(i) + ".ics"), nullptr);
+    EXPECT_EQ(server.requests(), static_cast<int>(answers.size()));
+}
+
 TEST(CalDAVStoreRefusals, AResourceThatCantBeReadIsSkippedAndLoggedAndTheRestRead) {
     // Past the reader's limit, as escaped text and as a CDATA section, which libxml2 holds whole.
     const std::string huge =

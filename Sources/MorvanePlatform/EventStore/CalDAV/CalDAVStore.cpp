@@ -326,7 +326,9 @@ std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::calendarItemWithIdent
         const auto& prefix = calendar->calendarIdentifier;
         if (identifier.size() <= prefix.size() || identifier.compare(0, prefix.size(), prefix) != 0) continue;
         const Resource* resource = nullptr;
-        if (states.at(prefix).loaded) {
+        auto& state = states.at(prefix);
+        if (!state.loaded && ++state.lookedUpAlone > aloneLimit) loaded(prefix);
+        if (state.loaded) {
             const auto id = idByHref.find(identifier);
             if (id != idByHref.end()) resource = resourceAt(id->second);
         } else {
@@ -624,6 +626,7 @@ void EKEventStore::CalDAVStore::dropResources() {
     for (auto& [identifier, state] : states) {
         state.loaded = false;
         state.resources.clear();
+        state.lookedUpAlone = 0;
     }
 }
 

@@ -81,7 +81,11 @@ private:
         std::shared_ptr<const EKCalendar> calendar;
         bool loaded = false;
         std::vector<std::int64_t> resources;
+        // Items looked up one by one before the calendar was read.
+        int lookedUpAlone = 0;
     };
+    // Past this many, looking items up one by one costs more than reading the calendar once.
+    static constexpr int aloneLimit = 16;
 
     void discover();
     CalendarState& loaded(const std::string& calendarIdentifier);
