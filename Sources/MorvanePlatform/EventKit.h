@@ -290,7 +290,9 @@ public:
     // Makes pending changes permanent. When that fails they are dropped, as by `reset`, and the
     // file holds none of them. Throws EventStoreError.
     void commit();
-    // Drops pending changes and everything cached.
+    // Drops pending changes, and reads again what the store wrote when next asked. The local
+    // store reads everything again; an account's store keeps what it only read, which
+    // `refreshSourcesIfNecessary` reads again.
     void reset();
     // Rereads the accounts and calendars.
     void refreshSourcesIfNecessary();
