@@ -3,7 +3,7 @@
 # http.server) answers discovery with one calendar and its REPORT with a generated multistatus of
 # about SIZE_MB megabytes, streamed from a file: EVENTS events, each with a long description so
 # that the answer is mostly event text. `morvane events` over one day fetches the whole calendar
-# (the store keeps every resource's text for conditional writes) and expands little; `morvane
+# (the store keeps every event read, not the resources' texts) and expands little; `morvane
 # snapshot` also builds and writes the restore point. /usr/bin/time gives each one's peak
 # resident memory, to set against the answer's size.
 #

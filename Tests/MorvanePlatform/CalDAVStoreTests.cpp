@@ -361,25 +361,34 @@ TEST_F(CalDAVStoreTest, PendingWritesWaitForCommitAndResetDropsThem) {
     server().remove(href);
 }
 
+// The change elsewhere comes after the edit here, or between the read (of the whole calendar,
+// which doesn't keep the resource's text) and the edit, which reads the text again.
 TEST_F(CalDAVStoreTest, AChangeMadeElsewhereSinceTheReadIsNeverOverwritten) {
-    ASSERT_EQ(server().put(calendar + "weekly-1.ics", weeklySeries), 201);
-    auto store = open();
-    auto master = std::dynamic_pointer_cast<EKEvent>(store->calendarItemWithIdentifier(calendar + "weekly-1.ics"));
-    ASSERT_TRUE(master);
-    // A new event goes first, so that the failure has something to take back.
-    testing::saveEvent(*store, "New", utc(2024, 3, 5, 10), utc(2024, 3, 5, 11), std::nullopt, std::nullopt,
-                       store->calendarWithIdentifier(calendar), false);
-    master->title = "Renamed here";
-    store->saveEvent(*master, EKSpan::futureEvents, false);
-
     std::string elsewhere = weeklySeries;
     elsewhere.replace(elsewhere.find("SUMMARY:Standup\r\n"), 17, "SUMMARY:Renamed elsewhere\r\n");
-    ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+    for (const bool beforeTheEdit : {false, true}) {
+        SCOPED_TRACE(beforeTheEdit ? "before the edit" : "after the edit");
+        ASSERT_EQ(server().put(calendar + "weekly-1.ics", weeklySeries), 201);
+        auto store = open();
+        const auto read = store->eventsMatchingPredicate(
+            store->predicateForEvents(utc(2024, 3, 4), utc(2024, 3, 5), {{store->calendarWithIdentifier(calendar)}}));
+        ASSERT_EQ(read.size(), 1U);
+        auto master = std::dynamic_pointer_cast<EKEvent>(store->calendarItemWithIdentifier(calendar + "weekly-1.ics"));
+        ASSERT_TRUE(master);
+        if (beforeTheEdit) ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+        // A new event goes first, so that the failure has something to take back.
+        testing::saveEvent(*store, "New", utc(2024, 3, 5, 10), utc(2024, 3, 5, 11), std::nullopt, std::nullopt,
+                           store->calendarWithIdentifier(calendar), false);
+        master->title = "Renamed here";
+        store->saveEvent(*master, EKSpan::futureEvents, false);
+        if (!beforeTheEdit) ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
 
-    EXPECT_EQ(testing::errorText([&] { store->commit(); }),
-              "Standup was changed on the server since it was read; nothing was written.");
-    EXPECT_EQ(eventsIn(*open(), utc(2024, 3, 4), utc(2024, 3, 6)),
-              std::vector<std::string>{at("Renamed elsewhere", utc(2024, 3, 4, 8))});
+        EXPECT_EQ(testing::errorText([&] { store->commit(); }),
+                  (beforeTheEdit ? "Renamed elsewhere" : "Standup") +
+                      std::string(" was changed on the server since it was read; nothing was written."));
+        EXPECT_EQ(eventsIn(*open(), utc(2024, 3, 4), utc(2024, 3, 6)),
+                  std::vector<std::string>{at("Renamed elsewhere", utc(2024, 3, 4, 8))});
+    }
 }
 
 TEST_F(CalDAVStoreTest, AServerThatStopsFailsTheCommitAndKeepsWhatItHeld) {

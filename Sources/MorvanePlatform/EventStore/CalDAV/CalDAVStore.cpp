@@ -26,6 +26,8 @@ constexpr double padding = 2 * secondsPerDay;
 
 bool isSeries(const caldav::SeriesResource& series) { return series.master && series.rule; }
 
+const std::string emptyText;
+
 std::string titleOf(const caldav::SeriesResource& series) {
     if (series.master && series.master->title) return *series.master->title;
     if (!series.overrides.empty() && series.overrides.front().title) return *series.overrides.front().title;
@@ -109,8 +111,8 @@ std::int64_t EKEventStore::CalDAVStore::idOf(const std::string& href) {
 }
 
 std::optional<EKEventStore::CalDAVStore::Resource>
-EKEventStore::CalDAVStore::readFetched(caldav::FetchedResource& fetched, const std::string& calendar,
-                                       ZoneCache& zones) {
+EKEventStore::CalDAVStore::readFetched(caldav::FetchedResource& fetched, const std::string& calendar, ZoneCache& zones,
+                                       bool keepText) {
     // One unreadable resource doesn't hide the calendar's others.
     const auto skip = [&](const std::string& reason) {
         SystemLog::current().write("Skipped " + fetched.href + " of the account \"" + client.account().name +
@@ -130,9 +132,22 @@ EKEventStore::CalDAVStore::readFetched(caldav::FetchedResource& fetched, const s
     resource.calendar = calendar;
     resource.href = std::move(fetched.href);
     resource.etag = std::move(fetched.etag);
-    resource.serverText = std::move(fetched.text);
+    if (keepText) resource.serverText = std::move(fetched.text);
     resource.onServer = true;
     return resource;
+}
+
+const std::string& EKEventStore::CalDAVStore::textOf(Resource& resource) {
+    if (resource.pendingText) return *resource.pendingText;
+    if (!resource.serverText && resource.onServer) {
+        auto fetched = caldav::fetchResource(client, resource.href);
+        if (!fetched || fetched->oversized)
+            throw EventStoreError(titleOf(resource.series) + " was changed on the server since it was read.");
+        // A text newer than the one read keeps the ETag read: writing over it fails at commit as
+        // any write over a change made elsewhere does.
+        resource.serverText = std::move(fetched->text);
+    }
+    return resource.serverText ? *resource.serverText : emptyText;
 }
 
 EKEventStore::CalDAVStore::CalendarState& EKEventStore::CalDAVStore::loaded(const std::string& calendarIdentifier) {
@@ -142,7 +157,7 @@ EKEventStore::CalDAVStore::CalendarState& EKEventStore::CalDAVStore::loaded(cons
     std::map<std::int64_t, Resource> read;
     ZoneCache zones;
     caldav::fetchResources(client, calendarIdentifier, [&](caldav::FetchedResource& fetched) {
-        if (auto resource = readFetched(fetched, calendarIdentifier, zones)) {
+        if (auto resource = readFetched(fetched, calendarIdentifier, zones, false)) {
             ids.push_back(resource->id);
             read.emplace(resource->id, std::move(*resource));
         }
@@ -172,7 +187,7 @@ EKEventStore::CalDAVStore::Resource* EKEventStore::CalDAVStore::fetchedAlone(con
     auto fetched = caldav::fetchResource(client, href);
     if (!fetched) return nullptr;
     ZoneCache zones;
-    auto resource = readFetched(*fetched, calendar, zones);
+    auto resource = readFetched(*fetched, calendar, zones, true);
     if (!resource) return nullptr;
     const auto id = resource->id;
     // Not among the calendar's resources until the calendar is read; then it is listed there.
@@ -383,6 +398,8 @@ void EKEventStore::CalDAVStore::stage(Resource& resource, std::optional<std::str
         resources.erase(resource.id);
         return;
     }
+    // What a failed commit puts back.
+    textOf(resource);
     if (text) resource.hold(caldav::readResource(*text));
     resource.pendingText = std::move(text);
     resource.pendingRemoval = removal;
@@ -434,7 +451,7 @@ void EKEventStore::CalDAVStore::saveEvent(EKEvent& event, EKSpan span, bool comm
         }
         uid = resource->series.uid;
         savedID = resource->id;
-        caldav::ResourceEditor editor(resource->text());
+        caldav::ResourceEditor editor(textOf(*resource));
         const auto& series = resource->series;
         if (!isSeries(series)) {
             editor.setMaster(event);
@@ -506,7 +523,7 @@ void EKEventStore::CalDAVStore::removeEvent(EKEvent& event, EKSpan span, bool co
         gone = true;
     } else {
         const double at = event.originalStored_.value_or(series.master->start);
-        caldav::ResourceEditor editor(resource->text());
+        caldav::ResourceEditor editor(textOf(*resource));
         if (span == EKSpan::thisEvent) {
             editor.removeOccurrence(at);
             stage(*resource, editor.text(), false);
@@ -554,8 +571,8 @@ void EKEventStore::CalDAVStore::commit() {
             }
             const bool gone = resource.pendingRemoval && response.status == 404;
             if (response.status == 412 || (response.status >= 300 && !gone)) {
-                const auto title = titleOf(
-                    caldav::readResource(resource.serverText.empty() ? *resource.pendingText : resource.serverText));
+                const auto title =
+                    titleOf(caldav::readResource(resource.serverText ? *resource.serverText : *resource.pendingText));
                 failure = response.status == 412 ? title + " was changed on the server since it was read"
                                                  : "The server of \"" + client.account().name + "\" refused to write " +
                                                        title + " (HTTP " + std::to_string(response.status) + ")";
@@ -564,7 +581,8 @@ void EKEventStore::CalDAVStore::commit() {
             std::string etag = response.etag;
             if (etag.empty() && !resource.pendingRemoval) etag = caldav::fetchETag(client, resource.href);
             newETags[id] = etag;
-            written.push_back({resource.href, !resource.onServer, resource.pendingRemoval, resource.serverText, etag});
+            written.push_back(
+                {resource.href, !resource.onServer, resource.pendingRemoval, resource.serverText.value_or(""), etag});
         } catch (const EventStoreError& error) {
             failure = error.description();
             while (!failure.empty() && failure.back() == '.')

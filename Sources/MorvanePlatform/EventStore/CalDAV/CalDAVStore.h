@@ -57,9 +57,11 @@ private:
         std::int64_t id = 0;
         std::string calendar;
         std::string href;
-        // What the server holds, as last read or written; `onServer` false for a new one.
+        // What the server holds, as last read or written; `onServer` false for a new one. The
+        // text of a resource read with its whole calendar isn't kept: it is read again when the
+        // resource is first changed, so that a large calendar is held once, as events.
         std::string etag;
-        std::string serverText;
+        std::optional<std::string> serverText;
         bool onServer = false;
         // A write waiting for `commit`: new text, or the resource's removal.
         std::optional<std::string> pendingText;
@@ -74,8 +76,6 @@ private:
         double reachEnd = 0;
 
         void hold(caldav::SeriesResource read);
-
-        const std::string& text() const { return pendingText ? *pendingText : serverText; }
     };
     struct CalendarState {
         std::shared_ptr<const EKCalendar> calendar;
@@ -89,8 +89,10 @@ private:
 
     void discover();
     CalendarState& loaded(const std::string& calendarIdentifier);
-    std::optional<Resource> readFetched(caldav::FetchedResource& fetched, const std::string& calendar,
-                                        ZoneCache& zones);
+    std::optional<Resource> readFetched(caldav::FetchedResource& fetched, const std::string& calendar, ZoneCache& zones,
+                                        bool keepText);
+    // The resource's text as it stands here, read from the server when it wasn't kept.
+    const std::string& textOf(Resource& resource);
     Resource* fetchedAlone(const std::string& href, const std::string& calendar);
     void loadAll();
     Resource* resourceAt(std::int64_t id);
