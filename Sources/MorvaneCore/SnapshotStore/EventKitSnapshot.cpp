@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <set>
 #include <tuple>
 
@@ -123,18 +124,31 @@ json::Ordered calendarsJSON(const std::vector<BackupCalendar>& calendars) {
     return list;
 }
 
-json::Ordered eventsJSON(const std::vector<EventKitSnapshot::Event>& events) {
-    auto list = json::Ordered::array();
-    for (const auto& event : events)
-        list.push_back(event.json());
-    return list;
+// The compact JSON text of the document's large members is written one element at a time, to a
+// sink: a tree of the whole of one takes several times its text.
+using Sink = std::function<void(std::string_view)>;
+
+void writeEvents(const std::vector<EventKitSnapshot::Event>& events, bool sortKeys, const Sink& sink) {
+    sink("[");
+    for (size_t i = 0; i < events.size(); ++i) {
+        if (i > 0) sink(",");
+        const auto event = events[i].json();
+        sink(sortKeys ? json::dump(json::sorted(event), false) : json::dumpKeepingOrder(event, false));
+    }
+    sink("]");
 }
 
-json::Ordered occurrencesJSON(const std::map<std::string, std::vector<std::int64_t>>& occurrences) {
-    auto object = json::Ordered::object();
-    for (const auto& [uid, keys] : occurrences)
-        object[uid] = keys;
-    return object;
+void writeOccurrences(const std::map<std::string, std::vector<std::int64_t>>& occurrences, const Sink& sink) {
+    sink("{");
+    bool first = true;
+    for (const auto& [uid, keys] : occurrences) {
+        if (!first) sink(",");
+        first = false;
+        sink(json::dumpKeepingOrder(json::Ordered(uid), false));
+        sink(":");
+        sink(json::dumpKeepingOrder(json::Ordered(keys), false));
+    }
+    sink("}");
 }
 
 // `capture`, failing with the store's own errors.
@@ -257,15 +271,16 @@ std::int64_t EventKitSnapshot::storeType(EKCalendarType type) {
 
 std::string EventKitSnapshot::fingerprint() const {
     SHA256 hash;
-    hash.update(json::dump(json::sorted(eventsJSON(events)), false));
+    const Sink toHash = [&](std::string_view text) { hash.update(text); };
+    writeEvents(events, true, toHash);
     // A std::map gives its keys in the order of a sorted document, and the lists hold numbers
-    // only, so the largest part is hashed without a sorted copy.
-    hash.update(json::dumpKeepingOrder(occurrencesJSON(occurrences), false));
+    // only, so the largest part is hashed as it is written.
+    writeOccurrences(occurrences, toHash);
     hash.update(json::dump(json::sorted(calendarsJSON(calendars)), false));
     return SHA256::hex(hash.finish());
 }
 
-std::string EventKitSnapshot::encoded() const { return compression::compress(json::dumpKeepingOrder(json(), false)); }
+std::string EventKitSnapshot::encoded() const { return compression::compress(jsonText()); }
 
 EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
     auto snapshot = fromJson(json::parse(compression::decompress(bytes)));
@@ -312,17 +327,26 @@ EventKitSnapshot::Event EventKitSnapshot::Event::fromJson(const json::Ordered& v
     return event;
 }
 
-json::Ordered EventKitSnapshot::json() const {
-    json::Ordered object = json::Ordered::object();
-    object["version"] = version;
-    object["taken"] = json::date(taken, dateEncoding);
-    object["windowStart"] = json::date(windowStart, dateEncoding);
-    object["windowEnd"] = json::date(windowEnd, dateEncoding);
-    object["calendars"] = calendarsJSON(calendars);
-    object["events"] = eventsJSON(events);
-    object["occurrences"] = occurrencesJSON(occurrences);
-    return object;
+std::string EventKitSnapshot::jsonText() const {
+    json::Ordered head = json::Ordered::object();
+    head["version"] = version;
+    head["taken"] = json::date(taken, dateEncoding);
+    head["windowStart"] = json::date(windowStart, dateEncoding);
+    head["windowEnd"] = json::date(windowEnd, dateEncoding);
+    head["calendars"] = calendarsJSON(calendars);
+    std::string text = json::dumpKeepingOrder(head, false);
+    // The large members follow the head's before its closing brace.
+    text.pop_back();
+    const Sink toText = [&](std::string_view piece) { text += piece; };
+    text += ",\"events\":";
+    writeEvents(events, false, toText);
+    text += ",\"occurrences\":";
+    writeOccurrences(occurrences, toText);
+    text += '}';
+    return text;
 }
+
+json::Ordered EventKitSnapshot::json() const { return json::parse(jsonText()); }
 
 EventKitSnapshot EventKitSnapshot::fromJson(const json::Ordered& value) {
     const json::ObjectReader reader(value, {});

@@ -92,8 +92,10 @@ struct EventKitSnapshot {
     static EventKitSnapshot decode(std::string_view bytes);
 
     // The document as JSON in field order, dates as seconds since 1970, absent optional event
-    // keys left out; decoding is strict and fails with json::DecodingError.
+    // keys left out; decoding is strict and fails with json::DecodingError. `jsonText` is its
+    // compact text, written without the whole tree.
     json::Ordered json() const;
+    std::string jsonText() const;
     static EventKitSnapshot fromJson(const json::Ordered& value);
 
     friend bool operator==(const EventKitSnapshot&, const EventKitSnapshot&) = default;
