@@ -47,9 +47,11 @@ std::string dumpKeepingOrder(const Ordered& value, bool pretty) {
 
 Value sorted(const Ordered& value) { return Value(value); }
 
-Ordered parse(std::string_view text) {
+Ordered parse(std::string_view text) { return parse(text, nullptr); }
+
+Ordered parse(std::string_view text, const Ordered::parser_callback_t& callback) {
     try {
-        return Ordered::parse(text);
+        return Ordered::parse(text, callback);
     } catch (const Ordered::exception& error) {
         throw DecodingError(DecodingError::Case::dataCorrupted, {},
                             std::string("The data isn't valid JSON: ") + error.what());
@@ -137,10 +139,12 @@ std::optional<std::string> ObjectReader::optionalString(std::string_view key) co
     return string(*found, pathOf(key));
 }
 
-std::string ObjectReader::pathOf(std::string_view key) const {
-    return path_.empty() ? std::string(key) : path_ + "." + std::string(key);
-}
+std::string ObjectReader::pathOf(std::string_view key) const { return keyPath(path_, key); }
 
 std::string indexPath(const std::string& path, size_t index) { return path + "[" + std::to_string(index) + "]"; }
+
+std::string keyPath(const std::string& path, std::string_view key) {
+    return path.empty() ? std::string(key) : path + "." + std::string(key);
+}
 
 } // namespace morvane::json

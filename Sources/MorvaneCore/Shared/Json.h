@@ -50,8 +50,12 @@ private:
     std::string codingPath_;
 };
 
-// Parses a document, keeping key order; text that isn't JSON fails with `dataCorrupted`.
+// Parses a document, keeping key order; text that isn't JSON fails with `dataCorrupted`. With a
+// `callback`, each value is handed to it as the parser finishes it, and left out of the
+// document when the callback returns false (an exception from it comes out of `parse`).
 Ordered parse(std::string_view text);
+using ParseEvent = Ordered::parse_event_t;
+Ordered parse(std::string_view text, const Ordered::parser_callback_t& callback);
 
 // Strict readers of one value at `path`. A null where a value is required is `valueNotFound`, a
 // value of another kind `typeMismatch`. An integer must be a whole number that fits 64 bits.
@@ -88,5 +92,7 @@ private:
 
 // The path of element `index` of the list at `path`.
 std::string indexPath(const std::string& path, size_t index);
+// The path of `key` of the object at `path`.
+std::string keyPath(const std::string& path, std::string_view key);
 
 } // namespace morvane::json

@@ -151,6 +151,15 @@ void writeOccurrences(const std::map<std::string, std::vector<std::int64_t>>& oc
     sink("}");
 }
 
+std::vector<std::int64_t> occurrenceKeys(const json::Ordered& list, const std::string& path) {
+    const auto& keys = json::array(list, path);
+    std::vector<std::int64_t> values;
+    values.reserve(keys.size());
+    for (size_t index = 0; index < keys.size(); ++index)
+        values.push_back(json::integer(keys[index], json::indexPath(path, index)));
+    return values;
+}
+
 // `capture`, failing with the store's own errors.
 EventKitSnapshot captureWhole(EKEventStore& store, Date now) {
     EventKitSnapshot snapshot;
@@ -283,7 +292,45 @@ std::string EventKitSnapshot::fingerprint() const {
 std::string EventKitSnapshot::encoded() const { return compression::compress(jsonText()); }
 
 EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
-    auto snapshot = fromJson(json::parse(compression::decompress(bytes)));
+    // The events and occurrence lists, most of a document, are read as the parser finishes each
+    // one and left out of the tree, which would take several times the text.
+    std::vector<Event> events;
+    std::map<std::string, std::vector<std::int64_t>> occurrences;
+    enum class Inside { other, events, occurrences } inside = Inside::other;
+    std::string member;
+    std::string uid;
+    const auto read = [&](int depth, json::ParseEvent event, json::Ordered& parsed) {
+        using enum json::ParseEvent;
+        if (depth == 1) {
+            if (event == key) {
+                member = parsed.get<std::string>();
+            } else if (event == array_start || event == object_start) {
+                inside = event == array_start && member == "events"         ? Inside::events
+                         : event == object_start && member == "occurrences" ? Inside::occurrences
+                                                                            : Inside::other;
+            } else if (event == array_end || event == object_end) {
+                inside = Inside::other;
+            }
+            return true;
+        }
+        if (depth != 2 || inside == Inside::other) return true;
+        if (event == key) {
+            uid = parsed.get<std::string>();
+            return true;
+        }
+        if (event != object_end && event != array_end && event != value) return true;
+        if (inside == Inside::events) {
+            events.push_back(Event::fromJson(parsed, json::indexPath("events", events.size())));
+            return false;
+        }
+        occurrences[uid] = occurrenceKeys(parsed, json::keyPath("occurrences", uid));
+        // An object keeps the key of a value left out, so the value is emptied instead.
+        parsed = json::Ordered::array();
+        return true;
+    };
+    auto snapshot = fromJson(json::parse(compression::decompress(bytes), read));
+    snapshot.events = std::move(events);
+    snapshot.occurrences = std::move(occurrences);
     // Only after a full decode: a later format that no longer decodes fails with the decoder's
     // own words, which say more.
     if (snapshot.version >= 2) throw RestoreError("This snapshot was made by a newer version of Morvane.");
@@ -365,15 +412,8 @@ EventKitSnapshot EventKitSnapshot::fromJson(const json::Ordered& value) {
         snapshot.events.push_back(Event::fromJson(eventList[index], json::indexPath(reader.pathOf("events"), index)));
     }
     const json::ObjectReader occurrenceMap(reader.required("occurrences"), reader.pathOf("occurrences"));
-    for (const auto& [uid, list] : occurrenceMap.object().items()) {
-        const auto path = occurrenceMap.pathOf(uid);
-        const auto& keys = json::array(list, path);
-        std::vector<std::int64_t> values;
-        values.reserve(keys.size());
-        for (size_t index = 0; index < keys.size(); ++index)
-            values.push_back(json::integer(keys[index], json::indexPath(path, index)));
-        snapshot.occurrences[uid] = std::move(values);
-    }
+    for (const auto& [uid, list] : occurrenceMap.object().items())
+        snapshot.occurrences[uid] = occurrenceKeys(list, occurrenceMap.pathOf(uid));
     return snapshot;
 }
 

@@ -290,6 +290,11 @@ TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndDecode
     ASSERT_TRUE(error) << "an event without its calendar was accepted";
     EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound);
     EXPECT_EQ(error->codingPath(), "events[1]");
+    auto badKeys = document().json();
+    badKeys["occurrences"]["SERIES"][1] = "soon";
+    const auto keyError = testing::caught<json::DecodingError>([&] { EventKitSnapshot::decode(encode(badKeys)); });
+    ASSERT_TRUE(keyError) << "an occurrence key that isn't a number was accepted";
+    EXPECT_EQ(keyError->codingPath(), "occurrences.SERIES[1]");
 
     EXPECT_THROW(EventKitSnapshot::decode(encode(edited).substr(0, 20)), lzfse::LzfseError);
     auto noStore = document().json();
