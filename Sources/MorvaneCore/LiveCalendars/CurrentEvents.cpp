@@ -181,7 +181,8 @@ DatabaseSource::DatabaseSource(CalendarDatabase& database)
 DatabaseSource::DatabaseSource(EventKitSnapshot eventKit, std::optional<EventKitSource> lookup)
     : DatabaseSource([&] {
           EventKitStore store(std::move(eventKit));
-          return DatabaseSource(store.allEvents(), store.occurrences());
+          auto occurrences = store.occurrences();
+          return DatabaseSource(std::move(store).allEvents(), std::move(occurrences));
       }()) {
     lookup_ = std::move(lookup);
 }

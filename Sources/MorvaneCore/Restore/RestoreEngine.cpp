@@ -124,12 +124,11 @@ void RestoreEngine::loadWithoutComparing(const BackupSource& source) {
     ek_.requestAccess();
     // Held at once, so that a later `close` cleans up even when reading fails.
     opened_.emplace(BackupCatalog::open(source));
-    auto events = opened_->store->loadEvents();
-    for (const auto& event : events) {
-        events_.emplace(event.rowID, event);
+    allEvents_ = opened_->store->loadEvents();
+    for (const auto& event : allEvents_) {
+        events_.emplace(event.rowID, &event);
         if (event.masterRowID) detachedByMaster_[*event.masterRowID].push_back(event);
     }
-    allEvents_ = std::move(events);
     loadedSource_ = source;
 }
 
@@ -176,8 +175,8 @@ std::vector<RestorePlan> RestoreEngine::buildPlans(const std::vector<std::int64_
     std::vector<RestorePlan> plans;
     for (const auto id : ids) {
         const auto found = events_.find(id);
-        if (found == events_.end() || found->second.masterRowID) continue;
-        const auto& event = found->second;
+        if (found == events_.end() || found->second->masterRowID) continue;
+        const auto& event = *found->second;
         const bool repeats = event.snapshot.recurrence.has_value();
         auto exceptions = repeats ? opened_->store->exceptionDates(id) : std::vector<Date>{};
         const auto detached = detachedByMaster_.find(id);

@@ -166,7 +166,8 @@ private:
 
     EventKitSource ek_;
     std::optional<OpenedBackup> opened_;
-    std::map<std::int64_t, BackupEvent> events_;
+    // Into `allEvents_`, which doesn't change while a backup is loaded.
+    std::map<std::int64_t, const BackupEvent*> events_;
     std::vector<BackupEvent> allEvents_;
     std::optional<OccurrenceSet> backupOccurrences_;
     bool occurrencesRead_ = false;

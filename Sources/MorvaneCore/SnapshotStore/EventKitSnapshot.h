@@ -116,7 +116,9 @@ public:
 
     // Every event of a listed calendar, in document order, subscribed and birthday calendars
     // included; `hasAttachment` is always false, which a document can't know.
-    const std::vector<BackupEvent>& allEvents() const { return all_; }
+    const std::vector<BackupEvent>& allEvents() const& { return all_; }
+    // The same, taken from a store about to go.
+    std::vector<BackupEvent> allEvents() && { return std::move(all_); }
 
     // The events of local, Exchange and CalDAV calendars, in document order.
     std::vector<BackupEvent> loadEvents() override;
