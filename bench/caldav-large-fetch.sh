@@ -4,7 +4,8 @@
 # about SIZE_MB megabytes, streamed from a file: EVENTS events, each with a long description so
 # that the answer is mostly event text. `morvane events` over one day fetches the whole calendar
 # (the store keeps every event read, not the resources' texts) and expands little; `morvane
-# snapshot` also builds and writes the restore point. /usr/bin/time gives each one's peak
+# snapshot` also builds and writes the restore point, and `morvane compare` reads it back against
+# the calendar. /usr/bin/time gives each one's peak
 # resident memory, to set against the answer's size.
 #
 # Run after `cmake --preset release && cmake --build --preset release --target morvane` (or set
@@ -98,9 +99,14 @@ chmod 600 "$work/password"
 "$morvane" accounts use large > /dev/null
 
 echo "answer: $(($(stat -c %s "$work/report.xml") >> 20)) MB, $events events"
-for command in "events --from 2025-01-01 --to 2025-01-02" "snapshot"; do
-    # shellcheck disable=SC2086
-    /usr/bin/time -f "%e %M" -o "$work/time" "$morvane" $command > /dev/null
+measure() { # LABEL COMMAND...
+    local label=$1 wall peak
+    shift
+    /usr/bin/time -f "%e %M" -o "$work/time" "$morvane" "$@" > /dev/null
     read -r wall peak < "$work/time"
-    printf 'morvane %-40s %6.1f s, peak memory %d MB\n' "$command" "$wall" $((peak >> 10))
-done
+    printf 'morvane %-40s %6.1f s, peak memory %d MB\n' "$label" "$wall" $((peak >> 10))
+}
+measure "events --from 2025-01-01 --to 2025-01-02" events --from 2025-01-01 --to 2025-01-02
+measure snapshot snapshot
+backup=$("$morvane" backups --json --no-time-machine | python3 -c 'import json, sys; print(json.load(sys.stdin)["sources"][-1]["id"])')
+measure "compare (against the restore point)" compare "$backup"
