@@ -105,6 +105,10 @@ struct SeriesIndex {
     // One per master, in the same order; made by `plan` once the maps above are complete.
     std::vector<Plan> plans;
     void plan();
+
+    // The longest span from an item's stored start to its stored end, read at the first fetch:
+    // it bounds the stored end dates a fetch has to look through from both sides.
+    std::optional<double> longestItem;
 };
 
 // The zone an item's dates are counted in, cached by name for one operation.
