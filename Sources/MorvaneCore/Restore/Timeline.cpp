@@ -350,12 +350,21 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     std::unordered_set<std::string> currentTitleStarts;
     // Live events the backup doesn't know, by title and start: what may be a restored copy.
     std::unordered_map<std::string, std::string> recreated;
+    // The backup's series that the range shows alive: the store holds an item of each, so it
+    // needn't be asked again whether a deleted event of one still exists.
+    std::unordered_set<std::string> liveSeries;
     for (const auto& [key, entry] : current) {
         const auto titleStartKey = titleStart(entry.snapshot);
         currentTitleStarts.insert(titleStartKey);
-        if (backupSeries.count(std::string(seriesKey(key.substr(0, key.find('|'))))) == 0)
+        std::string series(seriesKey(key.substr(0, key.find('|'))));
+        if (backupSeries.count(series) == 0) {
             recreated.emplace(titleStartKey, key);
+        } else {
+            liveSeries.insert(std::move(series));
+        }
     }
+    for (const auto& event : elsewhere)
+        liveSeries.insert(liveSeriesKey(*event));
 
     std::unordered_set<std::string> seen;
     std::vector<TimelineItem> items;
@@ -373,8 +382,8 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     };
 
     // The backup's occurrences in the range; those of a series that the range's live events don't
-    // hold are looked for further away, all in one fetch.
-    std::vector<std::pair<const BackupEvent*, BackupOccurrence>> occurrences;
+    // hold are looked for further away, all in one fetch. They are made twice, once for that and
+    // once for the items, rather than held: a year of them is a snapshot each.
     std::unordered_map<std::string, std::set<std::int64_t>> lost;
     // The whole cache when a comparison has read it already, else only what the range needs.
     std::optional<OccurrenceSet> ranged;
@@ -382,11 +391,10 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     const auto& occurrenceSet = occurrencesRead_ ? backupOccurrences_ : ranged;
     for (const auto& event : allEvents_) {
         if (event.isDetachedOccurrence()) continue;
-        for (auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
+        for (const auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
             const auto key = occurrence.first;
             if (key && current.count(matchKey(event.externalIdentifier(), key)) == 0)
                 lost[std::string(event.externalIdentifier())].insert(*key);
-            occurrences.emplace_back(&event, std::move(occurrence));
         }
     }
     // Within the range a lost occurrence can only be in a calendar not shown, or a single event
@@ -401,46 +409,51 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     // By backup row: whether a deleted event can come back whole.
     std::unordered_map<std::int64_t, bool> wholeRestore;
 
-    for (const auto& [event, occurrence] : occurrences) {
-        const auto& [key, snapshot] = occurrence;
-        const std::string series(event->externalIdentifier());
-        const auto m = matchKey(series, key);
-        if (const auto live = current.find(m); live != current.end()) {
-            seen.insert(m);
-            fromChanges(m, snapshot, live->second, !key);
-            continue;
-        }
-        if (key) {
-            if (auto found = moved.find(series, *key)) {
-                auto foundSnapshot = EventKitSource::snapshot(*found);
-                fromChanges(m, snapshot, Current{std::move(found), std::move(foundSnapshot)}, false);
+    for (const auto& backup : allEvents_) {
+        if (backup.isDetachedOccurrence()) continue;
+        const BackupEvent* event = &backup;
+        const std::string series(backup.externalIdentifier());
+        for (const auto& [key, snapshot] : occurrencesIn(occurrenceSet, backup, wide)) {
+            const auto m = matchKey(series, key);
+            if (const auto live = current.find(m); live != current.end()) {
+                seen.insert(m);
+                fromChanges(m, snapshot, live->second, !key);
                 continue;
             }
-        } else if (auto found = movedElsewhere(*event, key, wide)) {
-            fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, true);
-            continue;
-        }
-        const auto t = titleStart(snapshot);
-        if (const auto copy = recreated.find(t);
-            copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
-            seen.insert(copy->second);
-            const auto& live = current.at(copy->second);
-            items.push_back(
-                item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
-            continue;
-        }
-        if (currentTitleStarts.count(t) != 0) continue;
+            if (key) {
+                if (auto found = moved.find(series, *key)) {
+                    auto foundSnapshot = EventKitSource::snapshot(*found);
+                    fromChanges(m, snapshot, Current{std::move(found), std::move(foundSnapshot)}, false);
+                    continue;
+                }
+            } else if (auto found = movedElsewhere(*event, key, wide)) {
+                fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, true);
+                continue;
+            }
+            const auto t = titleStart(snapshot);
+            if (const auto copy = recreated.find(t);
+                copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
+                seen.insert(copy->second);
+                const auto& live = current.at(copy->second);
+                items.push_back(
+                    item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
+                continue;
+            }
+            if (currentTitleStarts.count(t) != 0) continue;
 
-        auto deleted = deletedItem(m, snapshot, event->calendar.colorHex, key.has_value());
-        // An occurrence deleted from a series that still lives comes back only on its own. The
-        // answer is the event's, so the store is asked once for all its occurrences.
-        auto restorable = wholeRestore.find(event->rowID);
-        if (restorable == wholeRestore.end()) {
-            const bool alive = current.count(series) != 0 || ek_.contains(*event);
-            restorable = wholeRestore.emplace(event->rowID, !alive && !ek_.hasEquivalent(*event)).first;
+            auto deleted = deletedItem(m, snapshot, event->calendar.colorHex, key.has_value());
+            // Only in the widened margin: the filter below drops it, so the store isn't asked about it.
+            if (!overlaps({deleted.start, deleted.end}, in)) continue;
+            // An occurrence deleted from a series that still lives comes back only on its own. The
+            // answer is the event's, so the store is asked once for all its occurrences.
+            auto restorable = wholeRestore.find(event->rowID);
+            if (restorable == wholeRestore.end()) {
+                const bool alive = current.count(series) != 0 || liveSeries.count(series) != 0 || ek_.contains(*event);
+                restorable = wholeRestore.emplace(event->rowID, !alive && !ek_.hasEquivalent(*event)).first;
+            }
+            if (restorable->second) deleted.restoreID = event->rowID;
+            items.push_back(std::move(deleted));
         }
-        if (restorable->second) deleted.restoreID = event->rowID;
-        items.push_back(std::move(deleted));
     }
 
     for (const auto& key : fetchOrder) {
