@@ -60,6 +60,8 @@ std::optional<std::int64_t> integerKey(std::string_view text) {
 struct Current {
     std::shared_ptr<EKEvent> event;
     EventSnapshot snapshot;
+    // Whether an item of the backup has claimed it, so that it isn't also added.
+    bool seen = false;
 };
 
 // An item showing a backup occurrence that is gone: everything from the backup's snapshot.
@@ -330,7 +332,7 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     std::unordered_map<std::string, Current> current;
     std::vector<std::shared_ptr<EKEvent>> elsewhere;
     // The same entries in the order fetched, for a stable list of added items.
-    std::vector<std::string> fetchOrder;
+    std::vector<std::pair<const std::string, Current>*> fetchOrder;
     if (!toRead.empty()) {
         fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
             if (!event->calendarItemExternalIdentifier()) return;
@@ -343,7 +345,7 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
             const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
             auto snapshot = EventKitSource::snapshot(*event);
             const auto [entry, added] = current.insert_or_assign(key, Current{std::move(event), std::move(snapshot)});
-            if (added) fetchOrder.push_back(key);
+            if (added) fetchOrder.push_back(&*entry);
         });
     }
 
@@ -366,7 +368,6 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     for (const auto& event : elsewhere)
         liveSeries.insert(liveSeriesKey(*event));
 
-    std::unordered_set<std::string> seen;
     std::vector<TimelineItem> items;
     const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const Current& live, bool single) {
         auto changes = backup.changes(live.snapshot, {.recurrence = single, .calendar = true, .alarms = true});
@@ -416,7 +417,7 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
         for (const auto& [key, snapshot] : occurrencesIn(occurrenceSet, backup, wide)) {
             const auto m = matchKey(series, key);
             if (const auto live = current.find(m); live != current.end()) {
-                seen.insert(m);
+                live->second.seen = true;
                 fromChanges(m, snapshot, live->second, !key);
                 continue;
             }
@@ -431,12 +432,13 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
                 continue;
             }
             const auto t = titleStart(snapshot);
-            if (const auto copy = recreated.find(t);
-                copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
-                seen.insert(copy->second);
-                const auto& live = current.at(copy->second);
+            const auto copy = recreated.find(t);
+            if (const auto live = copy == recreated.end() ? current.end() : current.find(copy->second);
+                live != current.end() && !live->second.seen) {
+                live->second.seen = true;
+                const auto& [id, copied] = *live;
                 items.push_back(
-                    item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
+                    item(id, copied.snapshot, *copied.event, State::unchanged, std::nullopt, {}, std::nullopt));
                 continue;
             }
             if (currentTitleStarts.count(t) != 0) continue;
@@ -456,9 +458,9 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
         }
     }
 
-    for (const auto& key : fetchOrder) {
-        if (seen.count(key) != 0) continue;
-        const auto& live = current.at(key);
+    for (const auto* entry : fetchOrder) {
+        const auto& [key, live] = *entry;
+        if (live.seen) continue;
         items.push_back(item(key, live.snapshot, *live.event, State::added, std::nullopt, {}, std::nullopt));
     }
 
