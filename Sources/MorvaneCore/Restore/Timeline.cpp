@@ -57,9 +57,12 @@ std::optional<std::int64_t> integerKey(std::string_view text) {
     return value;
 }
 
+// A live occurrence of the range. Its snapshot is made again where an item needs it: made once
+// and held, a year of them costs far more memory than making them twice costs time.
 struct Current {
     std::shared_ptr<EKEvent> event;
-    EventSnapshot snapshot;
+    // The snapshot's title-start key; moved into the look-ups once they are made.
+    std::string titleStart;
     // Whether an item of the backup has claimed it, so that it isn't also added.
     bool seen = false;
 };
@@ -343,8 +346,9 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
             }
             const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
             const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
-            auto snapshot = EventKitSource::snapshot(*event);
-            const auto [entry, added] = current.insert_or_assign(key, Current{std::move(event), std::move(snapshot)});
+            auto titleStartKey = titleStart(EventKitSource::snapshot(*event));
+            const auto [entry, added] =
+                current.insert_or_assign(key, Current{std::move(event), std::move(titleStartKey)});
             if (added) fetchOrder.push_back(&*entry);
         });
     }
@@ -355,29 +359,29 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     // The backup's series that the range shows alive: the store holds an item of each, so it
     // needn't be asked again whether a deleted event of one still exists.
     std::unordered_set<std::string> liveSeries;
-    for (const auto& [key, entry] : current) {
-        const auto titleStartKey = titleStart(entry.snapshot);
-        currentTitleStarts.insert(titleStartKey);
+    for (auto& [key, entry] : current) {
         std::string series(seriesKey(key.substr(0, key.find('|'))));
         if (backupSeries.count(series) == 0) {
-            recreated.emplace(titleStartKey, key);
+            recreated.emplace(entry.titleStart, key);
         } else {
             liveSeries.insert(std::move(series));
         }
+        currentTitleStarts.insert(std::move(entry.titleStart));
     }
     for (const auto& event : elsewhere)
         liveSeries.insert(liveSeriesKey(*event));
 
     std::vector<TimelineItem> items;
-    const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const Current& live, bool single) {
-        auto changes = backup.changes(live.snapshot, {.recurrence = single, .calendar = true, .alarms = true});
+    const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const EKEvent& event,
+                                 const EventSnapshot& live, bool single) {
+        auto changes = backup.changes(live, {.recurrence = single, .calendar = true, .alarms = true});
         std::optional<DateInterval> previous;
         const bool moved = std::any_of(changes.begin(), changes.end(), [](const FieldChange& change) {
             return change.field == "start" || change.field == "end" || change.field == "all-day";
         });
         if (moved) previous = displayRange(backup);
         const auto state = changes.empty() ? State::unchanged : State::changed;
-        auto made = item(std::move(id), live.snapshot, *live.event, state, previous, std::move(changes), std::nullopt);
+        auto made = item(std::move(id), live, event, state, previous, std::move(changes), std::nullopt);
         made.isRepeating = !single;
         items.push_back(std::move(made));
     };
@@ -418,17 +422,16 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
             const auto m = matchKey(series, key);
             if (const auto live = current.find(m); live != current.end()) {
                 live->second.seen = true;
-                fromChanges(m, snapshot, live->second, !key);
+                fromChanges(m, snapshot, *live->second.event, EventKitSource::snapshot(*live->second.event), !key);
                 continue;
             }
             if (key) {
                 if (auto found = moved.find(series, *key)) {
-                    auto foundSnapshot = EventKitSource::snapshot(*found);
-                    fromChanges(m, snapshot, Current{std::move(found), std::move(foundSnapshot)}, false);
+                    fromChanges(m, snapshot, *found, EventKitSource::snapshot(*found), false);
                     continue;
                 }
             } else if (auto found = movedElsewhere(*event, key, wide)) {
-                fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, true);
+                fromChanges(m, snapshot, *found->first, found->second, true);
                 continue;
             }
             const auto t = titleStart(snapshot);
@@ -437,8 +440,8 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
                 live != current.end() && !live->second.seen) {
                 live->second.seen = true;
                 const auto& [id, copied] = *live;
-                items.push_back(
-                    item(id, copied.snapshot, *copied.event, State::unchanged, std::nullopt, {}, std::nullopt));
+                items.push_back(item(id, EventKitSource::snapshot(*copied.event), *copied.event, State::unchanged,
+                                     std::nullopt, {}, std::nullopt));
                 continue;
             }
             if (currentTitleStarts.count(t) != 0) continue;
@@ -461,7 +464,8 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     for (const auto* entry : fetchOrder) {
         const auto& [key, live] = *entry;
         if (live.seen) continue;
-        items.push_back(item(key, live.snapshot, *live.event, State::added, std::nullopt, {}, std::nullopt));
+        items.push_back(item(key, EventKitSource::snapshot(*live.event), *live.event, State::added, std::nullopt, {},
+                             std::nullopt));
     }
 
     std::erase_if(items, [&](const TimelineItem& candidate) {
