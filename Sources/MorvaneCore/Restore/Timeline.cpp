@@ -36,6 +36,12 @@ bool overlaps(DateInterval range, DateInterval interval) {
     return range.end > interval.start && range.start < interval.end;
 }
 
+// The display range of dates read as a snapshot with them would be.
+DateInterval displayed(Date start, Date end, bool floating) {
+    if (!floating) return {start, end};
+    return {Restorer::instantOfWallClock(start), Restorer::instantOfWallClock(end)};
+}
+
 std::string trimmedTitle(std::string_view title) { return std::string(text::trimming(title, " \t")); }
 
 std::string calendarLabel(const EKCalendar& calendar) {
@@ -201,8 +207,7 @@ std::string RestoreEngine::titleStart(const EventSnapshot& snapshot) {
 }
 
 DateInterval RestoreEngine::displayRange(const EventSnapshot& snapshot) {
-    if (!snapshot.isFloating()) return {snapshot.start, snapshot.end};
-    return {Restorer::instantOfWallClock(snapshot.start), Restorer::instantOfWallClock(snapshot.end)};
+    return displayed(snapshot.start, snapshot.end, snapshot.isFloating());
 }
 
 std::vector<RestoreEngine::BackupOccurrence> RestoreEngine::backupOccurrences(const BackupEvent& event,
@@ -227,18 +232,11 @@ std::optional<OccurrenceSet> RestoreEngine::occurrencesAround(DateInterval in) {
     }
 }
 
-std::vector<RestoreEngine::BackupOccurrence>
-RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event, DateInterval in) const {
-    std::vector<BackupOccurrence> found;
+void RestoreEngine::eachCachedOccurrence(const OccurrenceSet& set, const BackupEvent& event, DateInterval in,
+                                         const std::function<void(std::int64_t, const EventSnapshot*)>& visit) const {
+    const auto keys = set.dates.find(std::string(event.externalIdentifier()));
+    if (keys == set.dates.end()) return;
     const auto& master = event.snapshot;
-    if (!master.recurrence) {
-        if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
-        return found;
-    }
-    if (!set) return found;
-    const auto keys = set->dates.find(std::string(event.externalIdentifier()));
-    if (keys == set->dates.end()) return found;
-
     const double duration = master.end.seconds - master.start.seconds;
     std::map<std::int64_t, const EventSnapshot*> detached;
     if (const auto list = detachedByMaster_.find(event.rowID); list != detachedByMaster_.end()) {
@@ -248,17 +246,44 @@ RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const Back
         }
     }
     for (const auto key : keys->second) {
-        EventSnapshot snapshot;
-        if (const auto edited = detached.find(key); edited != detached.end()) {
-            snapshot = *edited->second;
-        } else {
-            snapshot = master;
-            snapshot.start = Date{static_cast<double>(key)};
-            snapshot.end = Date{snapshot.start.seconds + duration};
-        }
-        if (overlaps(displayRange(snapshot), in)) found.emplace_back(key, std::move(snapshot));
+        const auto edited = detached.find(key);
+        const EventSnapshot* snapshot = edited == detached.end() ? nullptr : edited->second;
+        const Date start{static_cast<double>(key)};
+        const auto range =
+            snapshot ? displayRange(*snapshot) : displayed(start, Date{start.seconds + duration}, master.isFloating());
+        if (overlaps(range, in)) visit(key, snapshot);
     }
+}
+
+std::vector<RestoreEngine::BackupOccurrence>
+RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event, DateInterval in) const {
+    std::vector<BackupOccurrence> found;
+    const auto& master = event.snapshot;
+    if (!master.recurrence) {
+        if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
+        return found;
+    }
+    if (!set) return found;
+    const double duration = master.end.seconds - master.start.seconds;
+    eachCachedOccurrence(*set, event, in, [&](std::int64_t key, const EventSnapshot* edited) {
+        if (edited) {
+            found.emplace_back(key, *edited);
+            return;
+        }
+        EventSnapshot snapshot = master;
+        snapshot.start = Date{static_cast<double>(key)};
+        snapshot.end = Date{snapshot.start.seconds + duration};
+        found.emplace_back(key, std::move(snapshot));
+    });
     return found;
+}
+
+std::vector<std::int64_t> RestoreEngine::occurrenceKeysIn(const OccurrenceSet& set, const BackupEvent& event,
+                                                          DateInterval in) const {
+    std::vector<std::int64_t> keys;
+    if (event.snapshot.recurrence)
+        eachCachedOccurrence(set, event, in, [&](std::int64_t key, const EventSnapshot*) { keys.push_back(key); });
+    return keys;
 }
 
 std::optional<RestoreEngine::LiveOccurrence>
@@ -395,11 +420,10 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     if (!occurrencesRead_) ranged = occurrencesAround(wide);
     const auto& occurrenceSet = occurrencesRead_ ? backupOccurrences_ : ranged;
     for (const auto& event : allEvents_) {
-        if (event.isDetachedOccurrence()) continue;
-        for (const auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
-            const auto key = occurrence.first;
-            if (key && current.count(matchKey(event.externalIdentifier(), key)) == 0)
-                lost[std::string(event.externalIdentifier())].insert(*key);
+        if (event.isDetachedOccurrence() || !occurrenceSet) continue;
+        for (const auto key : occurrenceKeysIn(*occurrenceSet, event, wide)) {
+            if (current.count(matchKey(event.externalIdentifier(), key)) == 0)
+                lost[std::string(event.externalIdentifier())].insert(key);
         }
     }
     // Within the range a lost occurrence can only be in a calendar not shown, or a single event
