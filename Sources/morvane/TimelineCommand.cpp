@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <ostream>
 #include <string_view>
+#include <unordered_map>
 
 namespace morvane::cli {
 namespace {
@@ -31,11 +32,27 @@ char marker(const TimelineItem& item) {
     return '=';
 }
 
-std::string rangeText(Date start, Date end, bool allDay) {
-    auto text = EventSnapshot::format(start, false, allDay);
-    if (!allDay) text += " \u2013 " + EventSnapshot::format(end, false, false);
-    return text;
-}
+// A month of a large store lists tens of thousands of items on a few thousand distinct times, and
+// each formatting goes through the zone's calendar: every time is formatted once.
+class RangeTexts {
+public:
+    std::string operator()(Date start, Date end, bool allDay) {
+        auto text = formatted(start, allDay);
+        if (!allDay) text += " \u2013 " + formatted(end, false);
+        return text;
+    }
+
+private:
+    const std::string& formatted(Date date, bool allDay) {
+        auto& known = allDay ? allDays_ : times_;
+        auto [entry, added] = known.try_emplace(date.seconds);
+        if (added) entry->second = EventSnapshot::format(date, false, allDay);
+        return entry->second;
+    }
+
+    std::unordered_map<double, std::string> times_;
+    std::unordered_map<double, std::string> allDays_;
+};
 
 // Private from its first byte (calendars are personal), and whole or not at all: a browser showing
 // the previous page never reads half of the new one.
@@ -75,6 +92,7 @@ int runTimeline(const TimelineOptions& options, std::ostream& out, std::ostream&
     }
     std::array<std::size_t, 4> counts{};
     std::size_t moved = 0;
+    RangeTexts rangeText;
     for (const auto& item : items) {
         ++counts.at(static_cast<std::size_t>(item.state));
         if (item.moved()) ++moved;

@@ -174,6 +174,17 @@ TEST_F(EventStoreTest, AllDayEventsCoverTheirLocalDay) {
     EXPECT_TRUE(fetch(utc(2024, 7, 3), utc(2024, 7, 4, 6)).empty());
 }
 
+// A fetch reads only the stored end dates that the longest item can reach: an item longer than any
+// before it, saved after the store had fetched, must still be found.
+TEST_F(EventStoreTest, AShortSpanFindsAnEventLongerThanAnySeenBefore) {
+    save("Standup", utc(2024, 7, 1, 16), utc(2024, 7, 1, 16, 15));
+    EXPECT_TRUE(fetch(utc(2024, 7, 15, 12), utc(2024, 7, 15, 12, 2)).empty());
+    save("Sabbatical", utc(2024, 7, 2), utc(2024, 7, 30));
+    const auto midway = fetch(utc(2024, 7, 15, 12), utc(2024, 7, 15, 12, 2));
+    ASSERT_EQ(midway.size(), 1u);
+    EXPECT_EQ(midway.front()->title, "Sabbatical");
+}
+
 TEST_F(EventStoreTest, MonthlyByWeekdayAndSetPositionRules) {
     save("Review", utc(2024, 1, 26, 18), utc(2024, 1, 26, 19),
          EKRecurrenceRule{.frequency = EKRecurrenceFrequency::monthly,

@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <set>
 #include <sqlite3.h>
+#include <unordered_map>
 
 namespace morvane {
 namespace {
@@ -353,10 +355,17 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         statement += " AND oc.occurrence_date >= ? AND oc.occurrence_date <= ?";
         bounds = {starts->start.seconds, starts->end.seconds};
     }
+    // Reused from row to row: a large cache has a million rows, and two strings made for each
+    // were a good part of reading it.
+    std::string identifier;
+    std::string series;
+    // The set of each series, found by hashing rather than by the ordered map's string compares.
+    std::unordered_map<std::string, std::set<std::int64_t>*> setOf;
     db_.query(statement, bounds, [&](const SQLiteDB::Row& row) {
-        const auto identifier = row.text(0);
         const auto cached = row.real(3);
-        if (!identifier || !cached) return;
+        if (row.isNull(0) || !cached) return;
+        identifier.clear();
+        row.appendText(0, identifier);
 
         Date moment{*cached};
         const auto master = row.integer(1);
@@ -369,7 +378,10 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
             const int offset = zone.secondsFromGMT(moment);
             moment.seconds += offset;
         }
-        result.dates[std::string(seriesKey(*identifier))].insert(moment.occurrenceKey());
+        series.assign(seriesKey(identifier));
+        auto [known, added] = setOf.try_emplace(series, nullptr);
+        if (added) known->second = &result.dates[series];
+        known->second->insert(moment.occurrenceKey());
     });
     return result;
 }

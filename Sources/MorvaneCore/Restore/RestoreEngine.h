@@ -11,6 +11,7 @@
 #include "MorvanePlatform/EventKit.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -163,6 +164,14 @@ private:
     std::optional<OccurrenceSet> occurrencesAround(DateInterval in);
     std::vector<BackupOccurrence> occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event,
                                                 DateInterval in) const;
+    // The keys of the same occurrences of a repeating event, without making their snapshots.
+    std::vector<std::int64_t> occurrenceKeysIn(const OccurrenceSet& set, const BackupEvent& event,
+                                               DateInterval in) const;
+    // Calls `visit(key, edited)` for each cached occurrence of a repeating `event` whose display
+    // range overlaps `in`, in the order of the set; `edited` is its detached snapshot, or null
+    // where the master's stands at the key.
+    void eachCachedOccurrence(const OccurrenceSet& set, const BackupEvent& event, DateInterval in,
+                              const std::function<void(std::int64_t, const EventSnapshot*)>& visit) const;
 
     EventKitSource ek_;
     std::optional<OpenedBackup> opened_;

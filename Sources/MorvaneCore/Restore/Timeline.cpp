@@ -36,6 +36,12 @@ bool overlaps(DateInterval range, DateInterval interval) {
     return range.end > interval.start && range.start < interval.end;
 }
 
+// The display range of dates read as a snapshot with them would be.
+DateInterval displayed(Date start, Date end, bool floating) {
+    if (!floating) return {start, end};
+    return {Restorer::instantOfWallClock(start), Restorer::instantOfWallClock(end)};
+}
+
 std::string trimmedTitle(std::string_view title) { return std::string(text::trimming(title, " \t")); }
 
 std::string calendarLabel(const EKCalendar& calendar) {
@@ -57,9 +63,14 @@ std::optional<std::int64_t> integerKey(std::string_view text) {
     return value;
 }
 
+// A live occurrence of the range. Its snapshot is made again where an item needs it: made once
+// and held, a year of them costs far more memory than making them twice costs time.
 struct Current {
     std::shared_ptr<EKEvent> event;
-    EventSnapshot snapshot;
+    // The snapshot's title-start key; moved into the look-ups once they are made.
+    std::string titleStart;
+    // Whether an item of the backup has claimed it, so that it isn't also added.
+    bool seen = false;
 };
 
 // An item showing a backup occurrence that is gone: everything from the backup's snapshot.
@@ -196,8 +207,7 @@ std::string RestoreEngine::titleStart(const EventSnapshot& snapshot) {
 }
 
 DateInterval RestoreEngine::displayRange(const EventSnapshot& snapshot) {
-    if (!snapshot.isFloating()) return {snapshot.start, snapshot.end};
-    return {Restorer::instantOfWallClock(snapshot.start), Restorer::instantOfWallClock(snapshot.end)};
+    return displayed(snapshot.start, snapshot.end, snapshot.isFloating());
 }
 
 std::vector<RestoreEngine::BackupOccurrence> RestoreEngine::backupOccurrences(const BackupEvent& event,
@@ -222,18 +232,11 @@ std::optional<OccurrenceSet> RestoreEngine::occurrencesAround(DateInterval in) {
     }
 }
 
-std::vector<RestoreEngine::BackupOccurrence>
-RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event, DateInterval in) const {
-    std::vector<BackupOccurrence> found;
+void RestoreEngine::eachCachedOccurrence(const OccurrenceSet& set, const BackupEvent& event, DateInterval in,
+                                         const std::function<void(std::int64_t, const EventSnapshot*)>& visit) const {
+    const auto keys = set.dates.find(std::string(event.externalIdentifier()));
+    if (keys == set.dates.end()) return;
     const auto& master = event.snapshot;
-    if (!master.recurrence) {
-        if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
-        return found;
-    }
-    if (!set) return found;
-    const auto keys = set->dates.find(std::string(event.externalIdentifier()));
-    if (keys == set->dates.end()) return found;
-
     const double duration = master.end.seconds - master.start.seconds;
     std::map<std::int64_t, const EventSnapshot*> detached;
     if (const auto list = detachedByMaster_.find(event.rowID); list != detachedByMaster_.end()) {
@@ -243,17 +246,44 @@ RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const Back
         }
     }
     for (const auto key : keys->second) {
-        EventSnapshot snapshot;
-        if (const auto edited = detached.find(key); edited != detached.end()) {
-            snapshot = *edited->second;
-        } else {
-            snapshot = master;
-            snapshot.start = Date{static_cast<double>(key)};
-            snapshot.end = Date{snapshot.start.seconds + duration};
-        }
-        if (overlaps(displayRange(snapshot), in)) found.emplace_back(key, std::move(snapshot));
+        const auto edited = detached.find(key);
+        const EventSnapshot* snapshot = edited == detached.end() ? nullptr : edited->second;
+        const Date start{static_cast<double>(key)};
+        const auto range =
+            snapshot ? displayRange(*snapshot) : displayed(start, Date{start.seconds + duration}, master.isFloating());
+        if (overlaps(range, in)) visit(key, snapshot);
     }
+}
+
+std::vector<RestoreEngine::BackupOccurrence>
+RestoreEngine::occurrencesIn(const std::optional<OccurrenceSet>& set, const BackupEvent& event, DateInterval in) const {
+    std::vector<BackupOccurrence> found;
+    const auto& master = event.snapshot;
+    if (!master.recurrence) {
+        if (overlaps(displayRange(master), in)) found.emplace_back(std::nullopt, master);
+        return found;
+    }
+    if (!set) return found;
+    const double duration = master.end.seconds - master.start.seconds;
+    eachCachedOccurrence(*set, event, in, [&](std::int64_t key, const EventSnapshot* edited) {
+        if (edited) {
+            found.emplace_back(key, *edited);
+            return;
+        }
+        EventSnapshot snapshot = master;
+        snapshot.start = Date{static_cast<double>(key)};
+        snapshot.end = Date{snapshot.start.seconds + duration};
+        found.emplace_back(key, std::move(snapshot));
+    });
     return found;
+}
+
+std::vector<std::int64_t> RestoreEngine::occurrenceKeysIn(const OccurrenceSet& set, const BackupEvent& event,
+                                                          DateInterval in) const {
+    std::vector<std::int64_t> keys;
+    if (event.snapshot.recurrence)
+        eachCachedOccurrence(set, event, in, [&](std::int64_t key, const EventSnapshot*) { keys.push_back(key); });
+    return keys;
 }
 
 std::optional<RestoreEngine::LiveOccurrence>
@@ -330,7 +360,7 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     std::unordered_map<std::string, Current> current;
     std::vector<std::shared_ptr<EKEvent>> elsewhere;
     // The same entries in the order fetched, for a stable list of added items.
-    std::vector<std::string> fetchOrder;
+    std::vector<std::pair<const std::string, Current>*> fetchOrder;
     if (!toRead.empty()) {
         fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
             if (!event->calendarItemExternalIdentifier()) return;
@@ -341,52 +371,59 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
             }
             const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
             const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
-            auto snapshot = EventKitSource::snapshot(*event);
-            const auto [entry, added] = current.insert_or_assign(key, Current{std::move(event), std::move(snapshot)});
-            if (added) fetchOrder.push_back(key);
+            auto titleStartKey = titleStart(EventKitSource::snapshot(*event));
+            const auto [entry, added] =
+                current.insert_or_assign(key, Current{std::move(event), std::move(titleStartKey)});
+            if (added) fetchOrder.push_back(&*entry);
         });
     }
 
     std::unordered_set<std::string> currentTitleStarts;
     // Live events the backup doesn't know, by title and start: what may be a restored copy.
     std::unordered_map<std::string, std::string> recreated;
-    for (const auto& [key, entry] : current) {
-        const auto titleStartKey = titleStart(entry.snapshot);
-        currentTitleStarts.insert(titleStartKey);
-        if (backupSeries.count(std::string(seriesKey(key.substr(0, key.find('|'))))) == 0)
-            recreated.emplace(titleStartKey, key);
+    // The backup's series that the range shows alive: the store holds an item of each, so it
+    // needn't be asked again whether a deleted event of one still exists.
+    std::unordered_set<std::string> liveSeries;
+    for (auto& [key, entry] : current) {
+        std::string series(seriesKey(key.substr(0, key.find('|'))));
+        if (backupSeries.count(series) == 0) {
+            recreated.emplace(entry.titleStart, key);
+        } else {
+            liveSeries.insert(std::move(series));
+        }
+        currentTitleStarts.insert(std::move(entry.titleStart));
     }
+    for (const auto& event : elsewhere)
+        liveSeries.insert(liveSeriesKey(*event));
 
-    std::unordered_set<std::string> seen;
     std::vector<TimelineItem> items;
-    const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const Current& live, bool single) {
-        auto changes = backup.changes(live.snapshot, {.recurrence = single, .calendar = true, .alarms = true});
+    const auto fromChanges = [&](std::string id, const EventSnapshot& backup, const EKEvent& event,
+                                 const EventSnapshot& live, bool single) {
+        auto changes = backup.changes(live, {.recurrence = single, .calendar = true, .alarms = true});
         std::optional<DateInterval> previous;
         const bool moved = std::any_of(changes.begin(), changes.end(), [](const FieldChange& change) {
             return change.field == "start" || change.field == "end" || change.field == "all-day";
         });
         if (moved) previous = displayRange(backup);
         const auto state = changes.empty() ? State::unchanged : State::changed;
-        auto made = item(std::move(id), live.snapshot, *live.event, state, previous, std::move(changes), std::nullopt);
+        auto made = item(std::move(id), live, event, state, previous, std::move(changes), std::nullopt);
         made.isRepeating = !single;
         items.push_back(std::move(made));
     };
 
     // The backup's occurrences in the range; those of a series that the range's live events don't
-    // hold are looked for further away, all in one fetch.
-    std::vector<std::pair<const BackupEvent*, BackupOccurrence>> occurrences;
+    // hold are looked for further away, all in one fetch. They are made twice, once for that and
+    // once for the items, rather than held: a year of them is a snapshot each.
     std::unordered_map<std::string, std::set<std::int64_t>> lost;
     // The whole cache when a comparison has read it already, else only what the range needs.
     std::optional<OccurrenceSet> ranged;
     if (!occurrencesRead_) ranged = occurrencesAround(wide);
     const auto& occurrenceSet = occurrencesRead_ ? backupOccurrences_ : ranged;
     for (const auto& event : allEvents_) {
-        if (event.isDetachedOccurrence()) continue;
-        for (auto& occurrence : occurrencesIn(occurrenceSet, event, wide)) {
-            const auto key = occurrence.first;
-            if (key && current.count(matchKey(event.externalIdentifier(), key)) == 0)
-                lost[std::string(event.externalIdentifier())].insert(*key);
-            occurrences.emplace_back(&event, std::move(occurrence));
+        if (event.isDetachedOccurrence() || !occurrenceSet) continue;
+        for (const auto key : occurrenceKeysIn(*occurrenceSet, event, wide)) {
+            if (current.count(matchKey(event.externalIdentifier(), key)) == 0)
+                lost[std::string(event.externalIdentifier())].insert(key);
         }
     }
     // Within the range a lost occurrence can only be in a calendar not shown, or a single event
@@ -401,52 +438,58 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     // By backup row: whether a deleted event can come back whole.
     std::unordered_map<std::int64_t, bool> wholeRestore;
 
-    for (const auto& [event, occurrence] : occurrences) {
-        const auto& [key, snapshot] = occurrence;
-        const std::string series(event->externalIdentifier());
-        const auto m = matchKey(series, key);
-        if (const auto live = current.find(m); live != current.end()) {
-            seen.insert(m);
-            fromChanges(m, snapshot, live->second, !key);
-            continue;
-        }
-        if (key) {
-            if (auto found = moved.find(series, *key)) {
-                auto foundSnapshot = EventKitSource::snapshot(*found);
-                fromChanges(m, snapshot, Current{std::move(found), std::move(foundSnapshot)}, false);
+    for (const auto& backup : allEvents_) {
+        if (backup.isDetachedOccurrence()) continue;
+        const BackupEvent* event = &backup;
+        const std::string series(backup.externalIdentifier());
+        for (const auto& [key, snapshot] : occurrencesIn(occurrenceSet, backup, wide)) {
+            const auto m = matchKey(series, key);
+            if (const auto live = current.find(m); live != current.end()) {
+                live->second.seen = true;
+                fromChanges(m, snapshot, *live->second.event, EventKitSource::snapshot(*live->second.event), !key);
                 continue;
             }
-        } else if (auto found = movedElsewhere(*event, key, wide)) {
-            fromChanges(m, snapshot, Current{std::move(found->first), std::move(found->second)}, true);
-            continue;
-        }
-        const auto t = titleStart(snapshot);
-        if (const auto copy = recreated.find(t);
-            copy != recreated.end() && seen.count(copy->second) == 0 && current.count(copy->second) != 0) {
-            seen.insert(copy->second);
-            const auto& live = current.at(copy->second);
-            items.push_back(
-                item(copy->second, live.snapshot, *live.event, State::unchanged, std::nullopt, {}, std::nullopt));
-            continue;
-        }
-        if (currentTitleStarts.count(t) != 0) continue;
+            if (key) {
+                if (auto found = moved.find(series, *key)) {
+                    fromChanges(m, snapshot, *found, EventKitSource::snapshot(*found), false);
+                    continue;
+                }
+            } else if (auto found = movedElsewhere(*event, key, wide)) {
+                fromChanges(m, snapshot, *found->first, found->second, true);
+                continue;
+            }
+            const auto t = titleStart(snapshot);
+            const auto copy = recreated.find(t);
+            if (const auto live = copy == recreated.end() ? current.end() : current.find(copy->second);
+                live != current.end() && !live->second.seen) {
+                live->second.seen = true;
+                const auto& [id, copied] = *live;
+                items.push_back(item(id, EventKitSource::snapshot(*copied.event), *copied.event, State::unchanged,
+                                     std::nullopt, {}, std::nullopt));
+                continue;
+            }
+            if (currentTitleStarts.count(t) != 0) continue;
 
-        auto deleted = deletedItem(m, snapshot, event->calendar.colorHex, key.has_value());
-        // An occurrence deleted from a series that still lives comes back only on its own. The
-        // answer is the event's, so the store is asked once for all its occurrences.
-        auto restorable = wholeRestore.find(event->rowID);
-        if (restorable == wholeRestore.end()) {
-            const bool alive = current.count(series) != 0 || ek_.contains(*event);
-            restorable = wholeRestore.emplace(event->rowID, !alive && !ek_.hasEquivalent(*event)).first;
+            auto deleted = deletedItem(m, snapshot, event->calendar.colorHex, key.has_value());
+            // Only in the widened margin: the filter below drops it, so the store isn't asked about it.
+            if (!overlaps({deleted.start, deleted.end}, in)) continue;
+            // An occurrence deleted from a series that still lives comes back only on its own. The
+            // answer is the event's, so the store is asked once for all its occurrences.
+            auto restorable = wholeRestore.find(event->rowID);
+            if (restorable == wholeRestore.end()) {
+                const bool alive = current.count(series) != 0 || liveSeries.count(series) != 0 || ek_.contains(*event);
+                restorable = wholeRestore.emplace(event->rowID, !alive && !ek_.hasEquivalent(*event)).first;
+            }
+            if (restorable->second) deleted.restoreID = event->rowID;
+            items.push_back(std::move(deleted));
         }
-        if (restorable->second) deleted.restoreID = event->rowID;
-        items.push_back(std::move(deleted));
     }
 
-    for (const auto& key : fetchOrder) {
-        if (seen.count(key) != 0) continue;
-        const auto& live = current.at(key);
-        items.push_back(item(key, live.snapshot, *live.event, State::added, std::nullopt, {}, std::nullopt));
+    for (const auto* entry : fetchOrder) {
+        const auto& [key, live] = *entry;
+        if (live.seen) continue;
+        items.push_back(item(key, EventKitSource::snapshot(*live.event), *live.event, State::added, std::nullopt, {},
+                             std::nullopt));
     }
 
     std::erase_if(items, [&](const TimelineItem& candidate) {

@@ -252,11 +252,21 @@ EKEventStore::LocalStore::eventsMatchingPredicate(const EKEventPredicate& predic
 
     // Single events and detached occurrences, by their own dates. The test of `hidden` spelled
     // out again lets SQLite search the system's index on (hidden, end_date, start_date) instead
-    // of reading every item.
+    // of reading every item. An item that starts before the span's end ends no later than the
+    // longest item after it: with that bound a short span reads a short stretch of the index,
+    // where the end date alone would read every item that ends after the span's start.
+    // A second more than the bound, lest the subtraction's rounding cut off an item at the edge.
+    constexpr double roundingSlack = 1;
+    if (!series.longestItem) {
+        sqlite::Statement longest(db.get(), "SELECT MAX(end_date - start_date) FROM CalendarItem");
+        series.longestItem = longest.step() && !longest.isNull(0) ? std::max(0.0, longest.real(0)) : 0.0;
+    }
     sqlite::Statement rows(db.get(), std::string(itemColumns) +
-                                         " AND (ci.hidden = 0 OR ci.hidden IS NULL)"
-                                         " AND ci.entity_type = 2 AND ci.start_date < ? AND ci.end_date > ?");
-    rows.bind(1, spanEnd + storedDatePadding).bind(2, spanStart - storedDatePadding);
+                                         " AND (ci.hidden = 0 OR ci.hidden IS NULL) AND ci.entity_type = 2"
+                                         " AND ci.start_date < ? AND ci.end_date > ? AND ci.end_date <= ?");
+    rows.bind(1, spanEnd + storedDatePadding)
+        .bind(2, spanStart - storedDatePadding)
+        .bind(3, spanEnd + storedDatePadding + *series.longestItem + roundingSlack);
     std::vector<ItemRow> detached;
     std::vector<std::int64_t> detachedOwners;
     while (rows.step()) {

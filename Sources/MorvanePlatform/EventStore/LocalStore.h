@@ -105,6 +105,12 @@ struct SeriesIndex {
     // One per master, in the same order; made by `plan` once the maps above are complete.
     std::vector<Plan> plans;
     void plan();
+
+    // The longest span from an item's stored start to its stored end, read at the first fetch:
+    // it bounds the stored end dates a fetch has to look through from both sides. Renewed with
+    // the rest of the index, so an item saved by another connection that is longer than all
+    // before it shows once the index is, as a series saved there does.
+    std::optional<double> longestItem;
 };
 
 using Zones = ZoneCache;
