@@ -223,7 +223,10 @@ public:
 // called from any thread at any time. What a store gives out belongs to the caller and may go to
 // any thread: events are plain values, and the calendars and sources they share are never
 // changed. Several stores over one file may live on several threads of one process, or in
-// several processes; their writes wait up to five seconds for each other.
+// several processes; their writes wait up to five seconds for each other. A store that has read
+// keeps what it learnt of the file's series (and of its longest event) until its own next write,
+// `reset` or `refreshSourcesIfNecessary`, so what another store committed meanwhile shows in full
+// only after one of those.
 //
 // Writes run in a transaction of the database: a save or removal with `commit` false stays
 // pending, visible to this store only, until `commit` (or a later write with `commit` true), and
