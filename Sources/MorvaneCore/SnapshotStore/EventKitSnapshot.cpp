@@ -296,7 +296,7 @@ EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
     // one and left out of the tree, which would take several times the text.
     std::vector<Event> events;
     std::map<std::string, std::vector<std::int64_t>> occurrences;
-    enum class Inside { other, events, occurrences } inside = Inside::other;
+    enum class Inside { other, eventList, occurrenceMap } inside = Inside::other;
     std::string member;
     std::string uid;
     const auto read = [&](int depth, json::ParseEvent event, json::Ordered& parsed) {
@@ -305,8 +305,8 @@ EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
             if (event == key) {
                 member = parsed.get<std::string>();
             } else if (event == array_start || event == object_start) {
-                inside = event == array_start && member == "events"         ? Inside::events
-                         : event == object_start && member == "occurrences" ? Inside::occurrences
+                inside = event == array_start && member == "events"         ? Inside::eventList
+                         : event == object_start && member == "occurrences" ? Inside::occurrenceMap
                                                                             : Inside::other;
             } else if (event == array_end || event == object_end) {
                 inside = Inside::other;
@@ -319,7 +319,7 @@ EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
             return true;
         }
         if (event != object_end && event != array_end && event != value) return true;
-        if (inside == Inside::events) {
+        if (inside == Inside::eventList) {
             events.push_back(Event::fromJson(parsed, json::indexPath("events", events.size())));
             return false;
         }
