@@ -375,13 +375,17 @@ TEST_F(CalDAVStoreTest, AChangeMadeElsewhereSinceTheReadIsNeverOverwritten) {
         ASSERT_EQ(read.size(), 1U);
         auto master = std::dynamic_pointer_cast<EKEvent>(store->calendarItemWithIdentifier(calendar + "weekly-1.ics"));
         ASSERT_TRUE(master);
-        if (beforeTheEdit) ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+        if (beforeTheEdit) {
+            ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+        }
         // A new event goes first, so that the failure has something to take back.
         testing::saveEvent(*store, "New", utc(2024, 3, 5, 10), utc(2024, 3, 5, 11), std::nullopt, std::nullopt,
                            store->calendarWithIdentifier(calendar), false);
         master->title = "Renamed here";
         store->saveEvent(*master, EKSpan::futureEvents, false);
-        if (!beforeTheEdit) ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+        if (!beforeTheEdit) {
+            ASSERT_EQ(server().put(calendar + "weekly-1.ics", elsewhere), 201);
+        }
 
         EXPECT_EQ(testing::errorText([&] { store->commit(); }),
                   (beforeTheEdit ? "Renamed elsewhere" : "Standup") +
