@@ -300,25 +300,25 @@ EventKitSnapshot EventKitSnapshot::decode(std::string_view bytes) {
     std::string member;
     std::string uid;
     const auto read = [&](int depth, json::ParseEvent event, json::Ordered& parsed) {
-        using enum json::ParseEvent;
+        using Parse = json::ParseEvent;
         if (depth == 1) {
-            if (event == key) {
+            if (event == Parse::key) {
                 member = parsed.get<std::string>();
-            } else if (event == array_start || event == object_start) {
-                inside = event == array_start && member == "events"         ? Inside::eventList
-                         : event == object_start && member == "occurrences" ? Inside::occurrenceMap
-                                                                            : Inside::other;
-            } else if (event == array_end || event == object_end) {
+            } else if (event == Parse::array_start || event == Parse::object_start) {
+                inside = event == Parse::array_start && member == "events"         ? Inside::eventList
+                         : event == Parse::object_start && member == "occurrences" ? Inside::occurrenceMap
+                                                                                   : Inside::other;
+            } else if (event == Parse::array_end || event == Parse::object_end) {
                 inside = Inside::other;
             }
             return true;
         }
         if (depth != 2 || inside == Inside::other) return true;
-        if (event == key) {
+        if (event == Parse::key) {
             uid = parsed.get<std::string>();
             return true;
         }
-        if (event != object_end && event != array_end && event != value) return true;
+        if (event != Parse::object_end && event != Parse::array_end && event != Parse::value) return true;
         if (inside == Inside::eventList) {
             events.push_back(Event::fromJson(parsed, json::indexPath("events", events.size())));
             return false;
