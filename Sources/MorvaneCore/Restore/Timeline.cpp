@@ -94,8 +94,9 @@ TimelineItem deletedItem(std::string id, const EventSnapshot& snapshot, std::opt
 
 // Where the live store now has occurrences that a timeline's backup lost from its range. A
 // look-up answers as a fetch of the key's own window would: the first live occurrence of the
-// series with that key that meets the window. Instead of one fetch per occurrence, the events of
-// the union of the windows are offered once, keeping only the series asked about.
+// series with that key that meets the window. The events of the range were offered already; of
+// what lies beyond it, only an occurrence detached from its series can carry a key of the range,
+// so each series asked about is read by its identifier instead of fetching months of every series.
 class MovedOccurrences {
 public:
     // `wanted`: series key to the occurrence keys to look for.
@@ -116,29 +117,13 @@ public:
             found_[RestoreEngine::matchKey(series->first, key)].push_back(std::move(event));
     }
 
-    // Offers the events of every window outside `fetched`, whose events were offered already, a
-    // month at a time: a year of a large store's occurrences is more than is worth holding.
-    void fetch(EKEventStore& store, std::optional<DateInterval> fetched) {
-        std::optional<DateInterval> span;
+    // Offers the detached occurrences of every series asked about.
+    void offerDetached(EKEventStore& store) {
         for (const auto& [series, keys] : wanted_) {
             if (keys.empty()) continue;
-            const auto first = window(*keys.begin());
-            const auto last = window(*keys.rbegin());
-            span = span ? DateInterval{std::min(span->start, first.start), std::max(span->end, last.end)}
-                        : DateInterval{first.start, last.end};
-        }
-        if (!span) return;
-        std::vector<DateInterval> parts{*span};
-        if (fetched) {
-            parts.clear();
-            if (span->start < fetched->start) parts.push_back({span->start, std::min(span->end, fetched->start)});
-            if (span->end > fetched->end) parts.push_back({std::max(span->start, fetched->end), span->end});
-        }
-        constexpr double month = 31 * 86400.0;
-        for (const auto& part : parts) {
-            for (double from = part.start.seconds; from < part.end.seconds; from += month) {
-                fetchYearByYear(store, {Date{from}, Date{std::min(from + month, part.end.seconds)}},
-                                [this](std::shared_ptr<EKEvent> event) { offer(std::move(event)); });
+            for (auto& item : store.calendarItemsWithExternalIdentifier(series)) {
+                if (auto event = std::dynamic_pointer_cast<EKEvent>(std::move(item)); event && event->isDetached())
+                    offer(std::move(event));
             }
         }
     }
@@ -303,7 +288,8 @@ RestoreEngine::movedElsewhere(const BackupEvent& event, std::optional<std::int64
         return LiveOccurrence{first, EventKitSource::snapshot(*first)};
     }
     MovedOccurrences moved(std::unordered_map<std::string, std::set<std::int64_t>>{{series, {*key}}});
-    moved.fetch(store, std::nullopt);
+    fetchYearByYear(store, MovedOccurrences::window(*key),
+                    [&moved](std::shared_ptr<EKEvent> found) { moved.offer(std::move(found)); });
     if (auto found = moved.find(series, *key)) return LiveOccurrence{found, EventKitSource::snapshot(*found)};
     return std::nullopt;
 }
@@ -361,22 +347,19 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
     std::vector<std::shared_ptr<EKEvent>> elsewhere;
     // The same entries in the order fetched, for a stable list of added items.
     std::vector<std::pair<const std::string, Current>*> fetchOrder;
-    if (!toRead.empty()) {
-        fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
-            if (!event->calendarItemExternalIdentifier()) return;
-            if (!event->calendar || toRead.count(event->calendar->calendarIdentifier) == 0) {
-                // Where a backup event may have gone, though the timeline doesn't show it there.
-                if (backupSeries.count(liveSeriesKey(*event)) != 0) elsewhere.push_back(std::move(event));
-                return;
-            }
-            const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
-            const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
-            auto titleStartKey = titleStart(EventKitSource::snapshot(*event));
-            const auto [entry, added] =
-                current.insert_or_assign(key, Current{std::move(event), std::move(titleStartKey)});
-            if (added) fetchOrder.push_back(&*entry);
-        });
-    }
+    fetchYearByYear(store, wide, [&](std::shared_ptr<EKEvent> event) {
+        if (!event->calendarItemExternalIdentifier()) return;
+        if (!event->calendar || toRead.count(event->calendar->calendarIdentifier) == 0) {
+            // Where a backup event may have gone, though the timeline doesn't show it there.
+            if (backupSeries.count(liveSeriesKey(*event)) != 0) elsewhere.push_back(std::move(event));
+            return;
+        }
+        const bool isOccurrence = event->hasRecurrenceRules() || event->isDetached();
+        const auto key = matchKey(liveSeriesKey(*event), isOccurrence ? liveOccurrenceKey(*event) : std::nullopt);
+        auto titleStartKey = titleStart(EventKitSource::snapshot(*event));
+        const auto [entry, added] = current.insert_or_assign(key, Current{std::move(event), std::move(titleStartKey)});
+        if (added) fetchOrder.push_back(&*entry);
+    });
 
     std::unordered_set<std::string> currentTitleStarts;
     // Live events the backup doesn't know, by title and start: what may be a restored copy.
@@ -427,14 +410,14 @@ std::vector<TimelineItem> RestoreEngine::timeline(DateInterval in) {
         }
     }
     // Within the range a lost occurrence can only be in a calendar not shown, or a single event
-    // now (an occurrence with its key would have matched); what lies beyond the range is fetched.
+    // now (an occurrence with its key would have matched); beyond it, only a detached one.
     MovedOccurrences moved(std::move(lost));
     for (auto& event : elsewhere)
         moved.offer(std::move(event));
     for (const auto& [key, entry] : current) {
         if (key.find('|') == std::string::npos) moved.offer(entry.event);
     }
-    moved.fetch(store, toRead.empty() ? std::nullopt : std::optional(wide));
+    moved.offerDetached(store);
     // By backup row: whether a deleted event can come back whole.
     std::unordered_map<std::int64_t, bool> wholeRestore;
 
