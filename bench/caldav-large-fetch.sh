@@ -12,17 +12,9 @@
 # MORVANE). Arguments: [SIZE_MB] [EVENTS].
 set -euo pipefail
 cd "$(dirname "$0")/.."
-morvane=${MORVANE:-$PWD/build/release/bin/morvane}
 size=${1:-200}
 events=${2:-20000}
-export TZ=America/Los_Angeles
-work=$(mktemp -d "${TMPDIR:-/tmp}/morvane-caldav-large-XXXXXX")
-server=0
-finish() {
-    if [ "$server" != 0 ]; then kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap finish EXIT
+source bench/server-work.sh
 
 python3 - "$work/report.xml" "$size" "$events" <<'EOF'
 import sys

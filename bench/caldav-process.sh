@@ -13,17 +13,9 @@
 # (or set MORVANE to a morvane binary). Arguments: [EVENTS] [DELETED].
 set -euo pipefail
 cd "$(dirname "$0")/.."
-morvane=${MORVANE:-$PWD/build/release/bin/morvane}
 events=${1:-10000}
 deleted=${2:-100}
-export TZ=America/Los_Angeles
-work=$(mktemp -d "${TMPDIR:-/tmp}/morvane-caldav-XXXXXX")
-server=0
-finish() {
-    if [ "$server" != 0 ]; then kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; fi
-    rm -rf "$work"
-}
-trap finish EXIT
+source bench/server-work.sh
 
 port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 origin=http://127.0.0.1:$port
