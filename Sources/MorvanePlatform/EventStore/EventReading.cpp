@@ -311,9 +311,8 @@ EKEventStore::LocalStore::eventsMatchingPredicate(const EKEventPredicate& predic
 
 // The item of a row as the platform gives it out: a series as its master, a detached
 // occurrence with its series' identity, a reminder as a reminder.
-std::shared_ptr<EKCalendarItem> EKEventStore::LocalStore::itemOf(const ItemRow& row) {
+std::shared_ptr<EKCalendarItem> EKEventStore::LocalStore::itemOf(const ItemRow& row, Zones& zones) {
     auto& series = seriesIndex();
-    Zones zones;
     if (row.entityType == reminderEntity) {
         auto reminder = std::make_shared<EKReminder>();
         reminder->title = row.title;
@@ -365,8 +364,9 @@ std::shared_ptr<EKCalendarItem> EKEventStore::LocalStore::calendarItemWithIdenti
     auto items = itemsWhere("ci.UUID = ?", {identifier});
     std::stable_sort(items.begin(), items.end(),
                      [](const ItemRow& a, const ItemRow& b) { return (a.masterRow == 0) > (b.masterRow == 0); });
+    Zones zones;
     for (const auto& row : items) {
-        if (auto item = itemOf(row)) return item;
+        if (auto item = itemOf(row, zones)) return item;
     }
     return nullptr;
 }
@@ -379,8 +379,10 @@ EKEventStore::LocalStore::calendarItemsWithExternalIdentifier(const std::string&
                                  "ci.unique_identifier < ?3))",
                                  {identifier, identifier + "/RID=", identifier + "/RID>"});
     std::vector<std::shared_ptr<EKCalendarItem>> items;
+    if (rows.empty()) return items;
+    Zones zones;
     for (const auto& row : rows) {
-        if (auto item = itemOf(row)) items.push_back(std::move(item));
+        if (auto item = itemOf(row, zones)) items.push_back(std::move(item));
     }
     return items;
 }

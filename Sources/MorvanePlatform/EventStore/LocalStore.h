@@ -243,7 +243,7 @@ private:
     template <typename Visit>
     void expandSeries(const SeriesIndex& series, size_t masterIndex, Zones& zones, double spanStart, double spanEnd,
                       Visit&& visit);
-    std::shared_ptr<EKCalendarItem> itemOf(const ItemRow& row);
+    std::shared_ptr<EKCalendarItem> itemOf(const ItemRow& row, Zones& zones);
     std::vector<ItemRow> itemsWhere(std::string_view condition,
                                     const std::vector<std::variant<std::int64_t, std::string>>& values);
     std::optional<ItemRow> itemAt(std::int64_t row);

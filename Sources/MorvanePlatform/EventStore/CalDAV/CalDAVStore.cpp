@@ -349,8 +349,9 @@ std::shared_ptr<EKCalendarItem> EKEventStore::CalDAVStore::calendarItemWithIdent
         } else {
             resource = fetchedAlone(identifier, prefix);
         }
+        if (!resource) return nullptr;
         ZoneCache zones;
-        return resource ? itemOf(*resource, zones) : nullptr;
+        return itemOf(*resource, zones);
     }
     return nullptr;
 }
