@@ -1,5 +1,6 @@
 #include "morvane/DateRangeOptions.h"
 
+#include "MorvaneCore/EventModel/EventSnapshot.h"
 #include "MorvaneCore/Shared/DateInput.h"
 
 namespace morvane::cli {
@@ -19,6 +20,19 @@ std::optional<DateRange> readDateRange(const std::string& from, const std::strin
         return std::nullopt;
     }
     return DateRange{*start, *end};
+}
+
+std::string RangeTexts::operator()(Date start, Date end, bool allDay) {
+    auto text = formatted(start, allDay);
+    if (!allDay) text += " \u2013 " + formatted(end, false);
+    return text;
+}
+
+const std::string& RangeTexts::formatted(Date date, bool allDay) {
+    auto& known = allDay ? allDays_ : times_;
+    auto [entry, added] = known.try_emplace(date.seconds);
+    if (added) entry->second = EventSnapshot::format(date, false, allDay);
+    return entry->second;
 }
 
 } // namespace morvane::cli

@@ -59,6 +59,7 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
         // Written a year at a time as the years are read, so memory holds one year, however long
         // the range; the JSON array is written piece by piece in the form a whole dump has.
         std::vector<Occurrence> year;
+        RangeTexts rangeText;
         bool first = true;
         if (options.json) out << '[';
         const auto writeYear = [&] {
@@ -71,10 +72,8 @@ int runEvents(const EventsOptions& options, std::ostream& out, std::ostream& err
                     out << (first ? "\n  " : ",\n  ") << item;
                 } else {
                     const auto& event = *occurrence.event;
-                    out << EventSnapshot::format(Date{*event.startDate}, false, event.isAllDay());
-                    if (!event.isAllDay())
-                        out << " \u2013 " << EventSnapshot::format(Date{*event.endDate}, false, false);
-                    out << "  " << event.title.value_or("") << "  ["
+                    out << rangeText(Date{*event.startDate}, Date{*event.endDate}, event.isAllDay()) << "  "
+                        << event.title.value_or("") << "  ["
                         << (event.calendar ? event.calendar->title : std::string("?")) << "]"
                         << (event.isDetached() ? "  (edited occurrence)" : "") << '\n';
                 }

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <ostream>
 #include <string_view>
-#include <unordered_map>
 
 namespace morvane::cli {
 namespace {
@@ -31,28 +30,6 @@ char marker(const TimelineItem& item) {
     }
     return '=';
 }
-
-// A month of a large store lists tens of thousands of items on a few thousand distinct times, and
-// each formatting goes through the zone's calendar: every time is formatted once.
-class RangeTexts {
-public:
-    std::string operator()(Date start, Date end, bool allDay) {
-        auto text = formatted(start, allDay);
-        if (!allDay) text += " \u2013 " + formatted(end, false);
-        return text;
-    }
-
-private:
-    const std::string& formatted(Date date, bool allDay) {
-        auto& known = allDay ? allDays_ : times_;
-        auto [entry, added] = known.try_emplace(date.seconds);
-        if (added) entry->second = EventSnapshot::format(date, false, allDay);
-        return entry->second;
-    }
-
-    std::unordered_map<double, std::string> times_;
-    std::unordered_map<double, std::string> allDays_;
-};
 
 // Private from its first byte (calendars are personal), and whole or not at all: a browser showing
 // the previous page never reads half of the new one.
