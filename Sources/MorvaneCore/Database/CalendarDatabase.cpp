@@ -73,11 +73,14 @@ constexpr std::string_view windowStatement =
     "SELECT key, value FROM _SqliteDatabaseProperties\n"
     "WHERE key IN ('OccurrenceCacheStart', 'OccurrenceCacheEnd', 'OccurrenceCacheTimeZone')";
 
-constexpr std::string_view occurrenceStatement =
-    "SELECT ci.unique_identifier, ci.orig_item_id, ci.orig_date, oc.occurrence_date,\n"
-    "       COALESCE(NULLIF(ci.start_tz, ''), '_float') = '_float'\n"
-    "FROM OccurrenceCache oc JOIN CalendarItem ci ON ci.ROWID = oc.event_id\n"
-    "WHERE ci.unique_identifier IS NOT NULL AND oc.occurrence_date IS NOT NULL";
+// The cache's rows and the items they belong to are read apart and matched in memory: SQLite's
+// join looks each row's item up in the table, a seek per row, where one pass over the items is a
+// fraction of that for a month of a large cache and far less for the whole of it.
+constexpr std::string_view cachedItemsStatement = "SELECT ROWID, unique_identifier, orig_item_id, orig_date,\n"
+                                                  "       COALESCE(NULLIF(start_tz, ''), '_float') = '_float'\n"
+                                                  "FROM CalendarItem WHERE unique_identifier IS NOT NULL";
+constexpr std::string_view cacheRowsStatement =
+    "SELECT event_id, occurrence_date FROM OccurrenceCache WHERE occurrence_date IS NOT NULL";
 
 } // namespace
 
@@ -348,40 +351,48 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         recorded = zones::Zone::named(found->second);
     const auto zone = recorded ? std::move(*recorded) : zones::Zone::current();
 
+    // What a cache row needs of its item: the series, and where a moved occurrence was.
+    struct CachedItem {
+        std::string series;
+        std::optional<double> originalDate;
+        bool floating = false;
+        std::set<std::int64_t>* keys = nullptr;
+    };
+    std::unordered_map<std::int64_t, CachedItem> items;
+    db_.query(cachedItemsStatement, [&](const SQLiteDB::Row& row) {
+        CachedItem item;
+        item.series = std::string(seriesKey(row.text(1).value_or("")));
+        const auto master = row.integer(2);
+        // A moved occurrence counts where the series had it, not where it went.
+        if (master && *master >= 1) item.originalDate = row.real(3);
+        item.floating = row.integer(4) == 1;
+        items.emplace(*row.integer(0), std::move(item));
+    });
+
     OccurrenceSet result{window, {}};
-    std::string statement(occurrenceStatement);
+    std::string statement(cacheRowsStatement);
     std::vector<double> bounds;
     if (starts) {
-        statement += " AND oc.occurrence_date >= ? AND oc.occurrence_date <= ?";
+        statement += " AND occurrence_date >= ? AND occurrence_date <= ?";
         bounds = {starts->start.seconds, starts->end.seconds};
     }
-    // Reused from row to row: a large cache has a million rows, and two strings made for each
-    // were a good part of reading it.
-    std::string identifier;
-    std::string series;
-    // The set of each series, found by hashing rather than by the ordered map's string compares.
-    std::unordered_map<std::string, std::set<std::int64_t>*> setOf;
     db_.query(statement, bounds, [&](const SQLiteDB::Row& row) {
-        const auto cached = row.real(3);
-        if (row.isNull(0) || !cached) return;
-        identifier.clear();
-        row.appendText(0, identifier);
-
+        const auto event = row.integer(0);
+        const auto cached = row.real(1);
+        if (!event || !cached) return;
+        const auto found = items.find(*event);
+        if (found == items.end()) return;
+        auto& item = found->second;
         Date moment{*cached};
-        const auto master = row.integer(1);
-        if (master && *master >= 1 && !row.isNull(2)) {
-            // A moved occurrence counts where the series had it, not where it went.
-            moment = Date{*row.real(2)};
-        } else if (row.integer(4) == 1) {
+        if (item.originalDate) {
+            moment = Date{*item.originalDate};
+        } else if (item.floating) {
             // Cached as a true moment in the cache's zone; floating dates are stored as wall-clock
             // readings counted as UTC.
-            const int offset = zone.secondsFromGMT(moment);
-            moment.seconds += offset;
+            moment.seconds += zone.secondsFromGMT(moment);
         }
-        series.assign(seriesKey(identifier));
-        auto [known, added] = setOf.try_emplace(series, nullptr);
-        if (added) known->second = &result.dates[series];
-        known->second->insert(moment.occurrenceKey());
+        if (!item.keys) item.keys = &result.dates[item.series];
+        item.keys->insert(moment.occurrenceKey());
     });
     return result;
 }
