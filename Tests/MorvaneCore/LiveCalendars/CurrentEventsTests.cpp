@@ -159,36 +159,6 @@ TEST_F(CurrentEventsTest, ConversionOfAnEventAndItsRule) {
     EXPECT_EQ(byCount.end, RecurrenceRule::End::count(4));
 }
 
-// ---- Occurrences ----
-
-TEST_F(CurrentEventsTest, OccurrencesKeepOnlyTheAskedSeriesWithTheirDetachedContent) {
-    const auto daily = testing::repeating(EKRecurrenceFrequency::daily, 4);
-    // 10:00 floating, before and after the clock change.
-    const auto wanted = save("Yoga", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), std::nullopt, daily);
-    save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), testing::pinnedZone, daily);
-
-    auto third =
-        store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 10, 12), utc(2024, 3, 11), std::nullopt));
-    std::erase_if(third, [](const auto& event) { return event->title != "Yoga"; });
-    ASSERT_EQ(third.size(), 1u);
-    third[0]->title = "Yoga outside";
-    store->saveEvent(*third[0], EKSpan::thisEvent, true);
-
-    const auto uid = *wanted->calendarItemExternalIdentifier();
-    const auto result = source.occurrences({uid}, {Date{utc(2023, 1, 1)}, Date{utc(2025, 6, 1)}});
-    ASSERT_EQ(result.dates.size(), 1u);
-    // Floating keys are 10:00 read as UTC on every day, on both sides of the change.
-    EXPECT_EQ(result.dates.at(uid), (std::vector<std::int64_t>{Date{utc(2024, 3, 8, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 9, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 10, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 11, 10)}.occurrenceKey()}));
-    ASSERT_EQ(result.detached.at(uid).size(), 1u);
-    EXPECT_EQ(result.detached.at(uid).at(Date{utc(2024, 3, 10, 10)}.occurrenceKey()).title, "Yoga outside");
-
-    const auto empty = source.occurrences({uid}, {Date{utc(2024, 5, 1)}, Date{utc(2024, 5, 1)}});
-    EXPECT_TRUE(empty.dates.empty());
-}
-
 TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
     // The seams of fetches from 1 January are at local midnight, 08:00 UTC in Los Angeles.
     const double seam2025 = utc(2025, 1, 1, 8);

@@ -235,17 +235,6 @@ TEST_F(EventKitSnapshotTest, CalendarsAreNumberedByIdentifierWithTheirStoreTypes
     EXPECT_EQ(EventKitSnapshot::storeType(static_cast<EKCalendarType>(7)), 4);
 }
 
-TEST_F(EventKitSnapshotTest, ColourIsTheFirstThreeComponentsCutTowardZero) {
-    EKCalendar calendar;
-    EXPECT_EQ(EventKitSnapshot::colorHex(calendar), std::nullopt);
-    calendar.colorComponents = std::vector{0.5, 1.0}; // grey and alpha
-    EXPECT_EQ(EventKitSnapshot::colorHex(calendar), std::nullopt);
-    calendar.colorComponents = std::vector{1.0, 0.5, 0.0039, 0.25}; // 127.5 and 0.99 are cut, alpha unused
-    EXPECT_EQ(EventKitSnapshot::colorHex(calendar), "#FF7F00");
-    calendar.colorComponents = std::vector{0.0, 0.2, 0.0};
-    EXPECT_EQ(EventKitSnapshot::colorHex(calendar), "#003300");
-}
-
 // ---- File form ----
 
 TEST_F(EventKitSnapshotTest, FileFormKeepsFieldOrderLeavesOutAbsentKeysAndDecodesStrictly) {
