@@ -255,15 +255,8 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     series->recurrenceRules = {weekly};
     store->saveEvent(*series, EKSpan::futureEvents, true);
 
-    const auto inMarch = [&] {
-        auto events =
-            store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 1), utc(2024, 4, 1), std::nullopt));
-        std::sort(events.begin(), events.end(),
-                  [](const auto& a, const auto& b) { return *a->startDate < *b->startDate; });
-        return events;
-    };
-    store->removeEvent(*inMarch()[1], EKSpan::thisEvent, false);
-    auto moved = inMarch()[2];
+    store->removeEvent(*testing::occurrenceAt(*store, *series, utc(2024, 3, 14, 2)), EKSpan::thisEvent, false);
+    auto moved = testing::occurrenceAt(*store, *series, utc(2024, 3, 28, 2));
     const auto movedKey = *liveOccurrenceKey(*moved);
     moved->startDate = *moved->startDate + 2 * 86400;
     moved->endDate = *moved->endDate + 2 * 86400;

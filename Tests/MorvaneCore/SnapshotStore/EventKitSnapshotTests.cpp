@@ -98,16 +98,8 @@ TEST_F(EventKitSnapshotTest, CaptureReadsBackWithTheStoresOwnEventsAndOccurrence
     auto late = saveEvent(*store, "Late shift", utc(2025, 5, 31, 6), utc(2025, 5, 31, 8), std::nullopt,
                           testing::repeating(EKRecurrenceFrequency::daily, 3));
 
-    const auto inMarch = [&] {
-        auto events =
-            store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 1), utc(2024, 4, 1), std::nullopt));
-        std::erase_if(events, [](const auto& event) { return event->title != "Standup"; });
-        std::sort(events.begin(), events.end(),
-                  [](const auto& a, const auto& b) { return *a->startDate < *b->startDate; });
-        return events;
-    };
-    store->removeEvent(*inMarch().at(2), EKSpan::thisEvent, true); // 18 March
-    auto moving = inMarch().at(2);                                 // 25 March
+    store->removeEvent(*testing::occurrenceAt(*store, *standup, utc(2024, 3, 18, 16)), EKSpan::thisEvent, true);
+    auto moving = testing::occurrenceAt(*store, *standup, utc(2024, 3, 25, 16));
     moving->title = "Standup (moved)";
     moving->startDate = *moving->startDate + 3600;
     moving->endDate = *moving->endDate + 3600;
