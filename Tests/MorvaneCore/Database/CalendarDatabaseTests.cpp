@@ -374,9 +374,7 @@ TEST_F(CalendarDatabaseTest, CalendarsAndStoresFallBackAndFilterByStoreType) {
     const auto all = database.events(std::nullopt);
     ASSERT_EQ(all.size(), 7u);
     EXPECT_EQ(all[0].calendar.displayName(), "Calendar (On My Mac)");
-    EXPECT_EQ(all[1].calendar.storeType, 3);
     EXPECT_EQ(all[2].calendar, (BackupCalendar{bare, std::nullopt, "?", std::nullopt, "?", -1, std::nullopt}));
-    EXPECT_EQ(all[3].calendar.storeType, 5);
 
     // Local, Exchange and CalDAV stores hold what can be restored; 3 is no known type.
     EXPECT_EQ(testing::mapped(database.loadEvents(), [](const auto& event) { return event.calendar.rowID; }),

@@ -125,38 +125,27 @@ TEST_F(CurrentEventsTest, FloatingEventsMatchOnTheWallClockWhereverTheBackupWasM
 
 // ---- Conversion ----
 
+// The rule's fields round-trip in the rule's own tests.
 TEST_F(CurrentEventsTest, ConversionOfAnEventAndItsRule) {
     auto event = EKEvent::eventWithEventStore(*store);
     event->title = std::nullopt;
     event->startDate = utc(2024, 6, 6, 16);
     event->endDate = utc(2024, 6, 6, 17);
-    event->timeZone = "Europe/Berlin";
-    event->URL = "https://example.com/a";
     event->alarms = {EKAlarm::alarmWithAbsoluteDate(utc(2024, 6, 6, 15)), EKAlarm::alarmWithRelativeOffset(-900.5),
                      EKAlarm{utc(2024, 6, 6, 14), -60}};
-    EKRecurrenceRule rule;
-    rule.frequency = EKRecurrenceFrequency::monthly;
-    rule.interval = 0;
-    rule.daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1), EKRecurrenceDayOfWeek::dayOfWeek(2, 1)};
-    rule.setPositions = std::vector{3, -1};
-    rule.recurrenceEnd = EKRecurrenceEnd{utc(2025, 1, 1), 0};
-    event->recurrenceRules = {rule};
-
     const auto snapshot = EventKitSource::snapshot(*event);
     EXPECT_EQ(snapshot.title, "");
     EXPECT_EQ(snapshot.calendarName, "?");
     EXPECT_FALSE(snapshot.calendarUUID);
     EXPECT_EQ(snapshot.alarms, (std::vector{AlarmSpec::relative(-900), AlarmSpec::absolute(Date{utc(2024, 6, 6, 14)}),
                                             AlarmSpec::absolute(Date{utc(2024, 6, 6, 15)})}));
-    ASSERT_TRUE(snapshot.recurrence);
-    EXPECT_EQ(snapshot.recurrence->description(),
-              "FREQ=MONTHLY;BYDAY=-1FR,1MO;BYSETPOS=-1,3;UNTIL=" + std::string("2025-01-01T00:00:00Z"));
 
-    rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
+    // What the platform's rule can hold but this one can't reads as the nearest it can.
+    EKRecurrenceRule rule;
     rule.frequency = static_cast<EKRecurrenceFrequency>(9);
-    const auto byCount = RecurrenceRule::fromEK(rule);
-    EXPECT_EQ(byCount.frequency, RecurrenceRule::Frequency::daily);
-    EXPECT_EQ(byCount.end, RecurrenceRule::End::count(4));
+    rule.interval = 0;
+    rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
+    EXPECT_EQ(RecurrenceRule::fromEK(rule).description(), "FREQ=DAILY;COUNT=4");
 }
 
 TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {

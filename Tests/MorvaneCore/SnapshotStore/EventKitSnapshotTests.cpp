@@ -333,9 +333,6 @@ TEST_F(EventKitSnapshotTest, StoreDropsUnlistedCalendarsAndKeepsOccurrencesPerSe
 
     EXPECT_EQ(testing::mapped(store.loadEvents(), &BackupEvent::rowID), (std::vector<std::int64_t>{1, 2, 3}));
     EXPECT_EQ(store.allEvents().size(), 3u);
-    EXPECT_FALSE(store.allEvents()[2].hasAttachment);
-    EXPECT_EQ(store.allEvents()[2].externalIdentifier(), "SERIES");
-    EXPECT_TRUE(store.exceptionDates(2).empty());
 
     const DateInterval window{snapshot.windowStart, snapshot.windowEnd};
     const KeptOccurrences series{window, {keyAt(utc(2024, 6, 3, 16)), keyAt(utc(2024, 6, 10, 16))}};
