@@ -3,7 +3,6 @@
 #include "MorvaneCore/Shared/Errors.h"
 #include "MorvanePlatform/Files.h"
 #include "Support/CalendarDatabaseBuilder.h"
-#include "Support/ErrorText.h"
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
 
