@@ -41,12 +41,6 @@ TEST(AlarmSpecDescription, ChoosesTheUnitOnWholeMinutes) {
     EXPECT_EQ(AlarmSpec::relative(INT64_MIN).description(), "153722867280912930m before");
 }
 
-TEST(AlarmSpecDescription, AbsoluteAlarmsAreShownInTheCurrentZone) {
-    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-01 14:30");
-    ScopedTimeZone tokyo("Asia/Tokyo");
-    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-02 07:30");
-}
-
 // --- Formatting ------------------------------------------------------------------------------
 
 TEST(EventSnapshotFormat, UsesUTCForFloatingAndTheCurrentZoneOtherwise) {
