@@ -223,13 +223,6 @@ TEST_F(BackupCatalogTest, PrepareFailsPlainlyWhenTheBackupDiskCantBeTold) {
                   BackupCatalog::prepare({Kind::timeMachine(path), std::nullopt});
               }),
               "Can't tell which Time Machine disk " + path + " is on. Is the backup disk connected?");
-
-    // A local snapshot that can't be mounted passes the mount's error on.
-    EXPECT_EQ(testing::errorText<RestoreError>([] {
-                  BackupCatalog::prepare({Kind::localSnapshot("com.apple.TimeMachine.x.local"), std::nullopt});
-              }),
-              "Couldn't mount snapshot com.apple.TimeMachine.x.local: Couldn't launch /sbin/mount_apfs: No such file "
-              "or directory");
 }
 
 TEST_F(BackupCatalogTest, LiveCalendarResolverReadsAStagedCopyAndLeavesNothingStaged) {

@@ -52,28 +52,7 @@ TEST_F(SnapshotMountTest, BorrowsASnapshotTheSystemHasMountedAndNeverUnmountsIt)
         fs::path("/Volumes/.timemachine/4C3A2B1D-9E8F-4A7B-B6C5-D4E3F2A1B0C9/2024-02-26-093012.backup"));
 }
 
-TEST_F(SnapshotMountTest, MountsInAPrivateFolderAndUnmountsOnce) {
-    tools->answer("/sbin/mount", {0, "/dev/disk3s5 on /System/Volumes/Data (apfs, local)\n"});
-    tools->answerPrefix("/sbin/mount_apfs ", {0, "ignored output"});
-    tools->answerPrefix("/sbin/umount ", {0, ""});
-
-    auto mount = SnapshotMount::create(localSnapshot, dataVolume);
-    const auto folder = mount->mountPoint();
-    EXPECT_TRUE(mount->mounted());
-    EXPECT_EQ(folder.parent_path(), user.temporary());
-    EXPECT_TRUE(fs::is_directory(folder));
-    EXPECT_EQ(tools->commandLines().back(), std::string("/sbin/mount_apfs -o rdonly,nobrowse -s ") + localSnapshot +
-                                                " " + dataVolume + " " + folder.string());
-
-    mount->unmount();
-    mount->unmount();
-    SnapshotMount::unmountAll();
-    EXPECT_FALSE(mount->mounted());
-    EXPECT_FALSE(fs::exists(folder));
-    mount.reset();
-    EXPECT_EQ(tools->count("/sbin/umount " + folder.string()), 1u);
-}
-
+// The command that mounts and the folder it mounts in, the catalogue's tests check.
 TEST_F(SnapshotMountTest, UnmountAllSweepsUpWhatTheProcessStillHolds) {
     SnapshotMount::unmountAll();
     EXPECT_TRUE(tools->commandLines().empty());

@@ -330,14 +330,16 @@ TEST_F(CalendarDatabaseTest, EventsMapEveryColumnWithItsFallbacks) {
     EXPECT_TRUE(first.hasAttachment);
     EXPECT_EQ(first.calendar,
               (BackupCalendar{calendar, "CAL-1", "Work", "/calendars/work/", "iCloud", 2, "#FF0000FF"}));
-    EXPECT_EQ(first.snapshot.title, "Review");
-    EXPECT_EQ(first.snapshot.start, Date{730944000.5});
-    EXPECT_EQ(first.snapshot.end, Date{730947600.0});
-    EXPECT_TRUE(first.snapshot.isAllDay); // any non-zero value
-    EXPECT_EQ(first.snapshot.timeZone, "Europe/Berlin");
-    EXPECT_EQ(first.snapshot.location, "Work\nMain Street 1");
-    EXPECT_EQ(first.snapshot.notes, "Notes");
-    EXPECT_EQ(first.snapshot.url, "https://example.com");
+    EXPECT_EQ(first.snapshot, (EventSnapshot{.title = "Review",
+                                             .start = Date{730944000.5},
+                                             .end = Date{730947600.0},
+                                             .isAllDay = true, // any non-zero value
+                                             .timeZone = "Europe/Berlin",
+                                             .location = "Work\nMain Street 1",
+                                             .notes = "Notes",
+                                             .url = "https://example.com",
+                                             .calendarUUID = "CAL-1",
+                                             .calendarName = "Work (iCloud)"}));
 
     const auto& empty = events[1];
     EXPECT_EQ(empty.rowID, bare);
@@ -372,9 +374,7 @@ TEST_F(CalendarDatabaseTest, CalendarsAndStoresFallBackAndFilterByStoreType) {
     const auto all = database.events(std::nullopt);
     ASSERT_EQ(all.size(), 7u);
     EXPECT_EQ(all[0].calendar.displayName(), "Calendar (On My Mac)");
-    EXPECT_EQ(all[1].calendar.storeType, 3);
     EXPECT_EQ(all[2].calendar, (BackupCalendar{bare, std::nullopt, "?", std::nullopt, "?", -1, std::nullopt}));
-    EXPECT_EQ(all[3].calendar.storeType, 5);
 
     // Local, Exchange and CalDAV stores hold what can be restored; 3 is no known type.
     EXPECT_EQ(testing::mapped(database.loadEvents(), [](const auto& event) { return event.calendar.rowID; }),
@@ -485,13 +485,12 @@ TEST(LocationText, JoinsTitleAndAddressWithoutRepeatingTheTitle) {
 }
 
 TEST(BackupCalendar, DisplayNameSpellsOutTheSystemsPlaceholders) {
-    BackupCalendar calendar{.title = "DEFAULT_CALENDAR_NAME", .storeName = "iCloud", .storeType = 2};
-    EXPECT_EQ(calendar.displayName(), "Calendar (iCloud)");
-    calendar.title = "DEFAULT_TASK_CALENDAR_NAME";
-    EXPECT_EQ(calendar.displayName(), "Reminders (iCloud)");
+    EXPECT_EQ(
+        (BackupCalendar{.title = "DEFAULT_TASK_CALENDAR_NAME", .storeName = "iCloud", .storeType = 2}).displayName(),
+        "Reminders (iCloud)");
     // "Default" is spelt out only for a local store.
-    calendar = {.title = "Work", .storeName = "Default", .storeType = 1};
-    EXPECT_EQ(calendar.displayName(), "Work (Default)");
+    EXPECT_EQ((BackupCalendar{.title = "Work", .storeName = "Default", .storeType = 1}).displayName(),
+              "Work (Default)");
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "Support/Pinned.h"
 
 #include <algorithm>
+#include <functional>
 #include <gtest/gtest.h>
 
 namespace morvane {
@@ -38,12 +39,6 @@ TEST(AlarmSpecDescription, ChoosesTheUnitOnWholeMinutes) {
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AlarmSpec::relative(seconds).description(), text) << seconds;
     EXPECT_EQ(AlarmSpec::relative(INT64_MIN).description(), "153722867280912930m before");
-}
-
-TEST(AlarmSpecDescription, AbsoluteAlarmsAreShownInTheCurrentZone) {
-    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-01 14:30");
-    ScopedTimeZone tokyo("Asia/Tokyo");
-    EXPECT_EQ(AlarmSpec::absolute(utc("2024-03-01T22:30:00Z")).description(), "at 2024-03-02 07:30");
 }
 
 // --- Formatting ------------------------------------------------------------------------------
@@ -119,50 +114,91 @@ TEST(EventSnapshotChanges, ReportsEveryFieldInItsFixedOrder) {
     EXPECT_EQ(before.changes(after, {false, false, false}).size(), 6u);
 }
 
-TEST(EventSnapshotChanges, AlarmListsAreJoinedAsTheyStand) {
-    // The order of the producer counts.
-    auto twoBefore = meeting();
-    twoBefore.alarms = {AlarmSpec::relative(-900), AlarmSpec::relative(0)};
-    auto twoAfter = meeting();
-    twoAfter.alarms = {AlarmSpec::relative(0), AlarmSpec::relative(-900)};
-    EXPECT_EQ(twoBefore.changes(twoAfter), (Changes{{"alarms", "15m before, at start", "at start, 15m before"}}));
-}
-
-TEST(EventSnapshotChanges, DatesNeedASecondAndADifferentText) {
-    const auto before = meeting();
-    auto after = meeting();
-    after.start = Date{before.start.seconds + 0.9};
-    EXPECT_TRUE(before.changes(after).empty());
-    after.start = Date{before.start.seconds + 30}; // 09:00:30, the same minute
-    EXPECT_TRUE(before.changes(after).empty());
-
-    auto late = meeting();
-    late.start = Date{late.start.seconds + 45};  // 09:00:45
-    after.start = Date{late.start.seconds + 30}; // 09:01:15, across the minute
-    EXPECT_EQ(late.changes(after), (Changes{{"start", "2024-03-01 09:00", "2024-03-01 09:01"}}));
-}
-
-TEST(EventSnapshotChanges, AllDayEventsCompareByDisplayedDay) {
-    auto before = meeting();
-    before.isAllDay = true;
-    before.timeZone.reset();
-    before.start = utc("2024-03-01T00:00:00Z");
-    before.end = utc("2024-03-01T23:59:59Z");
-    auto after = before;
-    after.end = utc("2024-03-01T20:00:00Z");
-    EXPECT_TRUE(before.changes(after).empty());
-    after.end = utc("2024-03-02T00:00:00Z");
-    EXPECT_EQ(before.changes(after), (Changes{{"end", "2024-03-01 (all day)", "2024-03-02 (all day)"}}));
-}
-
-TEST(EventSnapshotChanges, MakingAnEventAllDayReportsTheFlagAndMovedDates) {
-    const auto before = meeting();
-    auto after = meeting();
-    after.isAllDay = true;
-    EXPECT_EQ(before.changes(after), (Changes{{"all-day", "no", "yes"}}));
-    after.end = Date{after.end.seconds + 1};
-    EXPECT_EQ(before.changes(after),
-              (Changes{{"all-day", "no", "yes"}, {"end", "2024-03-01 10:00", "2024-03-01 (all day)"}}));
+// Each case edits a copy of the meeting on either side.
+TEST(EventSnapshotChanges, ComparesAsTheUserSeesIt) {
+    using Edit = std::function<void(EventSnapshot&)>;
+    const auto none = [](EventSnapshot&) {};
+    const auto allDay = [](EventSnapshot& event) {
+        event.isAllDay = true;
+        event.timeZone.reset();
+        event.start = utc("2024-03-01T00:00:00Z");
+        event.end = utc("2024-03-01T23:59:59Z");
+    };
+    const auto rule = [](const char* rrule) {
+        return [rrule](EventSnapshot& event) { event.recurrence = RecurrenceRule::fromRRule(rrule); };
+    };
+    const auto calendar = [](std::optional<std::string> uuid, std::string name) {
+        return [=](EventSnapshot& event) {
+            event.calendarUUID = uuid;
+            event.calendarName = name;
+        };
+    };
+    const struct {
+        const char* name;
+        Edit before;
+        Edit after;
+        Changes expected;
+        CompareOptions options = {};
+    } cases[] = {
+        // The order of the producer counts.
+        {"alarms reordered",
+         [](EventSnapshot& event) {
+             event.alarms = {AlarmSpec::relative(-900), AlarmSpec::relative(0)};
+         },
+         [](EventSnapshot& event) {
+             event.alarms = {AlarmSpec::relative(0), AlarmSpec::relative(-900)};
+         },
+         {{"alarms", "15m before, at start", "at start, 15m before"}}},
+        {"under a second", none, [](EventSnapshot& event) { event.start.seconds += 0.9; }, {}},
+        {"09:00:30, the same minute", none, [](EventSnapshot& event) { event.start.seconds += 30; }, {}},
+        {"09:00:45 against 09:01:15",
+         [](EventSnapshot& event) { event.start.seconds += 45; },
+         [](EventSnapshot& event) { event.start.seconds += 75; },
+         {{"start", "2024-03-01 09:00", "2024-03-01 09:01"}}},
+        // All-day events compare by the day shown.
+        {"all-day, same day",
+         allDay,
+         [&](EventSnapshot& event) {
+             allDay(event);
+             event.end = utc("2024-03-01T20:00:00Z");
+         },
+         {}},
+        {"all-day, next day",
+         allDay,
+         [&](EventSnapshot& event) {
+             allDay(event);
+             event.end = utc("2024-03-02T00:00:00Z");
+         },
+         {{"end", "2024-03-01 (all day)", "2024-03-02 (all day)"}}},
+        {"made all-day", none, [](EventSnapshot& event) { event.isAllDay = true; }, {{"all-day", "no", "yes"}}},
+        {"made all-day, end moved",
+         none,
+         [](EventSnapshot& event) {
+             event.isAllDay = true;
+             event.end.seconds += 1;
+         },
+         {{"all-day", "no", "yes"}, {"end", "2024-03-01 10:00", "2024-03-01 (all day)"}}},
+        // Calendars count as moved only under another name, which isn't trimmed.
+        {"one calendar identifier absent", none, calendar(std::nullopt, "Work"), {}},
+        {"calendar renamed", none, calendar("CAL-1", "Work (old)"), {}},
+        {"another calendar", none, calendar("CAL-9", " Work"), {{"calendar", "Work", " Work"}}},
+        {"both identifiers absent", calendar(std::nullopt, "Work"), calendar(std::nullopt, " Work"), {}},
+        {"calendar not compared", none, calendar("CAL-9", " Work"), {}, {.calendar = false}},
+        // Rules compare by their descriptions.
+        {"same rule written apart", rule("FREQ=WEEKLY;WKST=MO"), rule("FREQ=WEEKLY;INTERVAL=1"), {}},
+        {"another rule",
+         rule("FREQ=WEEKLY"),
+         rule("FREQ=WEEKLY;COUNT=2"),
+         {{"recurrence", "FREQ=WEEKLY", "FREQ=WEEKLY;COUNT=2"}}},
+        {"rule not compared", rule("FREQ=WEEKLY"), rule("FREQ=WEEKLY;COUNT=2"), {}, {.recurrence = false}},
+    };
+    for (const auto& test : cases) {
+        auto before = meeting();
+        auto after = meeting();
+        test.before(before);
+        test.after(after);
+        EXPECT_EQ(before.changes(after, test.options), test.expected) << test.name;
+    }
 }
 
 TEST(EventSnapshotChanges, EachSideIsFormattedWithItsOwnZoneFlag) {
@@ -184,35 +220,6 @@ TEST(EventSnapshotChanges, EachSideIsFormattedWithItsOwnZoneFlag) {
     EXPECT_EQ(meeting().changes(nearlySame), (Changes{{"start", "2024-03-01 09:00", "2024-03-01 17:00"}}));
     ScopedTimeZone utcMachine("UTC");
     EXPECT_TRUE(meeting().changes(nearlySame).empty());
-}
-
-TEST(EventSnapshotChanges, CalendarsCountAsMovedOnlyUnderAnotherName) {
-    auto before = meeting();
-    auto after = meeting();
-    after.calendarUUID.reset();
-    EXPECT_TRUE(before.changes(after).empty()); // one identifier absent, same name
-    after.calendarUUID = "CAL-1";
-    after.calendarName = "Work (old)";
-    EXPECT_TRUE(before.changes(after).empty()); // same identifier, renamed
-    after.calendarUUID = "CAL-9";
-    after.calendarName = " Work";
-    EXPECT_EQ(before.changes(after), (Changes{{"calendar", "Work", " Work"}})); // names aren't trimmed
-    before.calendarUUID.reset();
-    after.calendarUUID.reset();
-    EXPECT_TRUE(before.changes(after).empty()); // both absent
-    EXPECT_TRUE(meeting().changes(after, {.recurrence = true, .calendar = false, .alarms = true}).empty());
-}
-
-TEST(EventSnapshotChanges, RecurrenceComparesDescriptions) {
-    auto before = meeting();
-    auto after = meeting();
-    EXPECT_TRUE(before.changes(after).empty()); // "none" against "none"
-    before.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;WKST=MO");
-    after.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;INTERVAL=1");
-    EXPECT_TRUE(before.changes(after).empty());
-    after.recurrence = RecurrenceRule::fromRRule("FREQ=WEEKLY;COUNT=2");
-    EXPECT_EQ(before.changes(after), (Changes{{"recurrence", "FREQ=WEEKLY", "FREQ=WEEKLY;COUNT=2"}}));
-    EXPECT_TRUE(before.changes(after, {.recurrence = false, .calendar = true, .alarms = true}).empty());
 }
 
 // --- JSON ------------------------------------------------------------------------------------
@@ -258,43 +265,68 @@ TEST(EventSnapshotJson, RoundTrips) {
     }
 }
 
-std::optional<json::DecodingError> decodingFailure(const std::string& text) {
-    return testing::caught<json::DecodingError>(
-        [&] { EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970); });
-}
-
-TEST(EventSnapshotJson, RequiresSixKeys) {
+// Refusals of the snapshot and the rule and alarms within it, each with its case and where it lies.
+TEST(EventSnapshotJson, RefusesMissingKeysAndBadValuesSayingWhere) {
+    using Case = json::DecodingError::Case;
+    const auto failure = [](const std::string& text) {
+        return testing::caught<json::DecodingError>(
+            [&] { EventSnapshot::fromJson(json::parse(text), json::DateEncoding::secondsSince1970); });
+    };
     const std::string full = R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[]})";
-    EXPECT_FALSE(decodingFailure(full));
+    const auto with = [&](const std::string& key, const std::string& value) {
+        return full.substr(0, full.size() - 1) + ",\"" + key + "\":" + value + "}";
+    };
+    EXPECT_FALSE(failure(full));
     for (const char* key : {"title", "start", "end", "isAllDay", "calendarName", "alarms"}) {
         auto value = json::parse(full);
         value.erase(key);
-        const auto error = decodingFailure(json::dumpKeepingOrder(value, false));
+        const auto error = failure(json::dumpKeepingOrder(value, false));
         ASSERT_TRUE(error) << key;
-        EXPECT_EQ(error->which(), json::DecodingError::Case::keyNotFound) << key;
+        EXPECT_EQ(error->which(), Case::keyNotFound) << key;
         EXPECT_NE(error->description().find(key), std::string::npos) << error->description();
     }
-    const auto wrongType = decodingFailure(
-        R"({"title":"t","start":"2024-03-01T00:00:00Z","end":1,"isAllDay":false,"calendarName":"c","alarms":[]})");
-    ASSERT_TRUE(wrongType);
-    EXPECT_EQ(wrongType->which(), json::DecodingError::Case::typeMismatch);
-    EXPECT_EQ(wrongType->codingPath(), "start");
-}
 
-TEST(EventSnapshotJson, AnAlarmNeedsExactlyOneCase) {
-    for (const char* alarm : {R"({})", R"({"relative":{"_0":1},"absolute":{"_0":2}})", R"({"other":{"_0":1}})"}) {
-        const auto error = decodingFailure(
-            std::string(R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[)") + alarm +
-            "]}");
-        ASSERT_TRUE(error) << alarm;
-        EXPECT_EQ(error->which(), json::DecodingError::Case::typeMismatch) << alarm;
-        EXPECT_EQ(error->description(), "Invalid number of keys found, expected one.");
-        EXPECT_EQ(error->codingPath(), "alarms[0]");
+    const std::string lists =
+        R"("interval":1,"daysOfWeek":[],"daysOfMonth":[],"monthsOfYear":[],"weeksOfYear":[],"daysOfYear":[])";
+    const struct {
+        std::string text;
+        Case which;
+        const char* path;
+    } cases[] = {
+        {R"({"title":"t","start":"2024-03-01T00:00:00Z","end":1,"isAllDay":false,"calendarName":"c","alarms":[]})",
+         Case::typeMismatch, "start"},
+        // An alarm and a rule's end are each exactly one case.
+        {with("alarms", R"([{}])"), Case::typeMismatch, "alarms[0]"},
+        {with("alarms", R"([{"relative":{"_0":1},"absolute":{"_0":2}}])"), Case::typeMismatch, "alarms[0]"},
+        {with("alarms", R"([{"other":{"_0":1}}])"), Case::typeMismatch, "alarms[0]"},
+        {with("alarms", R"([{"relative":{}}])"), Case::keyNotFound, nullptr},
+        {with("recurrence", R"({"frequency":1,)" + lists + "}"), Case::keyNotFound, nullptr},
+        {with("recurrence", R"({"frequency":5,)" + lists + R"(,"setPositions":[]})"), Case::dataCorrupted, nullptr},
+        {with("recurrence",
+              R"({"frequency":1,)" + lists + R"(,"setPositions":[],"end":{"count":{"_0":1},"until":{"_0":0}}})"),
+         Case::typeMismatch, "recurrence.end"},
+        {with("recurrence", R"({"frequency":1,"interval":1,"daysOfWeek":[{"weekday":2}],"daysOfMonth":[],)"
+                            R"("monthsOfYear":[],"weeksOfYear":[],"daysOfYear":[],"setPositions":[]})"),
+         Case::keyNotFound, "recurrence.daysOfWeek[0]"},
+    };
+    for (const auto& [text, which, path] : cases) {
+        const auto error = failure(text);
+        ASSERT_TRUE(error) << text;
+        EXPECT_EQ(error->which(), which) << text;
+        if (path) {
+            EXPECT_EQ(error->codingPath(), path) << text;
+        }
+        if (which == Case::typeMismatch && path != std::string_view("start")) {
+            EXPECT_EQ(error->description(), "Invalid number of keys found, expected one.") << text;
+        }
     }
-    const auto noPayload = decodingFailure(
-        R"({"title":"t","start":0,"end":1,"isAllDay":false,"calendarName":"c","alarms":[{"relative":{}}]})");
-    ASSERT_TRUE(noPayload);
-    EXPECT_EQ(noPayload->which(), json::DecodingError::Case::keyNotFound);
+    // Absent and null optional keys read alike.
+    EXPECT_EQ(EventSnapshot::fromJson(
+                  json::parse(with("recurrence",
+                                   R"({"frequency":3,)" + lists + R"(,"setPositions":[],"end":null,"unparsed":null})")),
+                  json::DateEncoding::secondsSince1970)
+                  .recurrence,
+              RecurrenceRule(RecurrenceRule::Frequency::monthly, 1));
     EXPECT_EQ(AlarmSpec::fromJson(json::parse(R"({"relative":{"_0":-600.0}})"), json::DateEncoding::iso8601),
               AlarmSpec::relative(-600));
 }

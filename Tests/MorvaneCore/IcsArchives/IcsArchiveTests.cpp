@@ -79,8 +79,6 @@ TEST_F(IcsArchiveTest, FoldersAreCalendarsInNameOrderAndHiddenOnesTakeNoRow) {
                                                       .externalID = "work",
                                                       .storeName = "iCloud",
                                                       .storeType = 2}));
-    EXPECT_EQ(archive.defaults().size(), 1u);
-    EXPECT_EQ(archive.defaults().count(3), 1u);
 
     // Files in bytewise name order; rows count over the whole archive.
     EXPECT_EQ(testing::mapped(archive.events(),

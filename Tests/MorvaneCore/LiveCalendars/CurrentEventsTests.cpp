@@ -125,68 +125,27 @@ TEST_F(CurrentEventsTest, FloatingEventsMatchOnTheWallClockWhereverTheBackupWasM
 
 // ---- Conversion ----
 
+// The rule's fields round-trip in the rule's own tests.
 TEST_F(CurrentEventsTest, ConversionOfAnEventAndItsRule) {
     auto event = EKEvent::eventWithEventStore(*store);
     event->title = std::nullopt;
     event->startDate = utc(2024, 6, 6, 16);
     event->endDate = utc(2024, 6, 6, 17);
-    event->timeZone = "Europe/Berlin";
-    event->URL = "https://example.com/a";
     event->alarms = {EKAlarm::alarmWithAbsoluteDate(utc(2024, 6, 6, 15)), EKAlarm::alarmWithRelativeOffset(-900.5),
                      EKAlarm{utc(2024, 6, 6, 14), -60}};
-    EKRecurrenceRule rule;
-    rule.frequency = EKRecurrenceFrequency::monthly;
-    rule.interval = 0;
-    rule.daysOfTheWeek = std::vector{EKRecurrenceDayOfWeek::dayOfWeek(6, -1), EKRecurrenceDayOfWeek::dayOfWeek(2, 1)};
-    rule.setPositions = std::vector{3, -1};
-    rule.recurrenceEnd = EKRecurrenceEnd{utc(2025, 1, 1), 0};
-    event->recurrenceRules = {rule};
-
     const auto snapshot = EventKitSource::snapshot(*event);
     EXPECT_EQ(snapshot.title, "");
     EXPECT_EQ(snapshot.calendarName, "?");
     EXPECT_FALSE(snapshot.calendarUUID);
     EXPECT_EQ(snapshot.alarms, (std::vector{AlarmSpec::relative(-900), AlarmSpec::absolute(Date{utc(2024, 6, 6, 14)}),
                                             AlarmSpec::absolute(Date{utc(2024, 6, 6, 15)})}));
-    ASSERT_TRUE(snapshot.recurrence);
-    EXPECT_EQ(snapshot.recurrence->description(),
-              "FREQ=MONTHLY;BYDAY=-1FR,1MO;BYSETPOS=-1,3;UNTIL=" + std::string("2025-01-01T00:00:00Z"));
 
-    rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
+    // What the platform's rule can hold but this one can't reads as the nearest it can.
+    EKRecurrenceRule rule;
     rule.frequency = static_cast<EKRecurrenceFrequency>(9);
-    const auto byCount = RecurrenceRule::fromEK(rule);
-    EXPECT_EQ(byCount.frequency, RecurrenceRule::Frequency::daily);
-    EXPECT_EQ(byCount.end, RecurrenceRule::End::count(4));
-}
-
-// ---- Occurrences ----
-
-TEST_F(CurrentEventsTest, OccurrencesKeepOnlyTheAskedSeriesWithTheirDetachedContent) {
-    const auto daily = testing::repeating(EKRecurrenceFrequency::daily, 4);
-    // 10:00 floating, before and after the clock change.
-    const auto wanted = save("Yoga", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), std::nullopt, daily);
-    save("Other", utc(2024, 3, 8, 18), utc(2024, 3, 8, 19), testing::pinnedZone, daily);
-
-    auto third =
-        store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 10, 12), utc(2024, 3, 11), std::nullopt));
-    std::erase_if(third, [](const auto& event) { return event->title != "Yoga"; });
-    ASSERT_EQ(third.size(), 1u);
-    third[0]->title = "Yoga outside";
-    store->saveEvent(*third[0], EKSpan::thisEvent, true);
-
-    const auto uid = *wanted->calendarItemExternalIdentifier();
-    const auto result = source.occurrences({uid}, {Date{utc(2023, 1, 1)}, Date{utc(2025, 6, 1)}});
-    ASSERT_EQ(result.dates.size(), 1u);
-    // Floating keys are 10:00 read as UTC on every day, on both sides of the change.
-    EXPECT_EQ(result.dates.at(uid), (std::vector<std::int64_t>{Date{utc(2024, 3, 8, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 9, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 10, 10)}.occurrenceKey(),
-                                                               Date{utc(2024, 3, 11, 10)}.occurrenceKey()}));
-    ASSERT_EQ(result.detached.at(uid).size(), 1u);
-    EXPECT_EQ(result.detached.at(uid).at(Date{utc(2024, 3, 10, 10)}.occurrenceKey()).title, "Yoga outside");
-
-    const auto empty = source.occurrences({uid}, {Date{utc(2024, 5, 1)}, Date{utc(2024, 5, 1)}});
-    EXPECT_TRUE(empty.dates.empty());
+    rule.interval = 0;
+    rule.recurrenceEnd = EKRecurrenceEnd::recurrenceEndWithOccurrenceCount(4);
+    EXPECT_EQ(RecurrenceRule::fromEK(rule).description(), "FREQ=DAILY;COUNT=4");
 }
 
 TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
@@ -201,22 +160,14 @@ TEST_F(CurrentEventsTest, FetchingYearByYearGivesWhatCrossesTheSeamsOnce) {
                        testing::repeating(EKRecurrenceFrequency::daily, 3));
 
     std::map<std::string, int> visits;
-    // By year: what a later year gives starts after all that an earlier one gave.
-    std::vector<std::vector<double>> years(1);
+    int yearsEnded = 0;
     fetchYearByYear(
         *store, {Date{utc(2024, 1, 1, 8)}, Date{utc(2027, 1, 1, 8)}},
         [&](std::shared_ptr<EKEvent> event) {
             ++visits[*event->title + " " + std::to_string(static_cast<std::int64_t>(*event->startDate))];
-            years.back().push_back(*event->startDate);
         },
-        [&] { years.emplace_back(); });
-    ASSERT_EQ(years.size(), 4u);
-    for (size_t year = 1; year + 1 < years.size(); ++year) {
-        if (!years[year].empty() && !years[year - 1].empty()) {
-            EXPECT_LT(*std::max_element(years[year - 1].begin(), years[year - 1].end()),
-                      *std::min_element(years[year].begin(), years[year].end()));
-        }
-    }
+        [&] { ++yearsEnded; });
+    EXPECT_EQ(yearsEnded, 3);
     const auto at = [](const char* title, double start) {
         return std::string(title) + " " + std::to_string(static_cast<std::int64_t>(start));
     };
@@ -285,15 +236,8 @@ TEST_F(CurrentEventsTest, AStagedCopyOfTheLiveFileReadsLikeTheStoresOwnFetch) {
     series->recurrenceRules = {weekly};
     store->saveEvent(*series, EKSpan::futureEvents, true);
 
-    const auto inMarch = [&] {
-        auto events =
-            store->eventsMatchingPredicate(store->predicateForEvents(utc(2024, 3, 1), utc(2024, 4, 1), std::nullopt));
-        std::sort(events.begin(), events.end(),
-                  [](const auto& a, const auto& b) { return *a->startDate < *b->startDate; });
-        return events;
-    };
-    store->removeEvent(*inMarch()[1], EKSpan::thisEvent, false);
-    auto moved = inMarch()[2];
+    store->removeEvent(*testing::occurrenceAt(*store, *series, utc(2024, 3, 14, 2)), EKSpan::thisEvent, false);
+    auto moved = testing::occurrenceAt(*store, *series, utc(2024, 3, 28, 2));
     const auto movedKey = *liveOccurrenceKey(*moved);
     moved->startDate = *moved->startDate + 2 * 86400;
     moved->endDate = *moved->endDate + 2 * 86400;

@@ -13,23 +13,24 @@ namespace {
 using testing::ScopedLocale;
 using testing::ScopedTimeZone;
 
-TEST(OccurrenceKey, RoundsToNearestWithHalvesAwayFromZero) {
-    EXPECT_EQ(Date{0.5}.occurrenceKey(), 1);
-    EXPECT_EQ(Date{-0.5}.occurrenceKey(), -1);
-    EXPECT_EQ(Date{1.4999}.occurrenceKey(), 1);
-    EXPECT_EQ(Date{-1.5}.occurrenceKey(), -2);
-    EXPECT_EQ(Date{730944000.4}.occurrenceKey(), 730944000);
-    EXPECT_EQ(Date{-978307200.5}.occurrenceKey(), -978307201);
-}
-
-TEST(OccurrenceKey, SaturatesInsteadOfOverflowing) {
+TEST(OccurrenceKey, RoundsHalvesAwayFromZeroAndSaturatesInsteadOfOverflowing) {
     constexpr auto max = std::numeric_limits<std::int64_t>::max();
     constexpr auto min = std::numeric_limits<std::int64_t>::min();
-    EXPECT_EQ(Date{1e300}.occurrenceKey(), max);
-    EXPECT_EQ(Date{-1e300}.occurrenceKey(), min);
-    EXPECT_EQ(Date{std::numeric_limits<double>::infinity()}.occurrenceKey(), max);
-    EXPECT_EQ(Date{std::nan("")}.occurrenceKey(), 0);
-    EXPECT_EQ(Date{-9223372036854775808.0}.occurrenceKey(), min);
+    const std::pair<double, std::int64_t> cases[] = {
+        {0.5, 1},
+        {-0.5, -1},
+        {1.4999, 1},
+        {-1.5, -2},
+        {730944000.4, 730944000},
+        {-978307200.5, -978307201},
+        {1e300, max},
+        {-1e300, min},
+        {std::numeric_limits<double>::infinity(), max},
+        {std::nan(""), 0},
+        {-9223372036854775808.0, min},
+    };
+    for (const auto& [seconds, key] : cases)
+        EXPECT_EQ(Date{seconds}.occurrenceKey(), key) << seconds;
 }
 
 TEST(SeriesKey, CutsBeforeTheFirstOccurrenceMarker) {

@@ -18,12 +18,6 @@ TEST(Paths, LastComponentAndItsRemovalIgnoreTrailingSlashes) {
     EXPECT_EQ(paths::deletingLastComponent("a//b"), "a");
 }
 
-TEST(Paths, ComponentsKeepTheRootAndDropEmptyParts) {
-    EXPECT_EQ(paths::components("/a/.timemachine//b/"), (std::vector<std::string>{"/", "a", ".timemachine", "b"}));
-    EXPECT_EQ(paths::components("a/b"), (std::vector<std::string>{"a", "b"}));
-    EXPECT_TRUE(paths::components("").empty());
-}
-
 TEST(Paths, TildeStandsForTheHomeFolderOnlyAsAWholeComponent) {
     testing::Installed<testing::FakeUserFolders> folders("/Users/jane/", "/tmp", "jane");
 

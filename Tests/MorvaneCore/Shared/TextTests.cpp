@@ -69,16 +69,5 @@ TEST(Text, ComparesByCanonicalEquivalence) {
     EXPECT_TRUE(text::canonicallyEqual("\xff\u00E9", "\xff\u00E9"));
 }
 
-TEST(Text, SplitsIntoPieces) {
-    using Views = std::vector<std::string_view>;
-    EXPECT_EQ(text::nonEmptyPieces(";a;;b;", ';'), (Views{"a", "b"}));
-    EXPECT_EQ(text::splittingOnce("a=b=c", '='), (Views{"a", "b=c"}));
-    EXPECT_EQ(text::splittingOnce("a=", '='), (Views{"a"}));
-    EXPECT_EQ(text::splittingOnce("=b=c", '='), (Views{"b=c"}));
-    EXPECT_EQ(text::splittingOnce("abc", '='), (Views{"abc"}));
-    EXPECT_TRUE(text::splittingOnce("=", '=').empty());
-    EXPECT_TRUE(text::splittingOnce("", '=').empty());
-}
-
 } // namespace
 } // namespace morvane

@@ -103,20 +103,6 @@ TEST_F(CalendarArchiveTest, ImportingAListedStampOrUnchangedContentStoresNothing
         (std::vector<std::string>{"2024-03-04-101500", "2024-03-03-101500", "2024-03-01-101500", "2024-02-01-101500"}));
 }
 
-TEST_F(CalendarArchiveTest, OfEqualDatesTheFirstListedIsTheNeighbour) {
-    const auto content = database("a", 1);
-    const auto staged = BackupLocator::stageCopy(content);
-    const auto fingerprint = CalendarDatabase(staged.file()).contentFingerprint();
-    const auto date = at("2024-03-01-101500");
-    fs::create_directories(archive.directory());
-    CalendarArchive::writeIndex({Entry{"x-first", date, fingerprint, 1, 10, std::nullopt},
-                                 Entry{"x-second", date, "other", 1, 10, std::nullopt}},
-                                archive.directory() / "index.json");
-    const auto result = import(archive, content, at("2024-03-02-101500"));
-    EXPECT_EQ(result.which, Case::unchanged);
-    EXPECT_EQ(result.entry.stamp, "x-first");
-}
-
 TEST_F(CalendarArchiveTest, ADamagedIndexReadsAsEmptyAndIsReplaced) {
     fs::create_directories(archive.directory());
     for (const char* stored : {"not json", "{}", "[{\"stamp\": \"x\"}]",
