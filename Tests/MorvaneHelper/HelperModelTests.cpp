@@ -9,8 +9,8 @@
 #include "MorvanePlatform/UserDefaults.h"
 #include "Support/Fakes.h"
 #include "Support/FolderBackups.h"
-#include "Support/QueuedMainThread.h"
 
+#include <condition_variable>
 #include <deque>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -38,6 +38,47 @@ public:
     }
     void closeAllWindows() override { ++windowsClosed; }
     void exit(int status) override { exitStatus = status; }
+};
+
+// A main thread without a window's event loop: the test's thread, which runs the work handed over
+// from background threads when the test pumps.
+class QueuedMainThread final : public MainThread {
+public:
+    bool run(const std::function<void()>& work, std::stop_token stop) override {
+        if (std::this_thread::get_id() == owner_) {
+            work();
+            return true;
+        }
+        const auto handedOver = std::make_shared<HandedOverWork>(work);
+        {
+            std::lock_guard guard(lock_);
+            queue_.push_back(handedOver);
+        }
+        changed_.notify_all();
+        return handedOver->wait(stop);
+    }
+
+    // Runs handed-over work, in order, until `done` holds or `timeout` has passed.
+    bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!done()) {
+            std::shared_ptr<HandedOverWork> next;
+            {
+                std::unique_lock guard(lock_);
+                if (!changed_.wait_until(guard, deadline, [this] { return !queue_.empty(); })) return done();
+                next = std::move(queue_.front());
+                queue_.pop_front();
+            }
+            next->run();
+        }
+        return true;
+    }
+
+private:
+    const std::thread::id owner_ = std::this_thread::get_id();
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::deque<std::shared_ptr<HandedOverWork>> queue_; // guarded by lock_
 };
 
 // A trash that refuses everything, as one on another volume would.
@@ -69,7 +110,7 @@ protected:
 
     testing::TemporaryUser user;
     testing::Installed<testing::RecordingToolLauncher> tools;
-    testing::Installed<testing::QueuedMainThread> mainThread;
+    testing::Installed<QueuedMainThread> mainThread;
     testing::Installed<testing::RecordingSystemLog> log;
     std::shared_ptr<HelperModel> model = HelperModel::make(TimeMachineImports::forAppStoreEdition());
     std::vector<Phase> phases;

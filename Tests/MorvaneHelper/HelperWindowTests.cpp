@@ -30,6 +30,7 @@ namespace {
 namespace fs = std::filesystem;
 using Phase = HelperModel::Phase;
 using State = HelperViewModel::State;
+using Buttons = std::vector<std::pair<std::string, bool>>;
 
 void quietOffscreenPlatform(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     // The offscreen platform can't resize a window to its size hints, and says so each time.
@@ -62,8 +63,8 @@ protected:
         return shown;
     }
     static std::string title(const QPushButton* button) { return button->text().replace("&&", "&").toStdString(); }
-    std::vector<std::pair<std::string, bool>> buttons() const {
-        std::vector<std::pair<std::string, bool>> shown;
+    Buttons buttons() const {
+        Buttons shown;
         for (const auto* button : view->findChildren<QPushButton*>()) {
             if (button->isVisibleTo(view.get())) shown.emplace_back(title(button), button->isEnabled());
         }
@@ -131,8 +132,7 @@ TEST_F(HelperWindowTest, MainStates) {
     render(State{});
     screenshot("no-permissions");
     EXPECT_TRUE(shows("Install Morvane from the Mac App Store and open it, then come back here."));
-    EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{{"Open Privacy & Security…", true},
-                                                                    {"Remove Helper…", true}}));
+    EXPECT_EQ(buttons(), (Buttons{{"Open Privacy & Security…", true}, {"Remove Helper…", true}}));
     EXPECT_EQ(checkedSteps(), 0);
 
     const State permitted{.hasFullDiskAccess = true, .appStoreEditionOpened = true};
@@ -141,7 +141,7 @@ TEST_F(HelperWindowTest, MainStates) {
     render(state);
     screenshot("scanning");
     EXPECT_TRUE(shows("Looking for Time Machine backups…"));
-    EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{{"Remove Helper…", false}}));
+    EXPECT_EQ(buttons(), (Buttons{{"Remove Helper…", false}}));
     EXPECT_EQ(checkedSteps(), 2);
 
     state.phase = Phase::importing(1, 5, "Mar 2, 2024, 10:15\u202FAM");
@@ -161,13 +161,12 @@ TEST_F(HelperWindowTest, MainStates) {
     render(state);
     screenshot("finished-with-failures");
     EXPECT_TRUE(shows("Done. Added 2 restore points."));
-    EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{
-                             {"Import Backups", true}, {"Open Morvane", true}, {"Remove Helper…", true}}));
+    EXPECT_EQ(buttons(), (Buttons{{"Import Backups", true}, {"Open Morvane", true}, {"Remove Helper…", true}}));
     EXPECT_EQ(checkedSteps(), 3);
 
     render(permitted);
     screenshot("nothing-found");
-    EXPECT_EQ(buttons(), (std::vector<std::pair<std::string, bool>>{{"Remove Helper…", true}}));
+    EXPECT_EQ(buttons(), (Buttons{{"Remove Helper…", true}}));
     EXPECT_EQ(checkedSteps(), 2);
 
     state = permitted;

@@ -39,9 +39,7 @@ TEST_F(DesktopServicesTest, TrashedItemsKeepWhereTheyCameFromAndNeverOverwriteEa
     EXPECT_TRUE(fs::is_directory(trash / "files/My Files/sub"));
     EXPECT_THROW(Trash::system().trashItem(user.home() / "missing"), PlatformError);
     EXPECT_FALSE(fs::exists(trash / "info/missing.trashinfo"));
-}
 
-TEST_F(DesktopServicesTest, TheTrashFollowsXdgDataHome) {
     const auto dataHome = user.home() / "data";
     testing::ScopedVariable variable("XDG_DATA_HOME", dataHome.c_str());
     files::write(user.home() / "a", "a");
@@ -68,13 +66,9 @@ TEST_F(DesktopServicesTest, DefaultsLiveInTheBundlesPreferencesFile) {
     defaults.removePersistentDomain("com.example.tool");
     EXPECT_FALSE(fs::exists(file));
     EXPECT_FALSE(defaults.boolForKey("iCloudBackup"));
-}
 
-TEST_F(DesktopServicesTest, ADamagedPreferencesFileReadsAsEmptyAndIsReplacedOnWrite) {
-    const auto file = UserDefaults::fileOf("com.example.tool");
-    files::createDirectories(file.parent_path());
+    // A damaged file reads as empty and is replaced on the next write.
     files::write(file, "<plist><dict><key>x</key>");
-    auto& defaults = UserDefaults::system();
     EXPECT_FALSE(defaults.boolForKey("x"));
     defaults.setBool("y", false);
     EXPECT_EQ(defaults.boolForKey("y"), false);

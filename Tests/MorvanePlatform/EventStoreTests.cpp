@@ -161,19 +161,6 @@ TEST_F(EventStoreTest, AZonedSeriesKeepsItsOwnZonesWallClockAcrossTheClockChange
     }
 }
 
-TEST_F(EventStoreTest, AllDayEventsCoverTheirLocalDay) {
-    auto holiday = newEvent("Holiday", utc(2024, 7, 4, 7), utc(2024, 7, 5, 7), std::nullopt);
-    holiday->allDay = true;
-    store.saveEvent(*holiday, EKSpan::thisEvent, true);
-
-    const auto thatDay = fetch(utc(2024, 7, 4, 12), utc(2024, 7, 4, 13));
-    ASSERT_EQ(thatDay.size(), 1u);
-    EXPECT_TRUE(thatDay.front()->isAllDay());
-    EXPECT_EQ(wallClock(*thatDay.front()->startDate), "2024-07-04 00:00");
-    EXPECT_TRUE(fetch(utc(2024, 7, 5, 8), utc(2024, 7, 5, 9)).empty());
-    EXPECT_TRUE(fetch(utc(2024, 7, 3), utc(2024, 7, 4, 6)).empty());
-}
-
 // A fetch reads only the stored end dates that the longest item can reach: an item longer than any
 // before it, saved after the store had fetched, must still be found.
 TEST_F(EventStoreTest, AShortSpanFindsAnEventLongerThanAnySeenBefore) {

@@ -91,22 +91,26 @@ class FailingFileSystem final : public FileSystem {
 public:
     explicit FailingFileSystem(int failingCall) : failingCall_(failingCall) {}
 
-    void write(const std::filesystem::path& path, std::string_view bytes) override;
-    void writeAtomically(const std::filesystem::path& path, std::string_view bytes) override;
-    void createDirectories(const std::filesystem::path& path) override;
-    void setPermissions(const std::filesystem::path& path, unsigned mode) override;
-    void copyFile(const std::filesystem::path& from, const std::filesystem::path& to) override;
-    void moveItem(const std::filesystem::path& from, const std::filesystem::path& to) override;
-    void removeItem(const std::filesystem::path& path) override;
-    void createPrivateFolder(const std::filesystem::path& path) override;
-    void writePrivately(const std::filesystem::path& path, std::string_view bytes) override;
-    void copyPrivately(const std::filesystem::path& source, const std::filesystem::path& destination) override;
+    using Path = std::filesystem::path;
+    void write(const Path& path, std::string_view bytes) override { count(path).write(path, bytes); }
+    void writeAtomically(const Path& path, std::string_view bytes) override {
+        count(path).writeAtomically(path, bytes);
+    }
+    void createDirectories(const Path& path) override { count(path).createDirectories(path); }
+    void setPermissions(const Path& path, unsigned mode) override { count(path).setPermissions(path, mode); }
+    void copyFile(const Path& from, const Path& to) override { count(to).copyFile(from, to); }
+    void moveItem(const Path& from, const Path& to) override { count(to).moveItem(from, to); }
+    void removeItem(const Path& path) override { count(path).removeItem(path); }
+    void createPrivateFolder(const Path& path) override { count(path).createPrivateFolder(path); }
+    void writePrivately(const Path& path, std::string_view bytes) override { count(path).writePrivately(path, bytes); }
+    void copyPrivately(const Path& from, const Path& to) override { count(to).copyPrivately(from, to); }
 
     // Whether the failing call was reached.
     bool failed() const { return calls_ >= failingCall_; }
 
 private:
-    void count(const std::filesystem::path& path);
+    // The real file system, unless this call is the one to fail.
+    FileSystem& count(const Path& path);
 
     const int failingCall_;
     int calls_ = 0;
@@ -115,8 +119,14 @@ private:
 // Lines written to the system log.
 class RecordingSystemLog final : public SystemLog {
 public:
-    void write(const std::string& line) override;
-    std::vector<std::string> lines() const;
+    void write(const std::string& line) override {
+        std::lock_guard guard(lock_);
+        lines_.push_back(line);
+    }
+    std::vector<std::string> lines() const {
+        std::lock_guard guard(lock_);
+        return lines_;
+    }
 
 private:
     mutable std::mutex lock_;
@@ -126,15 +136,25 @@ private:
 // Records what was handed to the desktop and opens nothing.
 class RecordingWorkspace final : public Workspace {
 public:
-    bool openURL(const std::string& url) override;
-    bool openApplication(const std::string& bundleID) override;
-    void revealInFileManager(const std::filesystem::path& file) override;
+    bool openURL(const std::string& url) override { return record(urls_, url); }
+    bool openApplication(const std::string& bundleID) override { return record(applications_, bundleID); }
+    void revealInFileManager(const std::filesystem::path& file) override { record(revealed_, file); }
 
-    std::vector<std::string> openedURLs() const;
-    std::vector<std::string> openedApplications() const;
-    std::vector<std::filesystem::path> revealed() const;
+    std::vector<std::string> openedURLs() const { return copy(urls_); }
+    std::vector<std::string> openedApplications() const { return copy(applications_); }
+    std::vector<std::filesystem::path> revealed() const { return copy(revealed_); }
 
 private:
+    template <typename Item> bool record(std::vector<Item>& list, const Item& item) {
+        std::lock_guard guard(lock_);
+        list.push_back(item);
+        return true;
+    }
+    template <typename Item> std::vector<Item> copy(const std::vector<Item>& list) const {
+        std::lock_guard guard(lock_);
+        return list;
+    }
+
     mutable std::mutex lock_;
     std::vector<std::string> urls_;
     std::vector<std::string> applications_;

@@ -1,5 +1,7 @@
 #include "RunCommandLine.h"
 #include "morvane/CommandLine.h"
+#include "morvane/Documentation.h"
+#include "morvane/TerminalOutput.h"
 
 #include "MorvaneCore/Backups/BackupLocator.h"
 #include "MorvaneCore/Database/SQLiteDB.h"
@@ -10,20 +12,27 @@
 #include "Support/EventStoreSnapshots.h"
 #include "Support/Fakes.h"
 #include "Support/SavedEvents.h"
+#include "Support/TemporaryDirectory.h"
 
+#include <chrono>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace morvane {
 namespace {
 
+using cli::ColorChoice;
 using testing::HasSubstr;
 using testing::holds;
 using ::testing::Not;
 using testing::runCommandLine;
+namespace fs = std::filesystem;
 
 class CommandLineTest : public ::testing::Test {
 protected:
@@ -251,6 +260,109 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndSuggestTheNearestName) {
     const auto help = runCommandLine({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.out, HasSubstr("backups"));
+}
+
+// The real program, interrupted as a user or the system would interrupt it.
+class InterruptionTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        shared = new testing::TemporaryDirectory;
+        database = shared->path() / "Calendar.sqlitedb";
+        testing::generateCalendarFile(database, 3000, 7);
+    }
+    static void TearDownTestSuite() {
+        delete shared;
+        shared = nullptr;
+    }
+
+    static inline testing::TemporaryDirectory* shared = nullptr;
+    static inline fs::path database;
+    testing::TemporaryDirectory folder;
+    const fs::path home = folder.makeFolder("home");
+    const fs::path temporary = folder.makeFolder("tmp");
+};
+
+TEST_F(InterruptionTest, ASignalDuringInspectRemovesTheStagedCopyAndEndsWithItsStatus) {
+    testing::Deadline deadline(std::chrono::seconds(120), "interrupting morvane");
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        const pid_t child = testing::startProgram({"inspect", database.string(), "--events"}, home, temporary);
+        ASSERT_GT(child, 0);
+        // As soon as the user's calendars lie in a staged copy.
+        int status = 0;
+        bool ended = false;
+        while (fs::is_empty(temporary) && !ended) {
+            ended = ::waitpid(child, &status, WNOHANG) == child;
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        ASSERT_FALSE(ended) << "inspect ended before it could be interrupted";
+        ASSERT_EQ(::kill(child, signal), 0);
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status)) << "signal " << signal << " killed it without cleaning up";
+        EXPECT_EQ(WEXITSTATUS(status), 128 + signal);
+        EXPECT_TRUE(fs::is_empty(temporary)) << fs::directory_iterator(temporary)->path();
+    }
+}
+
+TEST(TerminalOutputTest, ColourFollowsTheChoiceThenNoColorThenTheTerminal) {
+    struct Case {
+        ColorChoice choice;
+        bool terminal;
+        const char* noColor;
+        const char* term;
+        bool colored;
+    };
+    const std::vector<Case> cases = {
+        {ColorChoice::always, false, "1", "dumb", true}, // asked for: the environment doesn't count
+        {ColorChoice::never, true, nullptr, "xterm", false},
+        {ColorChoice::automatic, true, nullptr, "xterm", true},
+        {ColorChoice::automatic, true, nullptr, nullptr, true},
+        {ColorChoice::automatic, false, nullptr, "xterm", false},
+        {ColorChoice::automatic, true, "1", "xterm", false},
+        {ColorChoice::automatic, true, "", "xterm", true}, // NO_COLOR set but empty doesn't count
+        {ColorChoice::automatic, true, nullptr, "dumb", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(cli::wantsColor(c.choice, c.terminal, c.noColor, c.term), c.colored)
+            << static_cast<int>(c.choice) << ' ' << c.terminal << ' ' << (c.noColor ? c.noColor : "unset") << ' '
+            << (c.term ? c.term : "unset");
+}
+
+TEST(TerminalOutputTest, ColorIsAnOptionOfTheProgramBeforeOrAfterTheCommand) {
+    testing::TemporaryUser user;
+    const std::vector<std::pair<std::vector<const char*>, std::string>> cases = {
+        {{"--color", "always", "inspect", "/nonexistent/Calendar.sqlitedb"}, "\033[1;31mmorvane:\033[0m "},
+        {{"inspect", "/nonexistent/Calendar.sqlitedb", "--color=always"}, "\033[1;31mmorvane:\033[0m "},
+        {{"inspect", "/nonexistent/Calendar.sqlitedb", "--color", "never"}, "morvane: "},
+        // Text caught in a string isn't a terminal.
+        {{"inspect", "/nonexistent/Calendar.sqlitedb"}, "morvane: "},
+    };
+    for (const auto& [arguments, prefix] : cases) {
+        const auto result = runCommandLine(arguments);
+        EXPECT_EQ(result.status, cli::exitFailure) << result.err;
+        EXPECT_TRUE(result.err.starts_with(prefix)) << result.err;
+    }
+    const auto wrong = runCommandLine({"--color", "sometimes", "calendars"});
+    EXPECT_EQ(wrong.status, cli::exitUsage);
+    EXPECT_THAT(wrong.err, testing::HasSubstr("sometimes"));
+}
+
+TEST(DocumentationTest, SynopsesShowPositionalsThenRequiredThenOptionalOptions) {
+    const auto all = cli::documentation::commands();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", "morvane COMMAND [--color WHEN]"},
+        {"plan", "morvane plan BACKUP ID... [--into CALENDAR] [--json]"},
+        {"restore", "morvane restore BACKUP [ID...] [--occurrence ITEM_ID] [--into CALENDAR] [--yes] [--json]"},
+        {"timeline", "morvane timeline BACKUP --from DATE --to DATE [--json] [--html FILE]"},
+        {"copies enable", "morvane copies enable --folder FOLDER"},
+        // Options only for the completions stay out of sight.
+        {"backups", "morvane backups [--json] [--no-time-machine] [--summaries]"},
+    };
+    for (const auto& [path, expected] : cases) {
+        const auto found =
+            std::find_if(all.begin(), all.end(), [&](const auto& command) { return command.path == path; });
+        ASSERT_NE(found, all.end()) << path;
+        EXPECT_EQ(cli::documentation::synopsis(*found), expected);
+    }
 }
 
 } // namespace

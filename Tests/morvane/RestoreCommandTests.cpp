@@ -134,5 +134,47 @@ TEST_F(RestoreCommandTest, IntoNamesACalendarByLabelAndALockedCalendarFailsTheEv
         "message": null, "differences": []}])"));
 }
 
+TEST_F(RestoreCommandTest, TheTimelineShowsALostOccurrenceThatRestoreBringsBack) {
+    const auto walk = testing::saveEvent(store, "Walk", utc(2024, 6, 3, 15), utc(2024, 6, 3, 16), testing::pinnedZone,
+                                         testing::repeating(EKRecurrenceFrequency::daily, 3));
+    const auto backup = restorePoint();
+    store.removeEvent(*testing::occurrenceAt(store, *walk, utc(2024, 6, 4, 15)), EKSpan::thisEvent, true);
+
+    const auto page = user.home() / "week.html";
+    const auto before = runCommandLine(
+        {"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--html", page.c_str()});
+    ASSERT_EQ(before.status, 0) << before.err;
+    EXPECT_THAT(before.out, HasSubstr("2 unchanged, 1 deleted, 0 changed (0 moved), 0 added\nThe page is in " +
+                                      page.string() + ".\n"));
+    EXPECT_EQ(std::filesystem::status(page).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_THAT(files::read(page), HasSubstr("data-state=\"deleted\""));
+    const auto items = json::parse(
+        runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06", "--json"}).out);
+    std::string lost;
+    for (const auto& item : items) {
+        if (item["state"] == "deleted") {
+            lost = item["id"];
+            EXPECT_TRUE(item["restoreID"].is_null());
+        }
+    }
+    ASSERT_FALSE(lost.empty()) << items;
+
+    const auto restored = runCommandLine({"restore", backup.c_str(), "--occurrence", lost.c_str(), "--yes"});
+    EXPECT_EQ(restored.status, 0) << restored.out << restored.err;
+    const auto after = runCommandLine({"timeline", backup.c_str(), "--from", "2024-06-03", "--to", "2024-06-06"});
+    EXPECT_THAT(after.out, HasSubstr("3 unchanged, 0 deleted"));
+    EXPECT_EQ(runCommandLine({"restore", backup.c_str(), "--occurrence", "nobody", "--yes"}).status, 1);
+}
+
+TEST_F(RestoreCommandTest, TheTimelineRefusesARangeBackwardsOrOverTenYears) {
+    for (const auto& [from, to] : std::vector<std::pair<const char*, const char*>>{
+             {"2024-06-05", "2024-06-03"}, {"2014-01-01", "2024-01-02"}, {"soon", "2024-01-02"}}) {
+        SCOPED_TRACE(from);
+        EXPECT_EQ(runCommandLine({"timeline", "x", "--from", from, "--to", to}).status, 2);
+    }
+    EXPECT_EQ(runCommandLine({"restore", "x", "1", "--occurrence", "a|1", "--yes"}).status, 2);
+}
+
 } // namespace
 } // namespace morvane

@@ -2,6 +2,8 @@
 
 #include "morvane/CommandLine.h"
 
+#include "Support/Pinned.h"
+
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -58,26 +60,19 @@ inline pid_t startProgram(const std::vector<std::string>& arguments, const std::
                           const std::filesystem::path& temporary, const std::filesystem::path& out = "/dev/null") {
     std::vector<std::string> words = {MORVANE_PROGRAM};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<std::string> environment = {"HOME=" + home.string(), "TMPDIR=" + temporary.string()};
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string_view text(*variable);
-        if (!text.starts_with("HOME=") && !text.starts_with("TMPDIR=")) environment.emplace_back(text);
-    }
     std::vector<char*> argv;
     for (auto& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& variable : environment)
-        envp.push_back(variable.data());
-    envp.push_back(nullptr);
-
+    // The child takes the environment as it is when it starts.
+    const ScopedVariable homeVariable("HOME", home.c_str());
+    const ScopedVariable temporaryVariable("TMPDIR", temporary.c_str());
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = -1;
-    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+    const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     return failed == 0 ? pid : -1;
 }

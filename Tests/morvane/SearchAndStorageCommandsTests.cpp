@@ -76,13 +76,8 @@ TEST_F(SearchAndStorageCommandsTest, StorageMeasuresAndUninstallRemovesOnlyWhatI
 
     const auto measured = testing::runCommandLine({"storage", "--json"});
     ASSERT_EQ(measured.status, 0) << measured.err;
-    const auto sizes = nlohmann::json::parse(measured.out);
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : sizes.items())
-        keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"cacheBytes", "iCloudBytes", "localBytes", "snapshotBytes", "snapshots",
-                                              "timeMachineImportBytes", "timeMachineImports"}));
-    EXPECT_EQ(sizes["snapshots"], 1); // what each number counts, the uninstaller's tests check
+    // What each number counts, the uninstaller's tests check.
+    EXPECT_EQ(nlohmann::json::parse(measured.out)["snapshots"], 1);
     const auto text = testing::runCommandLine({"storage"});
     EXPECT_THAT(text.out, HasSubstr("Restore points: 1 restore point, "));
 
