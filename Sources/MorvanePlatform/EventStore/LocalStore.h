@@ -315,18 +315,20 @@ void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, size_t ma
     const auto& moved = *plan.moved;
     ZoneOffsets* zone = nullptr;
 
+    const auto each = [&](double wallClock) {
+        if (!zone) zone = &zones.of(master.zone);
+        const double stored = master.zone ? zone->moment(wallClock) : wallClock;
+        const auto key = localStore::keyOf(stored);
+        if (deleted.count(key) > 0 || moved.count(key) > 0) return true;
+        const double start = zones.moment(master.zone, stored);
+        const double end = master.zone ? stored + duration : zones.current.moment(wallClock + duration);
+        if (overlaps(start, end, spanStart, spanEnd)) visit(stored, start, end);
+        return true;
+    };
+    // Passed by reference: a fetch expands every series, and a std::function holding the closure
+    // itself would allocate for each.
     recurrence::expand(rule, plan.startWallClock.value_or(master.start), untilWallClock,
-                       spanStart - duration - storedDatePadding, spanEnd + storedDatePadding, [&](double wallClock) {
-                           if (!zone) zone = &zones.of(master.zone);
-                           const double stored = master.zone ? zone->moment(wallClock) : wallClock;
-                           const auto key = localStore::keyOf(stored);
-                           if (deleted.count(key) > 0 || moved.count(key) > 0) return true;
-                           const double start = zones.moment(master.zone, stored);
-                           const double end =
-                               master.zone ? stored + duration : zones.current.moment(wallClock + duration);
-                           if (overlaps(start, end, spanStart, spanEnd)) visit(stored, start, end);
-                           return true;
-                       });
+                       spanStart - duration - storedDatePadding, spanEnd + storedDatePadding, std::cref(each));
 }
 
 } // namespace morvane

@@ -173,7 +173,7 @@ bool expandPlainly(const EKRecurrenceRule& rule, double startWallClock, std::opt
     const bool byDay = hasItems(rule.daysOfTheWeek);
     if (byDay && rule.frequency != EKRecurrenceFrequency::weekly) return false;
     std::vector<std::int64_t> weekdayOffsets; // days after Monday
-    for (const auto& day : rule.daysOfTheWeek.value_or(std::vector<EKRecurrenceDayOfWeek>{})) {
+    for (const auto& day : byDay ? *rule.daysOfTheWeek : std::vector<EKRecurrenceDayOfWeek>{}) {
         if (day.weekNumber != 0 || day.dayOfTheWeek < 1 || day.dayOfTheWeek > 7) return false;
         weekdayOffsets.push_back((day.dayOfTheWeek + 5) % 7);
     }
