@@ -83,8 +83,8 @@ struct BackupEvent {
 // Every occurrence moment a store knows of, per series, within the span where it is complete.
 struct OccurrenceSet {
     DateInterval window;
-    // By series key (a series' external identifier): occurrence keys.
-    std::map<std::string, std::set<std::int64_t>> dates;
+    // By series key (a series' external identifier): occurrence keys, ascending, each once.
+    std::map<std::string, std::vector<std::int64_t>> dates;
 
     friend bool operator==(const OccurrenceSet&, const OccurrenceSet&) = default;
 };

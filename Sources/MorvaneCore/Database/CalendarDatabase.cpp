@@ -356,7 +356,7 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         std::string series;
         std::optional<double> originalDate;
         bool floating = false;
-        std::set<std::int64_t>* keys = nullptr;
+        std::vector<std::int64_t>* keys = nullptr;
     };
     std::unordered_map<std::int64_t, CachedItem> items;
     db_.query(cachedItemsStatement, [&](const SQLiteDB::Row& row) {
@@ -392,10 +392,13 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
             moment.seconds += zone.secondsFromGMT(moment);
         }
         if (!item.keys) item.keys = &result.dates[item.series];
-        // The rows come by date more often than not: the end is then the place, found without
-        // walking the tree (a million walks were most of reading a large cache).
-        item.keys->insert(item.keys->end(), moment.occurrenceKey());
+        item.keys->push_back(moment.occurrenceKey());
     });
+    // The rows come by date more often than not, so that most lists need no sorting.
+    for (auto& [series, keys] : result.dates) {
+        if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
+        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    }
     return result;
 }
 

@@ -189,10 +189,8 @@ DatabaseSource::DatabaseSource(EventKitSnapshot eventKit, std::optional<EventKit
 
 DatabaseSource::DatabaseSource(std::vector<BackupEvent> events, OccurrenceSet occurrences)
     : occurrenceWindow_(occurrences.window) {
-    for (auto& [uid, keys] : occurrences.dates) {
-        occurrenceDates_.emplace(uid, std::vector<std::int64_t>(keys.begin(), keys.end()));
-        keys.clear();
-    }
+    for (auto& [uid, keys] : occurrences.dates)
+        occurrenceDates_.emplace(uid, std::move(keys));
     for (auto& event : events) {
         if (event.uuid) uuids_.insert(*event.uuid);
         const std::string uid(seriesKey(event.uniqueIdentifier));

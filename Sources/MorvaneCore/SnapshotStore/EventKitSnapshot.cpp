@@ -461,8 +461,11 @@ std::vector<Date> EventKitStore::exceptionDates(std::int64_t) { return {}; }
 
 OccurrenceSet EventKitStore::occurrences() {
     OccurrenceSet set{{snapshot_.windowStart, snapshot_.windowEnd}, {}};
-    for (const auto& [uid, keys] : snapshot_.occurrences)
-        set.dates.emplace(uid, std::set<std::int64_t>(keys.begin(), keys.end()));
+    for (const auto& [uid, keys] : snapshot_.occurrences) {
+        auto& sorted = set.dates.emplace(uid, keys).first->second;
+        std::sort(sorted.begin(), sorted.end());
+        sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
+    }
     return set;
 }
 

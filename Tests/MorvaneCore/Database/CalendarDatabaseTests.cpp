@@ -140,10 +140,10 @@ TEST_F(CalendarDatabaseTest, OccurrencesAreKeyedWhereTheSeriesHadThem) {
     auto database = open();
     const auto set = database.occurrences();
     EXPECT_EQ(set.dates,
-              (std::map<std::string, std::set<std::int64_t>>{{"weekly", {2, 999, 2, 604800}}, {"orphan", {77}}}));
+              (std::map<std::string, std::vector<std::int64_t>>{{"weekly", {2, 999, 604800}}, {"orphan", {77}}}));
     // A part of the cache is chosen by where occurrences begin now, the moved one by its new date.
     EXPECT_EQ(database.occurrencesWithin({Date{77}, Date{700000}}).dates,
-              (std::map<std::string, std::set<std::int64_t>>{{"weekly", {999, 604800}}, {"orphan", {77}}}));
+              (std::map<std::string, std::vector<std::int64_t>>{{"weekly", {999, 604800}}, {"orphan", {77}}}));
     EXPECT_EQ(database.occurrencesWithin({Date{600000}, Date{610000}}).window, set.window);
     EXPECT_TRUE(database.occurrencesWithin({Date{600000}, Date{610000}}).dates.empty());
 }
@@ -169,11 +169,11 @@ TEST_F(CalendarDatabaseTest, FloatingOccurrencesAreShiftedByTheCacheZone) {
         }
         auto database = open();
         const auto set = database.occurrences();
-        const auto expectedFloating = std::set<std::int64_t>{static_cast<std::int64_t>(january) + januaryShift,
-                                                             static_cast<std::int64_t>(july) + 1 + julyShift};
+        const auto expectedFloating = std::vector<std::int64_t>{static_cast<std::int64_t>(january) + januaryShift,
+                                                                static_cast<std::int64_t>(july) + 1 + julyShift};
         EXPECT_EQ(set.dates.at("f"), expectedFloating) << zone;
         EXPECT_EQ(set.dates.at("n"), expectedFloating) << zone;
-        EXPECT_EQ(set.dates.at("z"), (std::set<std::int64_t>{726000000, 741500001})) << zone;
+        EXPECT_EQ(set.dates.at("z"), (std::vector<std::int64_t>{726000000, 741500001})) << zone;
     }
 }
 
