@@ -375,14 +375,24 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
     if (starts) {
         statement += " AND occurrence_date >= ? AND occurrence_date <= ?";
         bounds = {starts->start.seconds, starts->end.seconds};
+    } else {
+        // Item by item, as the system's index on (event_id, occurrence_date) holds them: each
+        // item is looked up once, not once per row, and its keys come in order.
+        statement += " ORDER BY event_id, occurrence_date";
     }
+    std::int64_t lastEvent = 0;
+    CachedItem* last = nullptr;
     db_.query(statement, bounds, [&](const SQLiteDB::Row& row) {
         const auto event = row.integer(0);
         const auto cached = row.real(1);
         if (!event || !cached) return;
-        const auto found = items.find(*event);
-        if (found == items.end()) return;
-        auto& item = found->second;
+        if (!last || *event != lastEvent) {
+            const auto found = items.find(*event);
+            lastEvent = *event;
+            last = found == items.end() ? nullptr : &found->second;
+        }
+        if (!last) return;
+        auto& item = *last;
         Date moment{*cached};
         if (item.originalDate) {
             moment = Date{*item.originalDate};
@@ -394,7 +404,7 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         if (!item.keys) item.keys = &result.dates[item.series];
         item.keys->push_back(moment.occurrenceKey());
     });
-    // The rows come by date more often than not, so that most lists need no sorting.
+    // A series of one item needs no sorting; one with moved occurrences does.
     for (auto& [series, keys] : result.dates) {
         if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
         keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
