@@ -325,10 +325,13 @@ void EKEventStore::LocalStore::expandSeries(const SeriesIndex& series, size_t ma
         if (overlaps(start, end, spanStart, spanEnd)) visit(stored, start, end);
         return true;
     };
-    // Passed by reference: a fetch expands every series, and a std::function holding the closure
-    // itself would allocate for each.
+    // A wall clock is less than a day from its moment in any zone (14 hours at most, and an hour
+    // of daylight saving), so a day either side of the span finds every occurrence that meets
+    // it. The visitor is passed by reference: a fetch expands every series, and a std::function
+    // holding the closure itself would allocate for each.
+    constexpr double wallClockMargin = localStore::secondsPerDay;
     recurrence::expand(rule, plan.startWallClock.value_or(master.start), untilWallClock,
-                       spanStart - duration - storedDatePadding, spanEnd + storedDatePadding, std::cref(each));
+                       spanStart - duration - wallClockMargin, spanEnd + wallClockMargin, std::cref(each));
 }
 
 } // namespace morvane
