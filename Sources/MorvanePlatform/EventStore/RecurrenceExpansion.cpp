@@ -173,9 +173,11 @@ bool expandPlainly(const EKRecurrenceRule& rule, double startWallClock, std::opt
     const bool byDay = hasItems(rule.daysOfTheWeek);
     if (byDay && rule.frequency != EKRecurrenceFrequency::weekly) return false;
     std::vector<std::int64_t> weekdayOffsets; // days after Monday
-    for (const auto& day : byDay ? *rule.daysOfTheWeek : std::vector<EKRecurrenceDayOfWeek>{}) {
-        if (day.weekNumber != 0 || day.dayOfTheWeek < 1 || day.dayOfTheWeek > 7) return false;
-        weekdayOffsets.push_back((day.dayOfTheWeek + 5) % 7);
+    if (byDay) {
+        for (const auto& day : *rule.daysOfTheWeek) {
+            if (day.weekNumber != 0 || day.dayOfTheWeek < 1 || day.dayOfTheWeek > 7) return false;
+            weekdayOffsets.push_back((day.dayOfTheWeek + 5) % 7);
+        }
     }
     std::sort(weekdayOffsets.begin(), weekdayOffsets.end());
     weekdayOffsets.erase(std::unique(weekdayOffsets.begin(), weekdayOffsets.end()), weekdayOffsets.end());
