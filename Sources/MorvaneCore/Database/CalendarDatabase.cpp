@@ -380,15 +380,15 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         // item is looked up once, not once per row, and its keys come in order.
         statement += " ORDER BY event_id, occurrence_date";
     }
-    std::int64_t lastEvent = 0;
+    std::optional<std::int64_t> lastEvent;
     CachedItem* last = nullptr;
     db_.query(statement, bounds, [&](const SQLiteDB::Row& row) {
         const auto event = row.integer(0);
         const auto cached = row.real(1);
         if (!event || !cached) return;
-        if (!last || *event != lastEvent) {
+        if (event != lastEvent) {
             const auto found = items.find(*event);
-            lastEvent = *event;
+            lastEvent = event;
             last = found == items.end() ? nullptr : &found->second;
         }
         if (!last) return;
@@ -404,11 +404,8 @@ OccurrenceSet CalendarDatabase::readOccurrences(std::optional<DateInterval> star
         if (!item.keys) item.keys = &result.dates[item.series];
         item.keys->push_back(moment.occurrenceKey());
     });
-    // A series of one item needs no sorting; one with moved occurrences does.
-    for (auto& [series, keys] : result.dates) {
-        if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
-        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    }
+    for (auto& [series, keys] : result.dates)
+        sortOccurrenceKeys(keys);
     return result;
 }
 

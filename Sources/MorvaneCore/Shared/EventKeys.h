@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace morvane {
 
@@ -18,6 +20,13 @@ inline std::string_view seriesKey(std::string_view identifier) {
 // The identifier of the detached occurrence of a series at an occurrence key.
 inline std::string occurrenceIdentifier(std::string_view seriesKey, std::int64_t occurrenceKey) {
     return std::string(seriesKey) + std::string(occurrenceMarker) + std::to_string(occurrenceKey);
+}
+
+// Puts a series' occurrence keys in the form comparisons walk in step: ascending, each once. Keys
+// read in order, as most are, are only checked.
+inline void sortOccurrenceKeys(std::vector<std::int64_t>& keys) {
+    if (!std::is_sorted(keys.begin(), keys.end())) std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
 }
 
 } // namespace morvane

@@ -234,10 +234,8 @@ EventKitSnapshot captureWhole(EKEventStore& store, Date now) {
     std::sort(snapshot.calendars.begin(), snapshot.calendars.end(),
               [](const auto& a, const auto& b) { return a.rowID < b.rowID; });
     for (auto& [uid, series] : scan.series) {
-        auto& keys = series.keys;
-        std::sort(keys.begin(), keys.end());
-        keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-        snapshot.occurrences.emplace(uid, std::move(keys));
+        sortOccurrenceKeys(series.keys);
+        snapshot.occurrences.emplace(uid, std::move(series.keys));
     }
     return snapshot;
 }
@@ -461,11 +459,9 @@ std::vector<Date> EventKitStore::exceptionDates(std::int64_t) { return {}; }
 
 OccurrenceSet EventKitStore::occurrences() {
     OccurrenceSet set{{snapshot_.windowStart, snapshot_.windowEnd}, {}};
-    for (const auto& [uid, keys] : snapshot_.occurrences) {
-        auto& sorted = set.dates.emplace(uid, keys).first->second;
-        std::sort(sorted.begin(), sorted.end());
-        sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-    }
+    // A restore point read from a file holds its keys as the file lists them.
+    for (const auto& [uid, keys] : snapshot_.occurrences)
+        sortOccurrenceKeys(set.dates.emplace(uid, keys).first->second);
     return set;
 }
 
